@@ -1,0 +1,114 @@
+// The machine: a PC in a process. It owns the scheduler, the executive's state, the SCSI port driver,
+// the transport and the physical memory, and loads one driver. Kernel routines are global functions,
+// so one machine exists at a time; constructing the next one after the last is destroyed starts
+// from nothing.
+//
+// Who uses it: qrn-station, the tests and the benchmarks. Set the configuration, construct, put what
+// firmware and boot loader leave in memory, then boot() a driver.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "machine/executive/debug_log.h"
+#include "machine/executive/faults.h"
+#include "machine/executive/physical_memory.h"
+#include "machine/executive/ports.h"
+#include "machine/executive/registry.h"
+#include "machine/scheduler/scheduler.h"
+
+namespace machine {
+
+class DriverImage;  // machine/loader/driver_image.h
+class ScsiPort;     // machine/scsiport/scsi_port.h
+class Transport;    // machine/transport/transport.h
+class Link;         // machine/transport/link.h
+
+enum class SchedulerKind { simulated, real };
+
+struct MachineConfig {
+    SchedulerKind scheduler = SchedulerKind::simulated;
+    std::uint64_t seed = 1;
+
+    // What MmGetPhysicalMemoryRanges lists. Empty: one range of 512 MB from 1 MB.
+    std::vector<MemoryRange> memory_ranges;
+    // Memory that stands above 4 GB without being managed; 0: none.
+    std::uint64_t unmanaged_above_4g_bytes = 0;
+    // The system itself addresses memory above 4 GB (Mm64BitPhysicalAddress).
+    bool mm64bit = false;
+    // The BIOS data area's count of base memory, in KB.
+    std::uint16_t base_memory_kb = 600;
+
+    // A machine whose forced reset through the ports works ends with Outcome::reset; on one where it
+    // does not, the driver goes on to its bug check.
+    bool reset_ports_work = true;
+
+    // Clusters of strict checks that a benchmark may leave out. Tests never do.
+    bool strict = true;
+};
+
+// How Machine::run ended.
+enum class Outcome {
+    finished,
+    stalled,    // body waits for something that can never happen
+    reset,      // the driver reset the machine through the ports
+    bug_check,  // KeBugCheck; see bug_check_code()
+};
+
+class Machine {
+public:
+    explicit Machine(MachineConfig config = {});
+    ~Machine();  // switches the machine off
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    static Machine& current();
+
+    const MachineConfig& config() const;
+    Scheduler& scheduler();
+    PhysicalMemory& memory();
+    Registry& registry();
+    Faults& faults();
+    DebugLog& log();
+    Ports& ports();
+
+    // The transport driver's device exists from the moment this is called; without it the machine has
+    // no transport. The link carries its packets and must live as long as the machine.
+    Transport& add_transport(Link& link);
+    Transport* transport();
+
+    // Loads the driver: DriverEntry in a system thread, then the boot-driver reinitialisation
+    // callbacks, then the bus scan. Call from inside run(). Returns DriverEntry's status.
+    std::int32_t boot(DriverImage& image);
+
+    // The port driver; valid after boot(). adapter_started() on it says whether the adapter came up.
+    ScsiPort& scsi();
+
+    // Runs body as a kernel thread at PASSIVE_LEVEL. Any number of calls, one at a time.
+    Outcome run(std::function<void()> body);
+
+    // Lets time pass for the calling kernel thread.
+    void sleep_ms(std::int64_t ms);
+    std::int64_t now_ms();
+
+    // From now on every pool allocation is a violation ("data path allocates") until set back.
+    void forbid_pool_allocation(bool forbid);
+    // Live pool bytes, by four-character tag; empty tag: all.
+    std::uint64_t pool_bytes(const std::string& tag = {}) const;
+
+    std::uint32_t bug_check_code() const;
+
+private:
+    struct Parts;
+    std::unique_ptr<Parts> parts_;
+};
+
+// A broken rule of the kernel's interface. Prints the message and the thread and stops the process
+// (abort), unless a test has installed a handler, which must not return.
+[[noreturn]] void violation(const std::string& message);
+void set_violation_handler(std::function<void(const std::string&)> handler);
+
+}  // namespace machine

@@ -1,0 +1,82 @@
+// Threads and time of the machine. Two implementations stand behind this interface:
+//
+//   real       kernel threads are host threads and run in parallel on the wall clock;
+//   simulated  one fiber at a time, a virtual clock that jumps to the next deadline, and the next
+//              thread drawn from a seed at every preemption point. A seed replays a run exactly.
+//
+// The executive (events, semaphores, spin locks, threads) is built on it and is the same for both.
+// Nothing here knows about the driver.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace machine {
+
+// 100 ns units since the machine was switched on, as the kernel counts.
+using Ticks = std::int64_t;
+constexpr Ticks ticks_per_us = 10;
+constexpr Ticks ticks_per_ms = 10'000;
+constexpr Ticks ticks_per_second = 10'000'000;
+constexpr Ticks never = INT64_MAX;
+
+struct Thread;  // one kernel thread; opaque outside scheduler/ and executive/
+
+using TimerId = std::uint64_t;
+
+class Scheduler {
+public:
+    virtual ~Scheduler() = default;
+
+    virtual bool simulated() const = 0;
+    virtual Ticks now() = 0;
+
+    // Starts a thread. The body runs at PASSIVE_LEVEL. When the machine is switched off, threads that
+    // still run are dropped where they stand and never resume; their stacks are not unwound.
+    virtual Thread& spawn(std::string name, std::function<void()> body) = 0;
+
+    // The calling thread. On the real scheduler a host thread that calls for the first time (a test,
+    // a network client's thread) becomes a kernel thread by this; on the simulated one it is null
+    // outside every fiber, that is inside a timer callback.
+    virtual Thread* current() = 0;
+
+    // The dispatcher lock guards the signal states and wait lists of all kernel objects.
+    virtual void lock_dispatcher() = 0;
+    virtual void unlock_dispatcher() = 0;
+
+    // Gives up the processor until wake() or the deadline; returns false when the deadline came first.
+    // Called, and returns, with the dispatcher lock held. Runs the block hooks first.
+    virtual bool block(Ticks deadline) = 0;
+    // Makes a blocked thread ready. Called with the dispatcher lock held.
+    virtual void wake(Thread& thread) = 0;
+
+    // A point where another thread may run. Does nothing on the real scheduler.
+    virtual void preempt() = 0;
+    // Called in a loop by a thread that spins on a lock held by another.
+    virtual void spin() = 0;
+
+    // Runs callback once at the given time, at DISPATCH_LEVEL, like a deferred procedure call: it may
+    // set events, take spin locks and queue packets, and must not wait. Any thread may call this.
+    virtual TimerId call_at(Ticks when, std::function<void()> callback) = 0;
+    // False when the callback has run, runs now, or was cancelled before.
+    virtual bool cancel(TimerId id) = 0;
+
+    // Called in every thread just before it blocks (without the dispatcher lock): work gathered for
+    // the thread leaves now, such as packets waiting to be sent in one system call.
+    virtual void add_block_hook(std::function<void()> hook) = 0;
+
+    // Runs body as a thread and returns when it has ended or nothing can ever run again. On the
+    // simulated scheduler this call is what drives all fibers. Returns false when body did not end:
+    // every thread is blocked for ever and no timer is set (simulated only), or the machine stopped.
+    virtual bool run(std::function<void()> body) = 0;
+
+    // Drops all threads and timers: the power is gone. Called by the machine only.
+    virtual void switch_off() = 0;
+};
+
+std::unique_ptr<Scheduler> make_real_scheduler();
+std::unique_ptr<Scheduler> make_simulated_scheduler(std::uint64_t seed);
+
+}  // namespace machine

@@ -1,0 +1,43 @@
+// Where a disk's blocks are kept: a raw image file, a block device, or memory.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace server {
+
+class BlockStore {
+public:
+    virtual ~BlockStore() = default;
+
+    virtual std::uint64_t size_bytes() const = 0;  // a multiple of 512
+    // Ranges are checked by the caller to lie inside the store. False: the medium failed.
+    virtual bool read(std::uint64_t offset, std::span<std::uint8_t> out) = 0;
+    virtual bool write(std::uint64_t offset, std::span<const std::uint8_t> data) = 0;
+    virtual bool flush() = 0;
+    // True only when the range certainly reads as zeros without being read (a hole).
+    virtual bool hole(std::uint64_t offset, std::uint64_t bytes) = 0;
+};
+
+// Throws std::system_error or std::runtime_error with a message that names the path.
+std::unique_ptr<BlockStore> open_file_store(const std::string& path, bool readonly);
+
+// All zeros at first; for tests and simulations.
+class MemoryStore : public BlockStore {
+public:
+    explicit MemoryStore(std::uint64_t size_bytes) : bytes_(static_cast<std::size_t>(size_bytes)) {}
+    std::uint64_t size_bytes() const override { return bytes_.size(); }
+    bool read(std::uint64_t offset, std::span<std::uint8_t> out) override;
+    bool write(std::uint64_t offset, std::span<const std::uint8_t> data) override;
+    bool flush() override { return true; }
+    bool hole(std::uint64_t, std::uint64_t) override { return false; }
+    std::vector<std::uint8_t>& bytes() { return bytes_; }
+
+private:
+    std::vector<std::uint8_t> bytes_;
+};
+
+}  // namespace server

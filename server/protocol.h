@@ -1,0 +1,77 @@
+// The block server's protocol without I/O: a packet in, packets out, block stores beneath. It never
+// trusts a packet. Single-threaded; the UDP program and the simulated network drive it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "formats/boot_block.h"
+#include "formats/wire.h"
+#include "server/block_store.h"
+
+namespace server {
+
+// Address a packet came from, and to which its answers go (Hardware and Zero bytes are 0 from UDP).
+using Peer = formats::ServerRecord;
+
+// Takes packets for a peer. Packets of one answer arrive in order, so a program can send those of
+// equal size in one system call; flush() ends each batch of Protocol::receive calls.
+class PacketSink {
+public:
+    virtual ~PacketSink() = default;
+    virtual void send(const Peer& to, std::span<const std::uint8_t> header,
+                      std::span<const std::uint8_t> data) = 0;
+};
+
+struct DiskOptions {
+    std::uint8_t disk_id[4] = {};  // formats::disk_id_mirror in byte 2 marks a mirrored disk
+    std::uint8_t disk_parm[4] = {};
+    bool readonly = false;       // writes are dropped and counted
+    std::uint32_t cache_mb = 0;  // cache word of the negotiation answer; 0: none
+};
+
+struct DiskCounters {
+    std::uint64_t read_requests = 0, read_bytes = 0, write_fragments = 0, writes_completed = 0,
+                  written_bytes = 0, repeated_writes = 0, status_queries = 0, acknowledgements = 0,
+                  zero_answers = 0, negotiations = 0, shutdowns = 0, flushes = 0, store_errors = 0;
+};
+
+struct DroppedCounters {
+    std::uint64_t short_packet = 0, unknown_disk = 0, unknown_kind = 0, bad_length = 0, bad_offset = 0,
+                  bad_fragment = 0, readonly = 0;
+};
+
+class Protocol {
+public:
+    explicit Protocol(PacketSink& sink);
+    ~Protocol();
+
+    // Disks are told apart by Disk_Id. The store must outlive the protocol. Returns the disk's index.
+    unsigned add_disk(const DiskOptions& options, BlockStore& store);
+
+    // One packet as it arrived.
+    void receive(const Peer& from, std::span<const std::uint8_t> packet);
+
+    // The server's own notices. A poll asks a workstation for its status; its answer comes back
+    // through receive() and is kept as last_poll_reply(). A retry limit goes to every packet in
+    // flight that the server knows of, for one disk.
+    void send_poll(const Peer& workstation, const Peer& self);
+    void send_retry_limit(unsigned disk);
+
+    // Writes back what the stores still hold.
+    void flush();
+
+    const DiskCounters& counters(unsigned disk) const;
+    const DroppedCounters& dropped() const;
+    // Empty when no reply has come yet.
+    std::span<const std::uint8_t> last_poll_reply() const;
+
+private:
+    struct Parts;
+    std::unique_ptr<Parts> parts_;
+};
+
+}  // namespace server
