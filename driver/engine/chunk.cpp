@@ -1,0 +1,155 @@
+#include "driver/engine/chunk.h"
+
+#include "driver/common/locks.h"
+#include "driver/engine/route.h"
+#include "driver/miniport/completion.h"
+#include "driver/miniport/request.h"
+#include "driver/net/exchange.h"
+#include "driver/net/packet.h"
+
+// Header bytes that a record brings to every worker that runs a chunk of it: all but the worker's own
+// Worker_Byte and the chunk's Pkt_Index.
+constexpr ULONG Hdr_Tagged_Bytes = offsetof(formats::WireHeader, Worker_Byte);
+static_assert(Hdr_Tagged_Bytes == 10);
+
+static void Restore_Setup(RW_Entry* pEntry, const RW_Req* pReq)
+{
+    auto pHdr = reinterpret_cast<const formats::WireHeader*>(pReq->Setup.Hdr);
+    pEntry->Lun = pReq->Lun;
+    pEntry->Setup = pReq->Setup.Pkt;
+    RtlCopyMemory(&pEntry->Hdr, pHdr, Hdr_Tagged_Bytes);
+    RtlCopyMemory(pEntry->Hdr.Disk_Parm, pHdr->Disk_Parm, sizeof pHdr->Disk_Parm);
+}
+
+// The first record whose disk has a free slot. An internal record waits until nothing stands behind it.
+static RW_Req* First_Ready()
+{
+    for (PLIST_ENTRY pLink = Active_List.Flink; pLink != &Active_List; pLink = pLink->Flink) {
+        RW_Req* pReq = CONTAINING_RECORD(pLink, RW_Req, Link);
+        if (Lun_Stats[pReq->Lun].Free_Slots > 0 && (pReq->pSrb || pLink->Flink == &Active_List))
+            return pReq;
+    }
+    return nullptr;
+}
+
+static RW_Entry* Take_Slot_Block()
+{
+    return IsListEmpty(&pRW_List) ? nullptr : CONTAINING_RECORD(RemoveHeadList(&pRW_List), RW_Entry, Link);
+}
+
+static void Give_Slot_Block_Back(RW_Entry* pBlock)
+{
+    if (pBlock)
+        ExInterlockedInsertTailList(&pRW_List, &pBlock->Link, &Active_Lock);
+}
+
+// Tags the chunk: once for all chunks of a read, each write chunk for itself. When every slot block is
+// lent out the worker's own index serves as the slot number, and nothing has to be given back.
+static void Tag_Chunk(RW_Entry* pEntry, RW_Req* pReq, bool First, LONG Bytes)
+{
+    if (pReq->Write) {
+        pEntry->pWr_Slot = Take_Slot_Block();
+        if (!pEntry->Setup.pMC_Write)
+            Pkt_Tag(pEntry, Write_Slot_Index(pEntry), Bytes);
+    } else if (First) {
+        pReq->pSlot = Take_Slot_Block();
+        Pkt_Tag(pEntry, (pReq->pSlot ? pReq->pSlot : pEntry)->Index(), static_cast<LONG>(pReq->Bytes));
+        RtlCopyMemory(pReq->Setup.Hdr, &pEntry->Hdr, Hdr_Tagged_Bytes);
+    }
+}
+
+static Chunk Pick_Next(RW_Entry* pEntry, RW_Req* pReq)
+{
+    ULONG Index = pReq->Chunk_Next++;
+    auto Size = static_cast<LONG>(pReq->Setup.Pkt.Split_Size);
+    LONG Offset = Size * static_cast<LONG>(Index);
+    Chunk Picked{pReq, Size, static_cast<LONG>(pReq->Bytes) - Offset};
+    if (Picked.Rest <= Size) {
+        Picked.Bytes = Picked.Rest;
+        Picked.Rest = 0;
+        RemoveEntryList(&pReq->Link);
+    }
+    if (InterlockedDecrement(&Lun_Stats[pReq->Lun].Free_Slots) <= 0)
+        Picked.Rest = -Picked.Rest;
+
+    Restore_Setup(pEntry, pReq);
+    pEntry->pData = pReq->pBuffer + Offset;
+    pEntry->Sector = pReq->Sector + static_cast<ULONG>(Offset >> 9);
+    pEntry->Hdr.Pkt_Index = static_cast<UCHAR>(Index);  // a chunk with a tag of its own restarts at 0
+    Tag_Chunk(pEntry, pReq, Index == 0, Picked.Bytes);
+    return Picked;
+}
+
+bool Chunk_Pick(RW_Entry* pEntry, Chunk& Picked)
+{
+    Spin_Guard Guard(Active_Lock);
+    RW_Req* pReq = First_Ready();
+    if (pReq)
+        Picked = Pick_Next(pEntry, pReq);
+    return pReq != nullptr;
+}
+
+// An internal record goes straight from its own buffer to the network.
+static void Run_Internal(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes)
+{
+    if (pReq->Status == Req_Failed)
+        return;
+    auto Operation = static_cast<USHORT>(pReq->Status);
+    pEntry->Hdr.Sub_Code = static_cast<UCHAR>(Operation);
+    pEntry->Hdr.Kind = static_cast<UCHAR>(Operation >> 8);
+    if (Net_Send_Wait(pEntry, Bytes) <= 0)
+        pReq->Status = Req_Failed;
+}
+
+// Lets others go on while this worker runs its chunk.
+static void Wake_Others(const RW_Entry* pEntry, const Chunk& Picked)
+{
+    if (Picked.Rest == 0)
+        Chan_Send(static_cast<Hw_Ext*>(Picked.pReq->pDone), nullptr, pEntry->Lun);
+    else if (Picked.Rest > 0)
+        KeReleaseSemaphore(&RW_Sem, IO_NO_INCREMENT, 1, FALSE);
+}
+
+static void Run_Srb(RW_Entry* pEntry, const Chunk& Picked)
+{
+    RW_Req* pReq = Picked.pReq;
+    Wake_Others(pEntry, Picked);
+    UCHAR* pCaller = pEntry->pData;
+    if (pReq->Write)
+        RtlCopyMemory(pEntry->Bounce, pCaller, static_cast<SIZE_T>(Picked.Bytes));
+    pEntry->pData = pEntry->Bounce;
+    for (LONG Left = Picked.Bytes; Left > 0;) {
+        LONG Done = Route_Piece(pEntry, pReq, Left);
+        Left -= Done;
+        pEntry->pData += Done;
+        pEntry->Sector += static_cast<ULONG>(Done >> 9);
+        pEntry->Hdr.Worker_Byte =
+            static_cast<UCHAR>(pEntry->Hdr.Worker_Byte + (Done >> 9) * formats::worker_sector_unit);
+    }
+    auto Processed = static_cast<SIZE_T>(pEntry->pData - pEntry->Bounce);
+    pEntry->pData = pCaller;
+    if (!pReq->Write)
+        RtlCopyMemory(pCaller, pEntry->Bounce, Processed);
+    Give_Slot_Block_Back(pEntry->pWr_Slot);
+    pEntry->pWr_Slot = nullptr;
+    pEntry->Hdr.Worker_Byte &= formats::worker_index_mask;
+}
+
+// After the last chunk the record belongs to its owner again.
+static void Finish_Chunk(RW_Entry* pEntry, RW_Req* pReq)
+{
+    InterlockedIncrement(&Lun_Stats[pEntry->Lun].Free_Slots);
+    if (InterlockedDecrement(&pReq->Chunk_Nums) > 0)
+        return;
+    Give_Slot_Block_Back(pReq->pSlot);
+    Req_Complete(pReq, pEntry->Lun);
+}
+
+void Chunk_Run(RW_Entry* pEntry, const Chunk& Picked)
+{
+    if (Picked.pReq->pSrb)
+        Run_Srb(pEntry, Picked);
+    else
+        Run_Internal(pEntry, Picked.pReq, Picked.Bytes);
+    Finish_Chunk(pEntry, Picked.pReq);
+}

@@ -1,0 +1,44 @@
+#include "driver/engine/route.h"
+
+#include "driver/engine/image_route.h"
+#include "driver/miniport/request.h"
+#include "driver/net/exchange.h"
+#include "driver/net/packet.h"
+#include "driver/startup/boot_param.h"
+#include "driver/startup/image_search.h"
+
+ULONG Write_Slot_Index(const RW_Entry* pEntry)
+{
+    return (pEntry->pWr_Slot ? pEntry->pWr_Slot : pEntry)->Index();
+}
+
+static LONG Route_Cache(RW_Entry* pEntry, const RW_Req* pReq, LONG Bytes)
+{
+    QRNH_OBJ_RW* pCache = pEntry->Setup.pMC_Write;
+    auto Ctx = reinterpret_cast<ULONG_PTR>(pEntry);
+    return pReq->Write ? pCache->Write(Ctx, pEntry->Sector, pEntry->pData, Bytes)
+                       : pCache->Read(Ctx, pEntry->Sector, pEntry->pData, Bytes);
+}
+
+// Bytes done: all of them, or on failure all that is left of the chunk.
+static LONG Route_Network(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes, LONG Left)
+{
+    if (pReq->Write && pEntry->Setup.pMC_Write)
+        Pkt_Tag(pEntry, Write_Slot_Index(pEntry), Left);
+    if (Net_Send_Wait(pEntry, Bytes) > 0)
+        return Bytes;
+    pReq->Status = Req_Failed;
+    return Left;
+}
+
+LONG Route_Piece(RW_Entry* pEntry, RW_Req* pReq, LONG Left)
+{
+    LONG Done = -Left;
+    if (Boot_Param.Boot_Mode.get() == formats::boot_mode_local_image && pSaved_MBR)
+        Done = Img_Route(pEntry, pReq, Left);
+    if (Done < 0 && pEntry->Setup.pMC_Write)
+        Done = Route_Cache(pEntry, pReq, -Done);
+    if (Done < 0)
+        Done = Route_Network(pEntry, pReq, -Done, Left);
+    return Done;
+}

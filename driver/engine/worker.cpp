@@ -1,0 +1,140 @@
+#include "driver/engine/worker.h"
+
+#include "driver/common/locks.h"
+#include "driver/common/pool.h"
+#include "driver/engine/chunk.h"
+#include "driver/engine/local_cache.h"
+#include "driver/miniport/adapter.h"
+#include "driver/miniport/completion.h"
+#include "driver/miniport/request.h"
+#include "driver/net/packet.h"
+#include "driver/net/receive.h"
+#include "driver/startup/boot_param.h"
+
+LIST_ENTRY pRW_List;
+RW_Entry* pRW_Tbl[RW_Threads_Max];
+volatile LONG RW_Count;
+
+LIST_ENTRY Pending_Queue;
+KSPIN_LOCK Pending_Lock;
+LIST_ENTRY Active_List;
+KSPIN_LOCK Active_Lock;
+KSEMAPHORE RW_Sem;
+
+constexpr LONG Sem_Limit = 0x7FFFFFFF;
+constexpr KPRIORITY Worker_Priority = 31;
+
+static void Start_Thread(PKSTART_ROUTINE Routine)
+{
+    HANDLE Thread;
+    if (NT_SUCCESS(
+            PsCreateSystemThread(&Thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, Routine, nullptr)))
+        ZwClose(Thread);
+}
+
+static RW_Entry* Create_Entry(ULONG Index)
+{
+    auto pEntry = static_cast<RW_Entry*>(ExAllocatePoolWithTag(NonPagedPool, sizeof(RW_Entry), Tag_Memory));
+    if (!pEntry)
+        return nullptr;
+    RtlZeroMemory(pEntry, offsetof(RW_Entry, Bounce));
+    KeInitializeSpinLock(&pEntry->Ack_Lock);
+    KeInitializeEvent(&pEntry->Ack_Event, SynchronizationEvent, FALSE);
+    pEntry->Hdr.Worker_Byte = static_cast<UCHAR>(Index);
+    return pEntry;
+}
+
+void Workers_Start(ULONG Count)
+{
+    KeInitializeSemaphore(&RW_Sem, 0, Sem_Limit);
+    InitializeListHead(&Pending_Queue);
+    KeInitializeSpinLock(&Pending_Lock);
+    InitializeListHead(&Active_List);
+    KeInitializeSpinLock(&Active_Lock);
+    InitializeListHead(&pRW_List);
+    RW_Count = 0;
+    for (ULONG Index = 0; Index < Count; ++Index) {
+        RW_Entry* pEntry = Create_Entry(Index);
+        if (!pEntry) {
+            DbgPrint("\nQRN SCSI: pRW_List Init Error!");
+            return;
+        }
+        InsertTailList(&pRW_List, &pEntry->Link);
+        pRW_Tbl[Index] = pEntry;
+        Start_Thread(QRN_RW_Thread);
+        if (Index == 0)
+            Start_Thread(QRN_Recv_Thread);
+    }
+}
+
+void Req_Queue(RW_Req* pReq)
+{
+    ExInterlockedInsertTailList(&Pending_Queue, &pReq->Link, &Pending_Lock);
+    KeReleaseSemaphore(&RW_Sem, IO_NO_INCREMENT, 1, FALSE);
+}
+
+static RW_Req* Take_Pending()
+{
+    PLIST_ENTRY pLink = ExInterlockedRemoveHeadList(&Pending_Queue, &Pending_Lock);
+    return pLink ? CONTAINING_RECORD(pLink, RW_Req, Link) : nullptr;
+}
+
+// Bytes per chunk of a record whose packets are set up in the entry.
+static ULONG Chunk_Size(const RW_Entry* pEntry, const RW_Req* pReq)
+{
+    if (Boot_Param.Boot_Mode.get() != formats::boot_mode_local_image)
+        return pEntry->Setup.Split_Size;
+    return pReq->Bytes < Bounce_Bytes ? pReq->Bytes : Bounce_Bytes;
+}
+
+// Settles how a record is cut and sent, and makes its chunks available to all workers.
+static void Admit(RW_Entry* pEntry, RW_Req* pReq)
+{
+    if (pReq->Bytes == 0 && pReq->Sector == 0) {
+        QRN_RW_HDD_Stop();
+        Req_Complete(pReq, pReq->Lun);
+        return;
+    }
+    if (!Disk_Set_Up(pReq->Lun)) {
+        // Only an empty transfer passes the range check of a disk that was absent at start-up.
+        Req_Complete(pReq, pReq->Lun);
+        return;
+    }
+    Pkt_Init(pEntry, pReq->Lun, pReq->Write);
+    Local_Init(pEntry);
+    ULONG Split_Size = Chunk_Size(pEntry, pReq);
+    pEntry->Setup.Split_Size = Split_Size;
+    pReq->Setup.Pkt = pEntry->Setup;
+    RtlCopyMemory(pReq->Setup.Hdr, &pEntry->Hdr, sizeof pReq->Setup.Hdr);
+    pReq->Chunk_Nums = Split_Size ? static_cast<LONG>((pReq->Bytes + Split_Size - 1) / Split_Size) : 0;
+    pReq->Chunk_Next = 0;
+    pReq->pSlot = nullptr;
+    ExInterlockedInsertTailList(&Active_List, &pReq->Link, &Active_Lock);
+}
+
+static void Work(RW_Entry* pEntry)
+{
+    for (;;) {
+        Chunk Picked;
+        if (Chunk_Pick(pEntry, Picked))
+            Chunk_Run(pEntry, Picked);
+        else if (RW_Req* pReq = Take_Pending())
+            Admit(pEntry, pReq);
+        else if (Stop_Level >= Stop_Threads)
+            return;
+        else
+            KeWaitForSingleObject(&RW_Sem, Executive, KernelMode, FALSE, nullptr);
+    }
+}
+
+VOID NTAPI QRN_RW_Thread(PVOID)
+{
+    LONG Index = InterlockedExchangeAdd(&RW_Count, 1);
+    DbgPrint("\nQRN SCSI: QRN_RW_Thread %d Created", Index);
+    KeWaitForSingleObject(&Start_Event, Executive, KernelMode, FALSE, nullptr);
+    KeSetPriorityThread(KeGetCurrentThread(), Worker_Priority);
+    Work(pRW_Tbl[Index]);
+    DbgPrint("\nQRN SCSI: QRN_RW_Thread %d End", RW_Count);
+    InterlockedDecrement(&RW_Count);
+    PsTerminateSystemThread(STATUS_SUCCESS);
+}

@@ -1,0 +1,78 @@
+#include "driver/miniport/completion.h"
+
+#include "driver/common/delay.h"
+#include "driver/engine/image_route.h"
+#include "driver/miniport/adapter.h"
+#include "driver/miniport/request.h"
+#include "driver/miniport/scsi_commands.h"
+#include "driver/startup/boot_param.h"
+
+constexpr LONG Stop_Polls = 30;
+constexpr LONG Stop_Poll_Ms = 100;
+
+static NTSTATUS NTAPI Chan_Done(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
+{
+    IoReuseIrp(Irp, STATUS_UNSUCCESSFUL);
+    KeSetEvent(&static_cast<Hw_Ext*>(Context)->Chan_Free, IO_NO_INCREMENT, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+static bool Take_Channel(Hw_Ext* pExt, bool Wait)
+{
+    LARGE_INTEGER Now;
+    Now.QuadPart = 0;
+    return KeWaitForSingleObject(&pExt->Chan_Free, Executive, KernelMode, FALSE, Wait ? nullptr : &Now) ==
+           STATUS_SUCCESS;
+}
+
+void Chan_Send(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb, ULONG Lun)
+{
+    if (!pExt || !Take_Channel(pExt, Srb != nullptr))
+        return;
+    pExt->Chan_Srb.Lun = static_cast<UCHAR>(Lun);
+    pExt->Chan_Srb.OriginalRequest = pExt->pChan_Irp;
+    pExt->Chan_Srb.SrbFlags = SRB_FLAGS_NO_QUEUE_FREEZE | SRB_FLAGS_BYPASS_FROZEN_QUEUE;
+    pExt->Chan_Ioctl.ReturnCode = reinterpret_cast<ULONG>(Srb);
+
+    PIO_STACK_LOCATION pStack = IoGetNextIrpStackLocation(pExt->pChan_Irp);
+    pStack->MajorFunction = IRP_MJ_SCSI;
+    pStack->MinorFunction = 0;
+    pStack->Parameters.DeviceIoControl.IoControlCode = IOCTL_SCSI_EXECUTE_NONE;
+    pStack->Parameters.Scsi.Srb = &pExt->Chan_Srb;
+    IoSetCompletionRoutine(pExt->pChan_Irp, Chan_Done, pExt, TRUE, TRUE, TRUE);
+    IofCallDriver(pExt->pPort_Dev, pExt->pChan_Irp);
+}
+
+static void Complete_Internal(RW_Req* pReq)
+{
+    if (pReq->pDone)
+        KeSetEvent(static_cast<PKEVENT>(pReq->pDone), IO_NO_INCREMENT, FALSE);
+}
+
+void Req_Complete(RW_Req* pReq, ULONG Lun)
+{
+    PSCSI_REQUEST_BLOCK Srb = pReq->pSrb;
+    if (!Srb) {
+        Complete_Internal(pReq);
+        return;
+    }
+    if (pReq->Status != 0) {
+        // The disk reports no medium from now on.
+        Boot_Param.Disks[Lun].Disk_Secs.set(0);
+        Set_Sense(Srb, Sense_No_Medium);
+    } else {
+        Srb->SrbStatus = SRB_STATUS_SUCCESS;
+    }
+    Chan_Send(static_cast<Hw_Ext*>(pReq->pDone), Srb, Lun);
+}
+
+void QRN_RW_HDD_Stop()
+{
+    DbgPrint("\nQRN_RW_HDD_Stop");
+    PVOID pState = pSync_State;
+    if (pState == nullptr || pState == Sync_Ended)
+        return;
+    *static_cast<volatile ULONG*>(pState) = 1;
+    for (LONG Poll = 0; Poll < Stop_Polls && pSync_State != Sync_Ended; ++Poll)
+        Sleep_Ms(Stop_Poll_Ms);
+}

@@ -1,0 +1,39 @@
+// The request record, the unit of work from SRB execution to the workers. For an SRB it is the SRB's
+// own extension, so queueing allocates nothing; internal records of the same layout, without an SRB,
+// are embedded in the objects that queue them.
+#pragma once
+
+#include <nt.h>
+
+#include "driver/engine/worker.h"
+
+constexpr LONG Req_Failed = -1;
+
+// What the admitting worker settled, for every worker that takes a chunk.
+struct Req_Setup {
+    Pkt_Setup Pkt;
+    UCHAR Hdr[16];  // the first bytes of the wire header
+    UCHAR Reserved[8];
+};
+static_assert(sizeof(Req_Setup) == 48);
+
+struct RW_Req {
+    LIST_ENTRY Link;           // in Pending_Queue, then in Active_List
+    PSCSI_REQUEST_BLOCK pSrb;  // null for an internal record
+    PVOID pDone;               // SRB record: its adapter's Hw_Ext; internal: a KEVENT set at the end, or null
+    volatile LONG Status;      // SRB record: 0 or Req_Failed; internal: the operation to send (bytes 4 and 5
+                               // of the header, low 16 bits) or Req_Failed
+    ULONG Lun;
+    ULONG Write;  // 0 for a read, 2 for a write
+    ULONG Bytes;
+    UCHAR* pBuffer;
+    ULONG Sector;  // engine sector: LBA + 1
+    // The rest belongs to the workers.
+    volatile LONG Chunk_Nums;  // chunks not yet finished; changed by atomic add
+    ULONG Chunk_Next;          // next chunk to hand out; Active_Lock
+    RW_Entry* pSlot;           // reads: the worker block lent as slot block, or null
+    Req_Setup Setup;
+};
+static_assert(sizeof(RW_Req) == 100);
+static_assert(offsetof(RW_Req, pSrb) == 8);
+static_assert(offsetof(RW_Req, Setup) == 52);

@@ -1,0 +1,47 @@
+// The disk table: counters and cache record of each disk, and the start of the engine's threads.
+// Lun_Init runs once in the loading thread before any worker exists.
+#pragma once
+
+#include <nt.h>
+
+#include "driver/engine/block_object.h"
+#include "formats/boot_block.h"
+
+// A worker counts into the read or the write triple of a disk. Changed by atomic add only.
+struct Seq_Counters {
+    volatile LONG Seq;       // tag set-ups; the low 16 bits go into the wire header
+    volatile LONG Secs;      // sectors announced by tag set-ups
+    volatile LONG TimeOuts;  // of packets
+};
+
+struct Lun_Counters {
+    volatile LONG Free_Slots;  // chunks that may still be started at once; changed by atomic add
+    Seq_Counters Rd;
+    Seq_Counters Wr;
+    volatile LONG Queued;  // read/write SRBs queued and not yet completed; changed by atomic add
+};
+static_assert(sizeof(Lun_Counters) == 32);
+static_assert(offsetof(Lun_Counters, Rd) == 4);
+static_assert(offsetof(Lun_Counters, Wr) == 16);
+static_assert(offsetof(Lun_Counters, Queued) == 28);
+
+enum Cache_State : LONG {
+    Cache_None = -1,
+    Cache_Unknown = 0,  // not negotiated with the server
+    Cache_In_Use = 1,
+};
+
+// State and pMC_Write are written under Lock and never change once State is not Cache_Unknown.
+struct Local_Cache_Record {
+    KEVENT Lock;  // synchronization event used as a mutex; signalled: free
+    volatile LONG State;
+    QRNH_OBJ_RW* pMC_Write;
+};
+
+extern Lun_Counters Lun_Stats[formats::disk_count_max];
+extern Local_Cache_Record Local_Cache[formats::disk_count_max];
+
+// The disk existed at start-up, so requests for it can take its slots.
+bool Disk_Set_Up(ULONG Lun);
+
+void Lun_Init(PUNICODE_STRING pService_Key);
