@@ -2,11 +2,10 @@
 // trusts a packet. Single-threaded; the UDP program and the simulated network drive it.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <span>
-#include <string>
-#include <vector>
 
 #include "formats/boot_block.h"
 #include "formats/wire.h"
@@ -18,12 +17,19 @@ namespace server {
 using Peer = formats::ServerRecord;
 
 // Takes packets for a peer. Packets of one answer arrive in order, so a program can send those of
-// equal size in one system call; flush() ends each batch of Protocol::receive calls.
+// equal size in one system call.
 class PacketSink {
 public:
     virtual ~PacketSink() = default;
+    // The header is the caller's again on return. The data lies in the last data_buffer().
     virtual void send(const Peer& to, std::span<const std::uint8_t> header,
                       std::span<const std::uint8_t> data) = 0;
+    // Room for the data of one answer, formats::packet_bytes_max. A sink that keeps packets after
+    // send() hands out memory that stays untouched until they are gone.
+    virtual std::span<std::uint8_t> data_buffer() { return buffer_; }
+
+private:
+    std::array<std::uint8_t, formats::packet_bytes_max> buffer_;
 };
 
 struct DiskOptions {
@@ -50,19 +56,25 @@ public:
     ~Protocol();
 
     // Disks are told apart by Disk_Id. The store must outlive the protocol. Returns the disk's index.
+    // Throws std::invalid_argument for an id that is zero, taken, or begins like a status poll.
     unsigned add_disk(const DiskOptions& options, BlockStore& store);
+
+    // The time from any fixed start, as of the packets that follow. It only ages what the server
+    // remembers of completed and unfinished writes; without it nothing ages.
+    void set_time_ms(std::uint64_t now_ms);
 
     // One packet as it arrived.
     void receive(const Peer& from, std::span<const std::uint8_t> packet);
 
     // The server's own notices. A poll asks a workstation for its status; its answer comes back
     // through receive() and is kept as last_poll_reply(). A retry limit goes to every packet in
-    // flight that the server knows of, for one disk.
+    // flight that the server knows of, for one disk: writes of which fragments are missing, and
+    // requests that it could not serve.
     void send_poll(const Peer& workstation, const Peer& self);
     void send_retry_limit(unsigned disk);
 
-    // Writes back what the stores still hold.
-    void flush();
+    // Writes back what the stores still hold. False: a store failed, its data may be lost.
+    bool flush();
 
     const DiskCounters& counters(unsigned disk) const;
     const DroppedCounters& dropped() const;

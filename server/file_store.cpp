@@ -1,0 +1,144 @@
+// Raw image files and block devices. Every read and write is one system call on the page cache; the
+// file is locked against a second server that would write to it.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <limits>
+#include <stdexcept>
+#include <system_error>
+
+#include "formats/boot_block.h"
+#include "server/block_store.h"
+
+namespace server {
+
+namespace {
+
+// Repeats `transfer` (pread or pwrite) until everything is done. False: an error, or the end of file.
+template <typename Transfer, typename Byte>
+bool transfer_all(Transfer transfer, int file, std::uint64_t offset, std::span<Byte> bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t done = transfer(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (done < 0 && errno == EINTR)
+            continue;
+        if (done <= 0)
+            return false;
+        bytes = bytes.subspan(static_cast<std::size_t>(done));
+        offset += static_cast<std::uint64_t>(done);
+    }
+    return true;
+}
+
+class FileStore : public BlockStore {
+public:
+    FileStore(const std::string& path, bool readonly)
+        : file_(open(path.c_str(), (readonly ? O_RDONLY : O_RDWR) | O_CLOEXEC))
+    {
+        if (file_ < 0)
+            throw std::system_error(errno, std::generic_category(), path);
+        try {
+            size_bytes_ = measure(path);
+            lock(path, readonly);
+        } catch (...) {
+            close(file_);
+            throw;
+        }
+    }
+    ~FileStore() override { close(file_); }
+    FileStore(const FileStore&) = delete;
+    FileStore& operator=(const FileStore&) = delete;
+
+    std::uint64_t size_bytes() const override { return size_bytes_; }
+    bool read(std::uint64_t offset, std::span<std::uint8_t> out) override
+    {
+        return transfer_all(pread, file_, offset, out);
+    }
+    bool write(std::uint64_t offset, std::span<const std::uint8_t> data) override
+    {
+        return transfer_all(pwrite, file_, offset, data);
+    }
+    bool flush() override { return fdatasync(file_) == 0; }
+    bool hole(std::uint64_t offset, std::uint64_t bytes) override;
+
+private:
+    std::uint64_t measure(const std::string& path);
+    void lock(const std::string& path, bool readonly);
+
+    int file_;
+    std::uint64_t size_bytes_ = 0;
+    bool may_have_holes_ = false;
+    // A stretch known to hold data, so that most reads of data need not ask. Holes are always asked
+    // for: someone may fill them.
+    std::uint64_t data_begin_ = 0;
+    std::uint64_t data_end_ = 0;
+};
+
+std::uint64_t FileStore::measure(const std::string& path)
+{
+    struct stat status;
+    if (fstat(file_, &status) != 0)
+        throw std::system_error(errno, std::generic_category(), path);
+    std::uint64_t size = 0;
+    if (S_ISBLK(status.st_mode)) {
+        if (ioctl(file_, BLKGETSIZE64, &size) != 0)
+            throw std::system_error(errno, std::generic_category(), path);
+    } else if (S_ISREG(status.st_mode)) {
+        size = static_cast<std::uint64_t>(status.st_size);
+        may_have_holes_ = true;
+    } else {
+        throw std::runtime_error(path + ": neither a file nor a block device");
+    }
+    if (size == 0)
+        throw std::runtime_error(path + ": is empty");
+    if (size % formats::sector_bytes != 0)
+        throw std::runtime_error(path + ": its size is no multiple of 512 bytes");
+    if (size / formats::sector_bytes > std::numeric_limits<std::uint32_t>::max())
+        throw std::runtime_error(path + ": has more sectors than 32 bits count (2 TB)");
+    return size;
+}
+
+void FileStore::lock(const std::string& path, bool readonly)
+{
+    if (flock(file_, (readonly ? LOCK_SH : LOCK_EX) | LOCK_NB) == 0)
+        return;
+    if (errno == EWOULDBLOCK)
+        throw std::runtime_error(path + ": is in use by another server");
+    throw std::system_error(errno, std::generic_category(), path);
+}
+
+bool FileStore::hole(std::uint64_t offset, std::uint64_t bytes)
+{
+    if (!may_have_holes_ || (offset >= data_begin_ && offset < data_end_))
+        return false;
+    const off_t data = lseek(file_, static_cast<off_t>(offset), SEEK_DATA);
+    if (data < 0) {
+        struct stat status;
+        if (errno == ENXIO)  // no data from here to the end
+            return fstat(file_, &status) == 0 && static_cast<std::uint64_t>(status.st_size) >= offset + bytes;
+        may_have_holes_ = false;
+        return false;
+    }
+    if (static_cast<std::uint64_t>(data) >= offset + bytes)
+        return true;
+    const off_t end = lseek(file_, data, SEEK_HOLE);
+    if (end > data) {
+        data_begin_ = static_cast<std::uint64_t>(data);
+        data_end_ = static_cast<std::uint64_t>(end);
+    }
+    return false;
+}
+
+}  // namespace
+
+std::unique_ptr<BlockStore> open_file_store(const std::string& path, bool readonly)
+{
+    return std::make_unique<FileStore>(path, readonly);
+}
+
+}  // namespace server

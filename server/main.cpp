@@ -1,0 +1,260 @@
+// qrn-server: the disks of a command line, served over UDP until a signal ends it.
+#include <signal.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <vector>
+
+#define FMT_HEADER_ONLY
+#include <fmt/format.h>
+
+#include "server/block_store.h"
+#include "server/boot_parameters.h"
+#include "server/options.h"
+#include "server/protocol.h"
+#include "server/statistics.h"
+#include "server/udp_socket.h"
+
+namespace {
+
+using namespace server;
+
+volatile sig_atomic_t stop_requested = 0;
+volatile sig_atomic_t retry_limit_requested = 0;
+volatile sig_atomic_t flush_requested = 0;
+
+extern "C" void note_signal(int signal)
+{
+    if (signal == SIGUSR1)
+        retry_limit_requested = 1;
+    else if (signal == SIGUSR2)
+        flush_requested = 1;
+    else
+        stop_requested = 1;
+}
+
+// Signals end the socket's wait; one that comes just before the wait is noticed at its end.
+void take_signals()
+{
+    struct sigaction action {};
+    action.sa_handler = note_signal;
+    for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2})
+        sigaction(signal, &action, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+std::uint64_t now_ms()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1000 +
+           static_cast<std::uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
+class Server {
+public:
+    explicit Server(const Options& options);
+    void run();
+
+private:
+    void open_disks();
+    void receive(const Peer& from, std::span<const std::uint8_t> packet);
+    void note_workstation(const Peer& address);
+    void take_poll_reply(const Peer& from, std::span<const std::uint8_t> packet);
+    void poll_next();
+    void obey_signals();
+    void every_second();
+    Statistics statistics() const;
+    void write_statistics();
+
+    static constexpr std::size_t workstations_max = 64;
+
+    const Options& options_;
+    UdpSocket socket_;
+    Protocol protocol_;
+    Peer self_;
+    std::vector<std::unique_ptr<BlockStore>> stores_;
+    std::vector<std::uint64_t> disk_bytes_;
+    std::vector<Peer> workstations_;  // heard of lately; only kept for polls
+    std::vector<PolledWorkstation> polled_;
+    std::size_t next_poll_ = 0;
+    std::uint64_t start_ms_ = now_ms();
+    std::uint64_t next_second_ms_ = start_ms_ + 1000;
+    std::uint64_t next_poll_ms_ = start_ms_;
+};
+
+Server::Server(const Options& options)
+    : options_(options), socket_(options.listen), protocol_(socket_), self_(socket_.address())
+{
+    if (options_.advertise)
+        std::memcpy(self_.Ip, options_.advertise->Ip, sizeof self_.Ip);
+    open_disks();
+    if (!options_.boot_block_path.empty()) {
+        std::vector<std::uint32_t> sectors;
+        for (const std::uint64_t bytes : disk_bytes_)
+            sectors.push_back(static_cast<std::uint32_t>(bytes / formats::sector_bytes));
+        const formats::Boot_Param block = make_boot_parameters(options_.disks, sectors, self_);
+        replace_file(options_.boot_block_path, {reinterpret_cast<const char*>(&block), sizeof block});
+    }
+    write_statistics();
+}
+
+void Server::open_disks()
+{
+    for (unsigned lun = 0; lun < options_.disks.size(); ++lun) {
+        const DiskSpec& spec = options_.disks[lun];
+        if (spec.mirror && to_text(*spec.mirror) == to_text(self_))
+            throw UsageError(spec.path + ": the mirror is this server itself");
+        stores_.push_back(open_file_store(spec.path, spec.readonly));
+        disk_bytes_.push_back(stores_.back()->size_bytes());
+        DiskOptions disk;
+        std::memcpy(disk.disk_id, spec.id, sizeof disk.disk_id);
+        set_disk_parm(disk.disk_parm, lun);
+        disk.readonly = spec.readonly;
+        protocol_.add_disk(disk, *stores_.back());
+    }
+}
+
+void Server::run()
+{
+    fmt::print("ready {}\n", to_text(self_));
+    std::fflush(stdout);
+    const UdpSocket::Handler handler = [this](const Peer& from, std::span<const std::uint8_t> packet) {
+        receive(from, packet);
+    };
+    while (stop_requested == 0) {
+        socket_.receive(handler);
+        const std::uint64_t now = now_ms();
+        protocol_.set_time_ms(now);
+        obey_signals();
+        if (now >= next_second_ms_) {
+            next_second_ms_ = now + 1000;
+            every_second();
+        }
+    }
+    const bool flushed = protocol_.flush();
+    write_statistics();
+    fmt::print("{}", statistics().summary());
+    if (!flushed)
+        throw std::runtime_error("a disk could not be written back; its last writes may be lost");
+}
+
+void Server::receive(const Peer& from, std::span<const std::uint8_t> packet)
+{
+    protocol_.receive(from, packet);
+    if (options_.poll_interval_s != 0) {
+        note_workstation(from);
+        take_poll_reply(from, packet);
+    }
+}
+
+void Server::note_workstation(const Peer& address)
+{
+    const auto is_it = [&](const Peer& other) { return std::memcmp(&other, &address, sizeof other) == 0; };
+    if (std::ranges::any_of(workstations_, is_it))
+        return;
+    if (workstations_.size() == workstations_max)
+        workstations_.erase(workstations_.begin());
+    workstations_.push_back(address);
+}
+
+// The protocol has judged the packet: it is the last reply exactly when it was the one asked for.
+void Server::take_poll_reply(const Peer& from, std::span<const std::uint8_t> packet)
+{
+    if (packet.size() != sizeof(formats::PollReply) ||
+        !std::ranges::equal(packet, protocol_.last_poll_reply()))
+        return;
+    const auto is_it = [&](const PolledWorkstation& other) {
+        return std::memcmp(&other.address, &from, sizeof from) == 0;
+    };
+    auto found = std::ranges::find_if(polled_, is_it);
+    if (found == polled_.end()) {
+        if (polled_.size() == workstations_max)
+            polled_.erase(polled_.begin());
+        found = polled_.insert(polled_.end(), PolledWorkstation{from, {}});
+    }
+    std::memcpy(&found->reply, packet.data(), sizeof found->reply);
+}
+
+void Server::poll_next()
+{
+    if (workstations_.empty())
+        return;
+    next_poll_ = (next_poll_ + 1) % workstations_.size();
+    protocol_.send_poll(workstations_[next_poll_], self_);
+    socket_.flush();
+}
+
+void Server::obey_signals()
+{
+    if (retry_limit_requested != 0) {
+        retry_limit_requested = 0;
+        for (unsigned lun = 0; lun < options_.disks.size(); ++lun)
+            protocol_.send_retry_limit(lun);
+        socket_.flush();
+    }
+    if (flush_requested != 0) {
+        flush_requested = 0;
+        protocol_.flush();
+    }
+}
+
+void Server::every_second()
+{
+    if (options_.poll_interval_s != 0 && now_ms() >= next_poll_ms_) {
+        next_poll_ms_ = now_ms() + options_.poll_interval_s * 1000;
+        poll_next();
+    }
+    write_statistics();
+}
+
+Statistics Server::statistics() const
+{
+    return {.options = options_,
+            .protocol = protocol_,
+            .socket = socket_.counters(),
+            .disk_bytes = disk_bytes_,
+            .address = to_text(self_),
+            .uptime_s = static_cast<double>(now_ms() - start_ms_) / 1000,
+            .workstations = polled_};
+}
+
+void Server::write_statistics()
+{
+    if (!options_.stats_json_path.empty())
+        replace_file(options_.stats_json_path, statistics().json());
+}
+
+int report(const std::exception& error, int status)
+{
+    fmt::print(stderr, "qrn-server: {}\n", error.what());
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    std::optional<Options> options;
+    std::unique_ptr<Server> server;
+    try {
+        options = parse_options(argc, argv);
+        if (!options)
+            return 0;
+        take_signals();
+        server = std::make_unique<Server>(*options);
+    } catch (const std::exception& error) {
+        return report(error, 2);
+    }
+    try {
+        server->run();
+    } catch (const std::exception& error) {
+        return report(error, 1);
+    }
+    return 0;
+}

@@ -1,0 +1,46 @@
+// The command line of qrn-server.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "formats/boot_block.h"
+
+namespace server {
+
+struct DiskSpec {
+    std::string path;
+    std::uint8_t id[4];
+    unsigned read_kb = 16;
+    unsigned write_kb = 16;
+    unsigned slots = 4;
+    unsigned retry_mins = 1;
+    std::optional<formats::ServerRecord> mirror;
+    bool delay_load = false;
+    bool readonly = false;
+};
+
+struct Options {
+    formats::ServerRecord listen;
+    std::optional<formats::ServerRecord> advertise;  // only its address counts
+    std::vector<DiskSpec> disks;
+    std::string boot_block_path;  // empty: none
+    std::string stats_json_path;
+    unsigned poll_interval_s = 0;
+};
+
+// The message is one line for the person who typed the command.
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Nothing when only help was asked for, which is then printed. Throws UsageError.
+std::optional<Options> parse_options(int argc, const char* const* argv);
+
+std::string to_text(const formats::ServerRecord& address);
+
+}  // namespace server

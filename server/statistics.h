@@ -1,0 +1,35 @@
+// What the server counts, as JSON for others to read while it runs, and as a summary at its end.
+#pragma once
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "server/options.h"
+#include "server/protocol.h"
+#include "server/udp_socket.h"
+
+namespace server {
+
+struct PolledWorkstation {
+    Peer address;
+    formats::PollReply reply;
+};
+
+struct Statistics {
+    const Options& options;
+    const Protocol& protocol;
+    const SocketCounters& socket;
+    std::span<const std::uint64_t> disk_bytes;
+    std::string address;
+    double uptime_s;
+    std::span<const PolledWorkstation> workstations;
+
+    std::string json() const;
+    std::string summary() const;
+};
+
+// Readers see the old content or the new one, never a part. Throws std::system_error.
+void replace_file(const std::string& path, std::span<const char> content);
+
+}  // namespace server

@@ -1,0 +1,104 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "tests/server/workstation_model.h"
+
+using namespace server_test;
+using server::open_file_store;
+
+namespace {
+
+struct File_store : testing::Test {
+    File_store()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "qrn-store-XXXXXX").string();
+        directory = mkdtemp(pattern.data());
+        path = directory / "disk.img";
+        make(1 << 20);
+    }
+    ~File_store() override { std::filesystem::remove_all(directory); }
+    void make(std::uint64_t size) const
+    {
+        std::ofstream(path).close();
+        std::filesystem::resize_file(path, size);
+    }
+    std::string refusal(bool readonly = false) const
+    {
+        try {
+            open_file_store(path.string(), readonly);
+        } catch (const std::exception& error) {
+            return error.what();
+        }
+        return "";
+    }
+    std::filesystem::path directory, path;
+};
+
+TEST_F(File_store, Keeps_what_is_written_and_knows_its_holes_as_they_fill)
+{
+    Bytes data(16384), read(16384);
+    fill(data, 1);
+    {
+        const auto store = open_file_store(path.string(), false);
+        EXPECT_EQ(store->size_bytes(), 1u << 20);
+        if (!store->hole(0, 1 << 20))
+            GTEST_SKIP() << "this file system does not tell holes";
+        ASSERT_TRUE(store->write(65536, data));
+        EXPECT_TRUE(store->flush());
+        EXPECT_TRUE(store->hole(0, 65536));
+        EXPECT_FALSE(store->hole(65536 - 512, 1024));
+        EXPECT_FALSE(store->hole(65536, 16384));
+        EXPECT_FALSE(store->hole(65536 + 15872, 1024));
+        EXPECT_TRUE(store->hole(131072, 16384));
+        ASSERT_TRUE(store->write(131072, data));
+        EXPECT_FALSE(store->hole(131072, 512));
+    }
+    const auto store = open_file_store(path.string(), true);
+    ASSERT_TRUE(store->read(65536, read));
+    EXPECT_EQ(read, data);
+    EXPECT_FALSE(store->write(0, data)) << "opened for reading only";
+}
+
+TEST_F(File_store, A_file_that_shrank_fails_instead_of_reading_as_zeros)
+{
+    const auto store = open_file_store(path.string(), false);
+    std::filesystem::resize_file(path, 4096);
+    Bytes data(8192);
+    EXPECT_FALSE(store->read(0, data));
+    EXPECT_FALSE(store->hole(8192, 8192));
+}
+
+TEST_F(File_store, Unfit_files_are_refused_with_the_reason)
+{
+    make(0);
+    EXPECT_NE(refusal().find("is empty"), std::string::npos);
+    make(513);
+    EXPECT_NE(refusal().find("no multiple of 512"), std::string::npos);
+    make(std::uint64_t{1} << 41);
+    EXPECT_NE(refusal().find("more sectors than 32 bits count"), std::string::npos);
+    make((std::uint64_t{1} << 41) - 512);
+    EXPECT_EQ(refusal(), "");
+    path = directory;
+    EXPECT_NE(refusal(true).find("neither a file nor a block device"), std::string::npos);
+    path = directory / "missing";
+    EXPECT_NE(refusal().find("No such file"), std::string::npos);
+}
+
+TEST_F(File_store, A_writable_image_has_one_server_and_a_readonly_one_may_have_many)
+{
+    {
+        const auto first = open_file_store(path.string(), false);
+        EXPECT_NE(refusal(false).find("in use"), std::string::npos);
+        EXPECT_NE(refusal(true).find("in use"), std::string::npos);
+    }
+    const auto first = open_file_store(path.string(), true);
+    EXPECT_EQ(refusal(true), "");
+    EXPECT_NE(refusal(false).find("in use"), std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,151 @@
+#include <gtest/gtest.h>
+
+#include <numeric>
+
+#include "tests/server/workstation_model.h"
+
+using namespace server_test;
+using formats::kind_read;
+
+namespace {
+
+struct Reads : ServerFixture, testing::Test {
+    Reads() { fill(store.bytes(), 1); }
+    Bytes expected(const Packet& packet)
+    {
+        return stored(packet.header.Byte_Offset.get() / 512 - 1, packet.data.size());
+    }
+};
+
+TEST_F(Reads, First_fragment_of_1024_bytes_is_byte_exact)
+{
+    Packet packet(kind_read, 0x102, 1024, 0x0304, 5);
+    packet.header.Tag.set(0xB0A1);
+    packet.header.Pkt_Index = 9;
+    packet.header.Disk_Parm[1] = 0x77;
+    const auto answers = exchange(packet.request());
+    ASSERT_EQ(answers.size(), 1u);
+    Bytes header = {0x51, 0x52, 0x00, 0x01, 0x00, 0x5D, 0xB0, 0xA1, 0x04, 0x03, 0x05, 0x09,
+                    0x00, 0x77, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x02, 0x06, 0x00,
+                    0x04, 0x00, 0x00, 0x00, 0x04, 0x00, 0x00, 0x01, 0x00, 0x01};
+    const Bytes data = stored(0x102, 1024);
+    header.insert(header.end(), data.begin(), data.end());
+    EXPECT_EQ(answers[0], header);
+    EXPECT_EQ(sink.sent.size(), 0u);
+}
+
+TEST_F(Reads, Every_length_at_both_ends_of_the_disk_arrives_whole)
+{
+    const std::uint64_t sectors = store.size_bytes() / 512;
+    for (unsigned length = 512; length <= 16384; length += 512)
+        for (const std::uint64_t sector : {std::uint64_t{0}, sectors - length / 512})
+            for (const std::uint8_t kind : {formats::kind_read, formats::kind_sync_read}) {
+                Packet packet(kind, sector, length, 1);
+                const auto answers = exchange(packet.request());
+                EXPECT_EQ(answers.size(), packet.fragments());
+                for (const Bytes& answer : answers)
+                    packet.receive(answer);
+                ASSERT_TRUE(packet.complete()) << length;
+                ASSERT_EQ(packet.data, expected(packet)) << length << " bytes at sector " << sector;
+            }
+    EXPECT_EQ(store.accesses_outside, 0u);
+}
+
+TEST_F(Reads, A_query_is_answered_with_exactly_the_fragments_that_are_missing)
+{
+    Packet sample(kind_read, 3, 6144, 1);
+    const auto all = exchange(sample.request());
+    ASSERT_EQ(all.size(), 5u);
+    for (unsigned lost = 0; lost < 32; ++lost) {
+        Packet packet(kind_read, 3, 6144, 1);
+        for (unsigned i = 0; i < 5; ++i)
+            if ((lost >> i & 1) == 0)
+                packet.receive(all[i]);
+        ASSERT_EQ(packet.complete(), lost == 0);
+        const auto answers = exchange(packet.request(true));
+        ASSERT_EQ(answers.size(), static_cast<std::size_t>(std::popcount(lost)));
+        for (const Bytes& answer : answers)
+            packet.receive(answer);
+        EXPECT_TRUE(packet.complete());
+        EXPECT_EQ(packet.data, expected(packet));
+    }
+    EXPECT_EQ(counters().status_queries, 32u);
+}
+
+TEST_F(Reads, Two_zero_answers_complete_a_hole_in_any_order_and_one_never_does)
+{
+    store.holes_known = true;
+    Packet sample(kind_read, 32, 16384, 1);
+    fill(sample.data, 2);
+    const auto zeros = exchange(sample.request());
+    ASSERT_EQ(zeros.size(), 2u);
+    EXPECT_EQ(zeros[0].size(), 34u);
+    for (const auto& arrivals : {std::vector<int>{0, 1}, {1, 0}, {0, 0, 1}, {1, 1, 0}}) {
+        Packet packet = sample;
+        for (std::size_t i = 0; i + 1 < arrivals.size(); ++i) {
+            packet.receive(zeros[static_cast<std::size_t>(arrivals[i])]);
+            EXPECT_FALSE(packet.complete());
+        }
+        packet.receive(zeros[static_cast<std::size_t>(arrivals.back())]);
+        EXPECT_TRUE(packet.complete());
+        EXPECT_EQ(packet.data, Bytes(16384));
+    }
+}
+
+TEST_F(Reads, A_lost_zero_answer_is_made_good_by_a_query)
+{
+    store.holes_known = true;
+    for (const std::size_t arrived : {0u, 1u})
+        for (const std::size_t arrives_later : {0u, 1u}) {
+            Packet packet(kind_read, 32, 8192, 1);
+            packet.receive(exchange(packet.request())[arrived]);
+            const auto again = exchange(packet.request(true));
+            ASSERT_EQ(again.size(), 2u);
+            packet.receive(again[arrives_later]);
+            packet.receive(again[1 - arrives_later]);
+            EXPECT_TRUE(packet.complete());
+        }
+}
+
+// The hole is written to between two answers to one read; whatever is lost and in whatever order the
+// rest arrives, the read completes with old and new bytes only.
+TEST_F(Reads, A_hole_filled_while_it_is_read_gives_old_or_new_bytes)
+{
+    std::fill(store.bytes().begin(), store.bytes().end(), std::uint8_t{0});
+    store.holes_known = true;
+    Packet sample(kind_read, 0, 3072, 1);
+    fill(sample.data, 9);
+    const auto zeros = exchange(sample.request());
+    Packet write = make_write(0, 3072, 1, 3);
+    for (const Bytes& fragment : write.send())
+        exchange(fragment);
+    const auto data = exchange(sample.request());
+    ASSERT_EQ(zeros.size() + data.size(), 5u);
+    std::vector<Bytes> arriving = zeros;
+    arriving.insert(arriving.end(), data.begin(), data.end());
+    std::vector<std::size_t> order(arriving.size());
+    std::iota(order.begin(), order.end(), 0u);
+    do {
+        Packet packet = sample;
+        for (std::size_t i = 0; i < order.size() && !packet.complete(); ++i) {
+            packet.receive(arriving[order[i]]);
+            Packet asking = packet;
+            for (const Bytes& answer : exchange(asking.request(true)))
+                asking.receive(answer);
+            ASSERT_TRUE(asking.complete()) << "a query must lead to the end after any step";
+        }
+        ASSERT_TRUE(packet.complete());
+        for (std::size_t i = 0; i < packet.data.size(); ++i)
+            ASSERT_TRUE(packet.data[i] == 0 || packet.data[i] == write.data[i]) << "byte " << i;
+    } while (std::next_permutation(order.begin(), order.end()));
+}
+
+TEST_F(Reads, A_failing_store_is_silent_and_counted)
+{
+    store.fails = true;
+    Packet packet(kind_read, 0, 512, 1);
+    EXPECT_TRUE(exchange(packet.request()).empty());
+    EXPECT_EQ(counters().store_errors, 1u);
+}
+
+}  // namespace
