@@ -34,7 +34,7 @@ struct MachineConfig {
     std::uint64_t seed = 1;
 
     // What MmGetPhysicalMemoryRanges lists. Empty: one range of 512 MB from 1 MB.
-    std::vector<MemoryRange> memory_ranges;
+    std::vector<MemoryRange> memory_ranges = {};
     // Memory that stands above 4 GB without being managed; 0: none.
     std::uint64_t unmanaged_above_4g_bytes = 0;
     // The system itself addresses memory above 4 GB (Mm64BitPhysicalAddress).
@@ -80,8 +80,8 @@ public:
     Transport& add_transport(Link& link);
     Transport* transport();
 
-    // Loads the driver: DriverEntry in a system thread, then the boot-driver reinitialisation
-    // callbacks, then the bus scan. Call from inside run(). Returns DriverEntry's status.
+    // Loads the driver: DriverEntry in a system thread, then the bus scan, then the boot-driver
+    // reinitialisation callbacks. Call from inside run(). Returns DriverEntry's status.
     std::int32_t boot(DriverImage& image);
 
     // The port driver; valid after boot(). adapter_started() on it says whether the adapter came up.

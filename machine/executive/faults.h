@@ -11,7 +11,7 @@ namespace machine {
 
 enum class Operation {
     pool_allocate,   // name: the four-character tag
-    map_io_space,    // name: the physical address in hexadecimal
+    map_io_space,    // name: the physical address in hexadecimal, upper case, without prefix
     irp_allocate,    // name: "IoAllocateIrp" or "IoBuildDeviceIoControlRequest"
     thread_create,   // name: empty
     registry_open,   // name: the path

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <mutex>
 #include <span>
 #include <vector>
 
@@ -34,7 +35,7 @@ public:
     // not present or no address space is left. Undone with the same address and length only.
     void* map(std::uint64_t address, std::uint64_t bytes);
     void unmap(void* window, std::uint64_t bytes);
-    std::size_t windows() const { return windows_.size(); }
+    std::size_t windows() const;
 
 private:
     struct Window {
@@ -46,6 +47,7 @@ private:
     int file_ = -1;
     std::vector<MemoryRange> ranges_;
     std::uint64_t above_4g_bytes_;
+    mutable std::mutex lock_;  // guards windows_
     std::vector<Window> windows_;
 };
 

@@ -109,6 +109,13 @@ public:
     // SRB_FUNCTION_SHUTDOWN to every LUN in order, LUN 0 last, as an operating system going down.
     void shutdown();
 
+    // Called once at PASSIVE_LEVEL between HwFindAdapter and HwInitialize, when the adapter's device object
+    // stands in the driver's list: a place to put further device objects before it. Set before boot.
+    void set_before_initialize(std::function<void(PDRIVER_OBJECT)> hook);
+    // Has the miniport look for an adapter once more, as for a further bus, while nothing is in flight
+    // (PASSIVE_LEVEL). Returns what HwFindAdapter returned, SP_RETURN_...; nothing is started.
+    unsigned search_adapter_again();
+
     // HwResetBus, as a class driver would ask for it.
     bool reset_bus();
 

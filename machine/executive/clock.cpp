@@ -1,0 +1,48 @@
+#include "machine/executive/clock.h"
+
+#include <chrono>
+
+#include <nt.h>
+
+#include "machine/executive/checks.h"
+#include "machine/executive/executive.h"
+
+namespace machine {
+
+std::int64_t system_boot_time()
+{
+    return executive().boot_time;
+}
+
+}  // namespace machine
+
+using namespace machine;
+
+extern "C" {
+
+ULONGLONG NTAPI KeQueryInterruptTime()
+{
+    self();
+    scheduler().preemption_point();
+    return static_cast<ULONGLONG>(scheduler().now());
+}
+
+VOID NTAPI KeQuerySystemTime(PLARGE_INTEGER time)
+{
+    self();
+    time->QuadPart = system_boot_time() + scheduler().now();
+}
+
+VOID NTAPI KeStallExecutionProcessor(ULONG microseconds)
+{
+    self();
+    if (scheduler().simulated()) {
+        scheduler().preemption_point();
+        return;
+    }
+    const Ticks end = scheduler().now() + microseconds * ticks_per_us;
+    while (scheduler().now() < end)
+        __builtin_ia32_pause();
+}
+
+}  // extern "C"

@@ -1,0 +1,90 @@
+#include "machine/executive/executive.h"
+
+#include <chrono>
+
+#include "machine/executive/checks.h"
+#include "machine/executive/lock_order.h"
+
+namespace machine {
+namespace {
+
+constexpr std::uint64_t mb = 1024 * 1024;
+constexpr std::int64_t from_1601_to_1970 = 116'444'736'000'000'000;
+constexpr std::int64_t simulated_boot_time = 133'485'408'000'000'000;  // 1 January 2024
+constexpr std::uint64_t base_memory_word = 0x413;                      // in the BIOS data area
+
+std::atomic<ExecutiveState*> the_executive = nullptr;
+
+std::vector<MemoryRange> ranges_of(const MachineConfig& config)
+{
+    return config.memory_ranges.empty() ? std::vector<MemoryRange>{{mb, 512 * mb}} : config.memory_ranges;
+}
+
+std::int64_t boot_time_of(const MachineConfig& config)
+{
+    if (config.scheduler == SchedulerKind::simulated)
+        return simulated_boot_time;
+    using namespace std::chrono;
+    const auto now = duration_cast<nanoseconds>(system_clock::now().time_since_epoch());
+    return from_1601_to_1970 + now.count() / 100;
+}
+
+}  // namespace
+
+ExecutiveState::ExecutiveState(const MachineConfig& machine_config)
+    : config(machine_config),
+      scheduler(config.scheduler == SchedulerKind::real ? make_real_scheduler()
+                                                        : make_simulated_scheduler(config.seed)),
+      boot_time(boot_time_of(config)), memory(ranges_of(config), config.unmanaged_above_4g_bytes),
+      faults(config.seed), ports(config.reset_ports_work), pool(config.strict), system(config.strict)
+{
+    strict_checks = config.strict;
+    Mm64BitPhysicalAddress = config.mm64bit;
+    forget_lock_order();
+    registry.create_key(Registry::service_key);
+    const std::uint8_t base_memory[] = {static_cast<std::uint8_t>(config.base_memory_kb),
+                                        static_cast<std::uint8_t>(config.base_memory_kb >> 8)};
+    memory.write(base_memory_word, base_memory);
+    the_executive = this;
+}
+
+ExecutiveState::~ExecutiveState()
+{
+    the_executive = nullptr;
+}
+
+ExecutiveState& executive()
+{
+    ExecutiveState* current = the_executive.load(std::memory_order_relaxed);
+    if (!current)
+        violation("a kernel routine was called while no machine exists");
+    return *current;
+}
+
+void stop_machine(Outcome outcome, std::uint32_t bug_check_code)
+{
+    ExecutiveState& kernel = executive();
+    if (!kernel.stopped.exchange(true)) {
+        kernel.outcome = outcome;
+        kernel.bug_check_code = bug_check_code;
+    }
+    kernel.scheduler->switch_off();
+    // Nobody waits on anything any more, the caller included.
+    kernel.scheduler->lock_dispatcher();
+    kernel.scheduler->block(never);
+    __builtin_unreachable();
+}
+
+void run_reinitializations()
+{
+    std::vector<Reinitialization> due;
+    {
+        ExecutiveState& kernel = executive();
+        std::lock_guard guard(kernel.reinitializations_lock);
+        due.swap(kernel.reinitializations);
+    }
+    for (const Reinitialization& reinitialization : due)
+        reinitialization.routine(reinitialization.driver, reinitialization.context, 1);
+}
+
+}  // namespace machine

@@ -1,0 +1,48 @@
+#include <nt.h>
+
+#include "machine/executive/checks.h"
+#include "machine/executive/executive.h"
+
+using namespace machine;
+
+namespace {
+
+constexpr ULONG no_tag = pool_tag("None");
+
+bool paged(POOL_TYPE type)
+{
+    return (type & 1) != 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE type, SIZE_T bytes, ULONG tag)
+{
+    enter_at_most(paged(type) ? APC_LEVEL : DISPATCH_LEVEL, "ExAllocatePoolWithTag");
+    if (tag == 0)
+        violation("ExAllocatePoolWithTag without a tag");
+    ExecutiveState& kernel = executive();
+    if (kernel.faults.hit(Operation::pool_allocate, tag_text(tag)))
+        return nullptr;
+    return kernel.pool.allocate(bytes, tag);
+}
+
+PVOID NTAPI ExAllocatePool(POOL_TYPE type, SIZE_T bytes)
+{
+    return ExAllocatePoolWithTag(type, bytes, no_tag);
+}
+
+VOID NTAPI ExFreePoolWithTag(PVOID block, ULONG tag)
+{
+    enter_at_most(DISPATCH_LEVEL, "ExFreePoolWithTag");
+    executive().pool.free(block, tag);
+}
+
+VOID NTAPI ExFreePool(PVOID block)
+{
+    ExFreePoolWithTag(block, 0);
+}
+
+}  // extern "C"

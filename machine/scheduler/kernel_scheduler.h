@@ -1,0 +1,71 @@
+// What the executive needs of a scheduler beyond the public interface, and the way to the calling
+// thread, which every kernel routine takes first.
+#pragma once
+
+#include <atomic>
+
+#include "machine/scheduler/scheduler.h"
+#include "machine/scheduler/thread.h"
+
+namespace machine {
+
+class KernelScheduler : public Scheduler {
+public:
+    explicit KernelScheduler(bool interleaves) : interleaves_(interleaves) {}
+
+    // preempt() for the kernel routines, which on the real scheduler pass here a million times a second.
+    void preemption_point()
+    {
+        if (interleaves_)
+            preempt();
+    }
+
+    // The caller's context: its thread; the callback context in a timer callback; and, on the simulated
+    // scheduler outside run(), a context that must not wait. Never returns to a dropped thread.
+    virtual Thread& context() = 0;
+
+private:
+    const bool interleaves_;
+};
+
+// The scheduler of the machine that is on. Set by the scheduler's constructor.
+extern std::atomic<KernelScheduler*> active_scheduler;
+
+// The context in which this host thread runs kernel code, as the schedulers left it.
+extern constinit thread_local Thread* this_thread;
+
+// The slow way of self(): adopts, parks, or reports that no machine exists.
+Thread& find_self();
+
+inline Thread& self()
+{
+    Thread* thread = this_thread;
+    if (thread && thread->owner.load(std::memory_order_relaxed) ==
+                      active_scheduler.load(std::memory_order_relaxed)) [[likely]]
+        return *thread;
+    return find_self();
+}
+
+inline KernelScheduler& scheduler()
+{
+    return *active_scheduler.load(std::memory_order_relaxed);
+}
+
+// Holds the dispatcher lock for a scope.
+class DispatcherLock {
+public:
+    DispatcherLock() { scheduler().lock_dispatcher(); }
+    ~DispatcherLock() { scheduler().unlock_dispatcher(); }
+    DispatcherLock(const DispatcherLock&) = delete;
+    DispatcherLock& operator=(const DispatcherLock&) = delete;
+};
+
+// Runs the body of a kernel thread and everything its end means: the checks and the signalled thread
+// object. Called by the schedulers at the bottom of a spawned thread's stack; implemented in
+// executive/threads.cpp.
+void run_kernel_thread(Thread& thread, const std::function<void()>& body);
+
+// Runs a timer callback at DISPATCH_LEVEL and checks what it leaves; implemented there too.
+void run_timer_callback(Thread& context, const std::function<void()>& callback);
+
+}  // namespace machine

@@ -1,0 +1,133 @@
+#include "machine/scsiport/bus_scan.h"
+
+#include "formats/endian.h"
+#include "machine/machine.h"
+#include "machine/scsiport/internals.h"
+
+namespace machine {
+namespace {
+
+constexpr std::uint8_t inquiry_bytes = 36;
+constexpr std::uint8_t capacity_bytes = 8;
+constexpr std::uint32_t scan_timeout_seconds = 4;
+constexpr std::uint8_t no_unit = 3;  // peripheral qualifier
+
+}  // namespace
+
+BusScan::BusScan(ScsiPort& port) : port_(port)
+{
+    KeInitializeEvent(&turn_, SynchronizationEvent, TRUE);
+}
+
+void BusScan::scan()
+{
+    KeWaitForSingleObject(&turn_, Executive, KernelMode, FALSE, nullptr);
+    std::vector<LunInfo> found = look();
+    std::function<void()> listener;
+    {
+        std::lock_guard hold(lock_);
+        luns_ = std::move(found);
+        listener = listener_;
+    }
+    ++scans_;
+    KeSetEvent(&turn_, IO_NO_INCREMENT, FALSE);
+    if (listener)
+        listener();
+}
+
+void BusScan::request()
+{
+    {
+        std::lock_guard hold(lock_);
+        wanted_ = true;
+        if (thread_runs_)
+            return;
+        thread_runs_ = true;
+    }
+    Machine::current().scheduler().spawn("bus scan", [this] { serve_requests(); });
+}
+
+void BusScan::serve_requests()
+{
+    for (;;) {
+        {
+            std::lock_guard hold(lock_);
+            thread_runs_ = wanted_;
+            if (!wanted_)
+                return;
+            wanted_ = false;
+        }
+        scan();
+    }
+}
+
+std::vector<LunInfo> BusScan::look()
+{
+    std::vector<LunInfo> found;
+    Adapter& adapter = port_.internals().adapter;
+    if (!adapter.started())
+        return found;
+    for (unsigned index = 0; index < adapter.configuration().MaximumNumberOfLogicalUnits; ++index) {
+        const auto lun = static_cast<std::uint8_t>(index);
+        LunInfo info{};
+        if (!inquire(lun, info))
+            continue;
+        info.sectors = read_capacity(lun);
+        if (devices_[lun] == nullptr)
+            devices_[lun] = adapter.create_device(FILE_DEVICE_DISK);
+        found.push_back(info);
+    }
+    return found;
+}
+
+bool BusScan::inquire(std::uint8_t lun, LunInfo& info)
+{
+    info.lun = lun;
+    return ask(lun, SCSIOP_INQUIRY, info.inquiry.data(), inquiry_bytes) && info.inquiry[0] >> 5 != no_unit;
+}
+
+// 0: no medium.
+std::uint32_t BusScan::read_capacity(std::uint8_t lun)
+{
+    struct {
+        formats::Be32 last_sector;
+        formats::Be32 sector_bytes;
+    } capacity{};
+    static_assert(sizeof(capacity) == capacity_bytes);
+    if (!ask(lun, SCSIOP_READ_CAPACITY, &capacity, capacity_bytes))
+        return 0;
+    const std::uint32_t last = capacity.last_sector.get();
+    return last == UINT32_MAX ? UINT32_MAX : last + 1;
+}
+
+// One command that brings data, once.
+bool BusScan::ask(std::uint8_t lun, std::uint8_t operation_code, void* answer, std::uint8_t answer_bytes)
+{
+    ScsiRequest request(port_);
+    request.lun = lun;
+    request.cdb = {operation_code};
+    request.cdb_bytes = operation_code == SCSIOP_INQUIRY ? 6 : 10;
+    if (operation_code == SCSIOP_INQUIRY)
+        request.cdb[4] = answer_bytes;
+    request.data = answer;
+    request.data_bytes = answer_bytes;
+    request.srb_flags = SRB_FLAGS_DATA_IN | SRB_FLAGS_DISABLE_SYNCH_TRANSFER | SRB_FLAGS_NO_QUEUE_FREEZE |
+                        SRB_FLAGS_BYPASS_FROZEN_QUEUE;
+    request.timeout_seconds = scan_timeout_seconds;
+    port_.execute(request);
+    return request.ok() || SRB_STATUS(request.srb_status) == SRB_STATUS_DATA_OVERRUN;
+}
+
+std::vector<LunInfo> BusScan::luns() const
+{
+    std::lock_guard hold(lock_);
+    return luns_;
+}
+
+void BusScan::set_listener(std::function<void()> listener)
+{
+    std::lock_guard hold(lock_);
+    listener_ = std::move(listener);
+}
+
+}  // namespace machine

@@ -1,0 +1,23 @@
+// What stands behind ScsiPort: the adapter, the bus scan, and the class driver's state.
+#pragma once
+
+#include <atomic>
+
+#include "machine/scsiport/adapter.h"
+#include "machine/scsiport/bus_scan.h"
+#include "machine/scsiport/scsi_port.h"
+
+namespace machine {
+
+struct ScsiPort::Internals {
+    explicit Internals(ScsiPort& port) : scan(port)
+    {
+        adapter.on_bus_change = [this] { scan.request(); };
+    }
+
+    Adapter adapter;
+    BusScan scan;
+    std::atomic<bool> auto_release = true;
+};
+
+}  // namespace machine

@@ -1,0 +1,103 @@
+#include "machine/scsiport/srb_slots.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "machine/machine.h"
+
+namespace machine {
+namespace {
+
+constexpr auto unused_fill = std::byte{0xB5};  // what a miniport finds in a new extension
+constexpr auto retired_fill = std::byte{0xDD};
+constexpr auto guard_fill = std::byte{0x6C};
+constexpr std::size_t guard_bytes = 16;
+constexpr std::size_t extension_alignment_bytes = 16;
+
+bool all_equal(const std::byte* bytes, std::size_t count, std::byte value)
+{
+    return count == 0 || (bytes[0] == value && std::memcmp(bytes, bytes + 1, count - 1) == 0);
+}
+
+}  // namespace
+
+void SrbSlots::configure(unsigned count, std::uint32_t extension_bytes, bool strict)
+{
+    strict_ = strict;
+    extension_bytes_ = extension_bytes;
+    stride_bytes_ = (extension_bytes + guard_bytes + extension_alignment_bytes - 1) /
+                    extension_alignment_bytes * extension_alignment_bytes;
+    extensions_ = std::make_unique<std::byte[]>(stride_bytes_ * count);
+    slots_ = std::vector<SrbSlot>(count);
+    first_free_ = last_free_ = nullptr;
+    available_ = 0;
+    for (unsigned index = 0; index < count; ++index) {
+        SrbSlot& slot = slots_[index];
+        slot.extension = extensions_.get() + index * stride_bytes_;
+        std::fill_n(slot.extension, extension_bytes, retired_fill);
+        std::fill_n(slot.extension + extension_bytes, stride_bytes_ - extension_bytes, guard_fill);
+        give_back(slot);
+    }
+}
+
+SrbSlot& SrbSlots::take(PIRP irp, PSCSI_REQUEST_BLOCK srb)
+{
+    SrbSlot& slot = *first_free_;
+    first_free_ = slot.next;
+    --available_;
+    if (strict_) {
+        if (!all_equal(slot.extension, extension_bytes_, retired_fill))
+            violation("an SRB extension was written after its SRB was complete");
+        std::memset(slot.extension, static_cast<int>(unused_fill), extension_bytes_);
+    }
+    slot.srb = srb;
+    slot.irp = irp;
+    slot.requested_bytes = srb->DataTransferLength;
+    slot.complete = false;
+    srb->SrbExtension = slot.extension;
+    return slot;
+}
+
+// Slots go to the end of the list, so that an extension rests as long as possible before its next use
+// and a late write is seen.
+void SrbSlots::give_back(SrbSlot& slot)
+{
+    slot.srb = nullptr;
+    slot.irp = nullptr;
+    slot.next = nullptr;
+    if (first_free_ == nullptr)
+        first_free_ = &slot;
+    else
+        last_free_->next = &slot;
+    last_free_ = &slot;
+    ++available_;
+}
+
+SrbSlot* SrbSlots::find(const SCSI_REQUEST_BLOCK* srb)
+{
+    const auto extension = reinterpret_cast<std::uintptr_t>(srb->SrbExtension);
+    const std::uintptr_t offset = extension - reinterpret_cast<std::uintptr_t>(extensions_.get());
+    const std::size_t index = offset / stride_bytes_;
+    if (index >= slots_.size() || offset % stride_bytes_ != 0 || slots_[index].srb != srb)
+        return nullptr;
+    return &slots_[index];
+}
+
+void SrbSlots::retire(SrbSlot& slot)
+{
+    slot.complete = true;
+    if (!strict_)
+        return;
+    if (!all_equal(slot.extension + extension_bytes_, stride_bytes_ - extension_bytes_, guard_fill))
+        violation("the miniport wrote beyond the end of an SRB extension");
+    std::memset(slot.extension, static_cast<int>(retired_fill), extension_bytes_);
+    slot.at_completion = *slot.srb;
+}
+
+void SrbSlots::check_untouched(const SrbSlot& slot) const
+{
+    if (strict_ && std::memcmp(&slot.at_completion, slot.srb, sizeof(*slot.srb)) != 0)
+        violation("an SRB was changed after RequestComplete");
+}
+
+}  // namespace machine

@@ -1,0 +1,30 @@
+#include <gtest/gtest.h>
+
+#include "machine/loader/driver_image.h"
+
+namespace {
+
+int test_data = 1;
+int test_zeroed;
+
+TEST(BuiltinDriver, Every_load_starts_with_the_initial_data_and_leaves_the_programs_own_alone)
+{
+    for (int load = 1; load <= 3; ++load) {
+        const auto driver = machine::driver_named("builtin");
+        EXPECT_EQ(driver->name(), "builtin");
+        const machine::DriverImage::Entry entry = driver->load();
+        ++test_data;
+        ++test_zeroed;
+        EXPECT_EQ(entry(nullptr, nullptr), 2000 + 1 + 10 + 100) << "load " << load;
+        EXPECT_EQ(entry(nullptr, nullptr), 3000 + 2 + 20) << "load " << load;
+        EXPECT_EQ(test_data, 1 + load);
+        EXPECT_EQ(test_zeroed, load);
+    }
+}
+
+TEST(BuiltinDriver, Any_other_name_is_a_file)
+{
+    EXPECT_THROW(machine::driver_named("built-in"), std::runtime_error);
+}
+
+}  // namespace

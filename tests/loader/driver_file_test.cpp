@@ -1,0 +1,94 @@
+#include <unistd.h>
+
+#include <filesystem>
+
+#include <nt.h>
+
+#include "machine/loader/driver_image.h"
+#include "machine/machine.h"
+#include "tests/loader/toy_file.h"
+
+namespace {
+
+// The message with which this file is refused.
+std::string refusal(const std::string& path)
+{
+    try {
+        machine::driver_file(path);
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "(accepted)";
+}
+
+class DriverFile : public testing::Test {
+protected:
+    ~DriverFile() override { std::filesystem::remove(path); }
+
+    void write(const ToyFile& toy)
+    {
+        std::ofstream file(path, std::ios::binary);
+        file.write(reinterpret_cast<const char*>(toy.bytes.data()),
+                   static_cast<std::streamsize>(toy.bytes.size()));
+    }
+
+    const std::string path = testing::TempDir() + "toy_" + std::to_string(getpid()) + ".sys";
+};
+
+TEST_F(DriverFile, Runs_with_its_imports_bound_and_with_fresh_data_after_each_load)
+{
+    const auto driver = machine::driver_file(TOY_DRIVER);
+    EXPECT_EQ(driver->name(), TOY_DRIVER);
+    for (const bool mm64bit : {false, true}) {
+        machine::MachineConfig config;
+        config.mm64bit = mm64bit;
+        machine::Machine machine(config);
+        const NTSTATUS found = mm64bit ? 0x300 : 0x100;
+        machine.run([&] {
+            const auto first = driver->load();
+            EXPECT_EQ(first(nullptr, nullptr), found + 2);
+            EXPECT_EQ(first(nullptr, nullptr), found + 4);
+            const auto second = driver->load();
+            EXPECT_EQ(second(nullptr, nullptr), found + 2);
+            EXPECT_EQ(first(nullptr, nullptr), found + 6) << "the copy before has gone";
+        });
+        EXPECT_EQ(machine.log().count("\ntoy 8 two"), 2u);
+    }
+}
+
+TEST_F(DriverFile, Modules_are_known_without_regard_to_case)
+{
+    ToyFile toy;
+    toy.optional().Checksum.set(0);
+    toy.replace("HAL.dll", "hal.DLL");
+    toy.replace("ntoskrnl.exe", "NTOSKRNL.EXE");
+    write(toy);
+    EXPECT_NO_THROW(machine::driver_file(path));
+}
+
+TEST_F(DriverFile, Everything_that_cannot_be_bound_is_named_in_one_message)
+{
+    ToyFile toy;
+    toy.optional().Checksum.set(0);
+    toy.replace("DbgPrint", "strtok_r");  // this program has it, the kernel has not
+    toy.replace("HAL.dll", "BAD.SYS");
+    write(toy);
+    const std::string message = refusal(path);
+    for (const char* part : {"toy_", "ntoskrnl.exe!strtok_r", "BAD.SYS!KfAcquireSpinLock"})
+        EXPECT_NE(message.find(part), std::string::npos) << message;
+    EXPECT_EQ(message.find("Mm64BitPhysicalAddress"), std::string::npos) << message;
+}
+
+TEST_F(DriverFile, A_file_that_cannot_be_read_or_is_none_is_refused_with_its_name)
+{
+    ToyFile empty;
+    empty.bytes.clear();
+    write(empty);
+    for (const std::string& none : {path, path + ".missing", testing::TempDir()}) {
+        const std::string message = refusal(none);
+        EXPECT_EQ(message.find(none), 0u) << message;
+        EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+    }
+}
+
+}  // namespace

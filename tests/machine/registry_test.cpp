@@ -1,0 +1,130 @@
+#include <cstring>
+
+#include "tests/machine/kernel_test.h"
+
+namespace machine::test {
+namespace {
+
+HANDLE open_key(const wchar_t* path, HANDLE root = nullptr, NTSTATUS expected = STATUS_SUCCESS)
+{
+    UNICODE_STRING name = counted(path);
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, root, nullptr);
+    HANDLE handle = nullptr;
+    EXPECT_EQ(ZwOpenKey(&handle, KEY_ALL_ACCESS, &attributes), expected);
+    return handle;
+}
+
+struct Query {
+    NTSTATUS status;
+    ULONG result_bytes = 0;
+    alignas(8) UCHAR buffer[128];
+
+    Query(HANDLE key, const wchar_t* value, KEY_VALUE_INFORMATION_CLASS information_class, ULONG bytes)
+    {
+        std::memset(buffer, 0xEE, sizeof buffer);
+        UNICODE_STRING name = counted(value);
+        status =
+            ZwQueryValueKey(key, &name, information_class, bytes ? buffer : nullptr, bytes, &result_bytes);
+    }
+};
+
+TEST(Registry, Full_queries_tell_the_length_that_they_need_and_fill_what_they_get)
+{
+    Machine machine;
+    machine.registry().set_setting("RW_THREADS", 8);
+    machine.run([] {
+        HANDLE key = open_key(L"\\registry\\MACHINE\\System\\CurrentControlSet\\Services\\QRNDISK");
+        constexpr ULONG fixed = 20, name_bytes = 20, needed = fixed + name_bytes + 4;
+        const struct {
+            ULONG bytes;
+            NTSTATUS status;
+            ULONG filled;
+        } cases[] = {{0, STATUS_BUFFER_TOO_SMALL, 0},        {fixed - 1, STATUS_BUFFER_TOO_SMALL, 0},
+                     {fixed, STATUS_BUFFER_OVERFLOW, fixed}, {needed - 1, STATUS_BUFFER_OVERFLOW, needed - 1},
+                     {needed, STATUS_SUCCESS, needed},       {needed + 40, STATUS_SUCCESS, needed}};
+        for (const auto& expected : cases) {
+            const Query query(key, L"rw_threads", KeyValueFullInformation, expected.bytes);
+            EXPECT_EQ(query.status, expected.status) << expected.bytes;
+            EXPECT_EQ(query.result_bytes, needed) << expected.bytes;
+            EXPECT_EQ(query.buffer[expected.filled], 0xEE) << expected.bytes;
+            if (expected.status != STATUS_SUCCESS)
+                continue;
+            KEY_VALUE_FULL_INFORMATION information;
+            std::memcpy(&information, query.buffer, fixed);
+            EXPECT_EQ(information.Type, static_cast<ULONG>(REG_DWORD));
+            EXPECT_EQ(information.DataLength, 4u);
+            EXPECT_EQ(information.NameLength, name_bytes);
+            ULONG value;
+            std::memcpy(&value, query.buffer + information.DataOffset, sizeof value);
+            EXPECT_EQ(value, 8u);
+        }
+        ZwClose(key);
+    });
+}
+
+TEST(Registry, The_data_of_a_full_query_is_aligned_behind_an_odd_name)
+{
+    Machine machine;
+    machine.registry().set_setting("ABC", 1);
+    machine.run([] {
+        HANDLE key = open_key(L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\qrndisk");
+        const Query query(key, L"ABC", KeyValueFullInformation, 128);
+        KEY_VALUE_FULL_INFORMATION information;
+        std::memcpy(&information, query.buffer, 20);
+        EXPECT_EQ(information.DataOffset, 28u);
+        EXPECT_EQ(query.result_bytes, 32u);
+        ZwClose(key);
+    });
+}
+
+TEST(Registry, Partial_queries_and_strings)
+{
+    Machine machine;
+    machine.registry().set_string(Registry::service_key, u"Name", u"ab");
+    machine.run([] {
+        HANDLE key = open_key(L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\qrndisk");
+        const Query query(key, L"Name", KeyValuePartialInformation, 128);
+        EXPECT_EQ(query.status, STATUS_SUCCESS);
+        EXPECT_EQ(query.result_bytes, 12u + 6u);
+        EXPECT_EQ(std::memcmp(query.buffer + 12, L"ab", 6), 0);
+        EXPECT_EQ(Query(key, L"Name", KeyValuePartialInformation, 11).status, STATUS_BUFFER_TOO_SMALL);
+        EXPECT_EQ(Query(key, L"Name", KeyValuePartialInformation, 17).status, STATUS_BUFFER_OVERFLOW);
+        const Query missing(key, L"Nam", KeyValueFullInformation, 0);
+        EXPECT_EQ(missing.status, STATUS_OBJECT_NAME_NOT_FOUND);
+        ZwClose(key);
+    });
+}
+
+TEST(Registry, Keys_open_relative_to_their_parents_and_missing_ones_do_not)
+{
+    Machine machine;
+    machine.registry().set_dword(Registry::memory_management_key, u"PhysicalAddressExtension", 1);
+    machine.run([] {
+        HANDLE root = open_key(L"\\Registry\\Machine\\System\\CurrentControlSet");
+        HANDLE key = open_key(L"Control\\Session Manager\\Memory Management", root);
+        EXPECT_EQ(Query(key, L"PhysicalAddressExtension", KeyValueFullInformation, 128).status,
+                  STATUS_SUCCESS);
+        open_key(L"Control\\Session", root, STATUS_OBJECT_NAME_NOT_FOUND);
+        ZwClose(root);
+        EXPECT_EQ(Query(root, L"x", KeyValueFullInformation, 128).status, STATUS_INVALID_HANDLE);
+        ZwClose(key);
+    });
+    machine.registry().remove_key(u"\\Registry\\Machine\\System\\CurrentControlSet\\Control");
+    EXPECT_FALSE(machine.registry().key_exists(Registry::memory_management_key));
+    EXPECT_TRUE(machine.registry().key_exists(Registry::service_key));
+}
+
+TEST(Registry, A_handle_closed_twice_is_reported)
+{
+    EXPECT_BREAKS(
+        [](Machine&) {
+            HANDLE key = open_key(L"\\Registry\\Machine\\System");
+            ZwClose(key);
+            ZwClose(key);
+        },
+        "the handle is not open");
+}
+
+}  // namespace
+}  // namespace machine::test
