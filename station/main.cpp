@@ -1,0 +1,38 @@
+// qrn-station: a workstation in a process. See --help.
+#include <cstdio>
+#include <cstdlib>
+
+#include "station/options.h"
+#include "station/stop_signal.h"
+#include "station/workstation.h"
+
+namespace {
+
+constexpr int status_wrong_arguments = 2;
+
+// The machine's threads have no end; the process goes as a machine does when its power goes.
+[[noreturn]] void power_off(int status)
+{
+    std::fflush(stdout);
+    std::_Exit(status);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        const auto options = station::parse_options(argc, argv);
+        if (!options)
+            return 0;
+        station::StopSignal stop;
+        station::Workstation workstation(*options, stop);
+        power_off(workstation.run());
+    } catch (const station::OptionError& error) {
+        std::fprintf(stderr, "qrn-station: %s\n", error.what());
+        power_off(status_wrong_arguments);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "qrn-station: %s\n", error.what());
+        power_off(EXIT_FAILURE);
+    }
+}

@@ -1,0 +1,318 @@
+#include "station/nbd_connection.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <system_error>
+
+#include "station/nbd_handshake.h"
+
+namespace station {
+
+using Clock = std::chrono::steady_clock;
+
+// A request from its header to its reply. Given to the disk's queue while its transfer runs, then to
+// the sender, and back.
+struct NbdConnection::Slot : Transfer, Reply {
+    explicit Slot(NbdConnection& connection) : sender(connection.sender_) {}
+
+    ReplySender& sender;
+    std::uint64_t cookie = 0;
+    std::uint32_t refusal = 0;  // the error it will be answered with once its payload is skipped
+    BufferPool::Buffer buffer;
+};
+
+NbdConnection::NbdConnection(UniqueFd socket, const Exports& exports, ConnectionLimits limits)
+    : socket_(std::move(socket)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), exports_(exports),
+      limits_(limits), sender_(socket_.get(), wake_.get()), buffers_(limits.buffer_bytes)
+{
+    if (!wake_)
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    free_slots_.reserve(limits.requests_in_flight);
+}
+
+NbdConnection::~NbdConnection() = default;
+
+void NbdConnection::run()
+{
+    if (handshake()) {
+        try {
+            queue_ = export_.device->open_queue();
+            transmission();
+        } catch (const std::bad_alloc&) {
+            sender_.abandon();
+        }
+        drain();
+    }
+    shutdown(socket_.get(), SHUT_RDWR);
+}
+
+void NbdConnection::stop()
+{
+    stopping_ = true;
+    eventfd_write(wake_.get(), 1);
+}
+
+void NbdConnection::abandon()
+{
+    stop();
+    shutdown(socket_.get(), SHUT_RDWR);
+    sender_.abandon();
+}
+
+bool NbdConnection::handshake()
+{
+    const auto deadline = Clock::now() + limits_.handshake_time;
+    NbdHandshake dialogue(exports_.list());
+    for (;;) {
+        if (!send_all(dialogue.take_output(), deadline))
+            return false;
+        if (dialogue.state() != NbdHandshake::State::negotiating)
+            break;
+        if (!wait_socket(POLLIN, deadline))
+            return false;
+        std::uint8_t bytes[4096];
+        const ssize_t got = recv(socket_.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+        if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR))
+            return false;
+        if (got < 0)
+            continue;
+        const auto received = std::span(bytes).first(static_cast<std::size_t>(got));
+        const auto rest = received.subspan(dialogue.receive(received));
+        early_.assign(rest.begin(), rest.end());
+    }
+    if (dialogue.state() == NbdHandshake::State::closed)
+        return false;
+    export_ = dialogue.chosen();
+    disk_bytes_ = export_.device->size_bytes();
+    return true;
+}
+
+bool NbdConnection::send_all(const std::vector<std::uint8_t>& bytes, Clock::time_point deadline)
+{
+    std::size_t sent_bytes = 0;
+    while (sent_bytes < bytes.size()) {
+        const ssize_t sent = send(socket_.get(), bytes.data() + sent_bytes, bytes.size() - sent_bytes,
+                                  MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent >= 0)
+            sent_bytes += static_cast<std::size_t>(sent);
+        else if (errno != EAGAIN && errno != EINTR)
+            return false;
+        else if (!wait_socket(POLLOUT, deadline))
+            return false;
+    }
+    return true;
+}
+
+// False when the deadline or stop() came first.
+bool NbdConnection::wait_socket(short events, Clock::time_point deadline)
+{
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (stopping_ || left.count() <= 0)
+            return false;
+        pollfd polled[] = {{socket_.get(), events, 0}, {wake_.get(), POLLIN, 0}};
+        const int ready = poll(polled, 2, static_cast<int>(left.count()));
+        if (ready > 0 && polled[0].revents)
+            return true;
+        if (ready < 0 && errno != EINTR)
+            return false;
+    }
+}
+
+void NbdConnection::transmission()
+{
+    while (!stopping_) {
+        recycle(false);
+        switch (take_requests()) {
+        case Progress::ended:
+            sender_.abandon();
+            return;
+        case Progress::need_slot:
+            wait_for_work(false);
+            break;
+        case Progress::need_bytes:
+            if (!receive())
+                return;
+            break;
+        }
+    }
+}
+
+// Everything that has arrived is started.
+NbdConnection::Progress NbdConnection::take_requests()
+{
+    for (;;) {
+        switch (receiver_.next()) {
+        case NbdReceiver::Event::need_bytes:
+            return Progress::need_bytes;
+        case NbdReceiver::Event::broken:
+            return Progress::ended;
+        case NbdReceiver::Event::request:
+            if (receiver_.request().command == nbd::Command::disconnect)
+                return Progress::ended;
+            if (!start_request())
+                return Progress::need_slot;
+            break;
+        case NbdReceiver::Event::payload:
+            Slot& slot = *std::exchange(receiving_, nullptr);
+            if (slot.refusal)
+                refuse(slot, slot.refusal);
+            else
+                queue_->submit(slot);
+            break;
+        }
+    }
+}
+
+// False when the request has to wait for memory or a slot.
+bool NbdConnection::start_request()
+{
+    const NbdRequest& request = receiver_.request();
+    Slot* const slot = free_slot();
+    if (!slot)
+        return false;
+    std::uint32_t error = check_request(request, disk_bytes_);
+    if (!error && request.length) {
+        try {
+            slot->buffer = buffers_.take(request.length);
+            if (!slot->buffer)
+                return false;
+        } catch (const std::bad_alloc&) {
+            error = nbd::error_no_memory;
+        }
+    }
+    free_slots_.pop_back();
+    slot->cookie = request.cookie;
+    slot->refusal = error;
+
+    if (request.payload_bytes()) {
+        receiving_ = slot;
+        if (error)
+            receiver_.skip_payload();
+        else
+            receiver_.payload_into(slot->buffer.memory.get());
+    } else {
+        receiver_.no_payload();
+    }
+    if (error) {
+        if (!receiving_)
+            refuse(*slot, error);
+        return true;
+    }
+
+    slot->operation = request.command == nbd::Command::read    ? Transfer::Operation::read
+                      : request.command == nbd::Command::write ? Transfer::Operation::write
+                                                               : Transfer::Operation::flush;
+    slot->error = 0;
+    slot->offset = request.offset;
+    slot->length = request.length;
+    slot->Transfer::data = slot->buffer.memory.get();
+    slot->done = [](Transfer& transfer) {
+        Slot& done = static_cast<Slot&>(transfer);
+        done.header = simple_reply(done.cookie, done.error);
+        const bool with_data = done.operation == Transfer::Operation::read && done.error == 0;
+        done.Reply::data = done.Transfer::data;
+        done.data_bytes = with_data ? done.length : 0;
+        done.sender.push(done);
+    };
+    if (!receiving_)
+        queue_->submit(*slot);
+    return true;
+}
+
+void NbdConnection::refuse(Slot& slot, std::uint32_t error)
+{
+    slot.header = simple_reply(slot.cookie, error);
+    slot.data_bytes = 0;
+    sender_.push(slot);
+}
+
+// Takes what the socket has, waiting when it has nothing. False when the client is gone.
+bool NbdConnection::receive()
+{
+    const auto spaces = receiver_.spaces();
+    if (!early_.empty()) {
+        // No more than the header area holds, and no payload is under way this early: both areas
+        // begin where the handshake's last read ended.
+        std::copy(early_.begin(), early_.end(), spaces.headers.begin());
+        receiver_.filled(early_.size());
+        early_.clear();
+        return true;
+    }
+    iovec pieces[2];
+    unsigned count = 0;
+    if (!spaces.payload.empty())
+        pieces[count++] = {spaces.payload.data(), spaces.payload.size()};
+    pieces[count++] = {spaces.headers.data(), spaces.headers.size()};
+    msghdr message{};
+    message.msg_iov = pieces;
+    message.msg_iovlen = count;
+    const ssize_t got = recvmsg(socket_.get(), &message, MSG_DONTWAIT);
+    if (got > 0)
+        receiver_.filled(static_cast<std::size_t>(got));
+    else if (got == 0 || (errno != EAGAIN && errno != EINTR))
+        return false;
+    else
+        wait_for_work(true);
+    return true;
+}
+
+NbdConnection::Slot* NbdConnection::free_slot()
+{
+    if (free_slots_.empty() && slots_.size() < limits_.requests_in_flight)
+        free_slots_.push_back(slots_.emplace_back(std::make_unique<Slot>(*this)).get());
+    return free_slots_.empty() ? nullptr : free_slots_.back();
+}
+
+// Takes back the slots whose replies are sent. With await, the next one wakes this thread.
+void NbdConnection::recycle(bool await)
+{
+    for (Reply* reply = sender_.take_released(await); reply;) {
+        Slot& slot = static_cast<Slot&>(*reply);
+        reply = reply->next;
+        buffers_.give_back(std::move(slot.buffer));
+        free_slots_.push_back(&slot);
+    }
+}
+
+// Waits for the client (when reading), for room in the socket (when replies wait for it), for a slot
+// to come back (when not reading), or for stop().
+void NbdConnection::wait_for_work(bool reading)
+{
+    const std::size_t free_before = free_slots_.size();
+    recycle(!reading);
+    if (!reading && free_slots_.size() != free_before)
+        return;
+    const bool blocked = sender_.blocked();
+    pollfd polled[] = {
+        {socket_.get(), static_cast<short>((reading ? POLLIN : 0) | (blocked ? POLLOUT : 0)), 0},
+        {wake_.get(), POLLIN, 0}};
+    if (!polled[0].events)
+        polled[0].fd = -1;
+    poll(polled, 2, -1);
+    if (polled[1].revents) {
+        eventfd_t count;
+        eventfd_read(wake_.get(), &count);
+    }
+    if (blocked && (polled[0].revents & (POLLOUT | POLLERR | POLLHUP)))
+        sender_.room();
+}
+
+// The transfers in flight own their buffers: nothing may go before the last of them is back.
+void NbdConnection::drain()
+{
+    if (receiving_)
+        free_slots_.push_back(std::exchange(receiving_, nullptr));
+    recycle(false);
+    while (free_slots_.size() != slots_.size())
+        wait_for_work(false);
+    queue_.reset();
+}
+
+}  // namespace station

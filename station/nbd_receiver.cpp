@@ -1,0 +1,122 @@
+#include "station/nbd_receiver.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "formats/boot_block.h"
+
+namespace station {
+
+using namespace nbd;
+
+std::uint32_t check_request(const NbdRequest& request, std::uint64_t disk_bytes)
+{
+    if (request.flags != 0)  // none was offered
+        return error_invalid;
+    switch (request.command) {
+    case Command::flush:
+        return request.offset == 0 && request.length == 0 ? 0 : error_invalid;
+    case Command::read:
+    case Command::write:
+        break;
+    default:
+        return error_invalid;
+    }
+    if (request.length == 0 || request.length > request_bytes_max)
+        return error_invalid;
+    if (request.length % formats::sector_bytes != 0 || request.offset % formats::sector_bytes != 0)
+        return error_invalid;
+    if (request.offset > disk_bytes || request.length > disk_bytes - request.offset)
+        return request.command == Command::write ? error_no_space : error_invalid;
+    return 0;
+}
+
+SimpleReply simple_reply(std::uint64_t cookie, std::uint32_t error)
+{
+    SimpleReply reply;
+    reply.magic.set(simple_reply_magic);
+    reply.error.set(error);
+    reply.cookie.set(cookie);
+    return reply;
+}
+
+NbdReceiver::Spaces NbdReceiver::spaces()
+{
+    Spaces spaces;
+    if (state_ == State::payload && payload_)
+        spaces.payload = {payload_, payload_left_};
+    if (begin_ != 0) {
+        std::memmove(area_.data(), area_.data() + begin_, held());
+        end_ -= begin_;
+        begin_ = 0;
+    }
+    spaces.headers = std::span(area_).subspan(end_);
+    return spaces;
+}
+
+void NbdReceiver::filled(std::size_t bytes)
+{
+    if (state_ == State::payload && payload_) {
+        const auto piece = static_cast<std::uint32_t>(std::min<std::size_t>(bytes, payload_left_));
+        payload_ += piece;
+        payload_left_ -= piece;
+        bytes -= piece;
+    }
+    end_ += bytes;
+}
+
+NbdReceiver::Event NbdReceiver::next()
+{
+    switch (state_) {
+    case State::payload:
+        take_payload();
+        if (payload_left_ != 0)
+            return Event::need_bytes;
+        state_ = State::header;
+        return Event::payload;
+    case State::unsettled:
+        return Event::request;
+    case State::broken:
+        return Event::broken;
+    case State::header:
+        break;
+    }
+    if (held() < sizeof(RequestHeader))
+        return Event::need_bytes;
+    RequestHeader header;
+    std::memcpy(&header, area_.data() + begin_, sizeof header);
+    begin_ += sizeof header;
+    if (header.magic.get() != request_magic) {
+        state_ = State::broken;
+        return Event::broken;
+    }
+    request_ = {header.flags.get(), Command{header.command.get()}, header.cookie.get(), header.offset.get(),
+                header.length.get()};
+    state_ = State::unsettled;
+    return Event::request;
+}
+
+void NbdReceiver::payload_into(std::uint8_t* buffer)
+{
+    payload_ = buffer;
+    payload_left_ = request_.payload_bytes();
+    state_ = State::payload;
+}
+
+void NbdReceiver::skip_payload()
+{
+    payload_into(nullptr);
+}
+
+void NbdReceiver::take_payload()
+{
+    const auto piece = static_cast<std::uint32_t>(std::min<std::size_t>(held(), payload_left_));
+    if (payload_) {
+        std::memcpy(payload_, area_.data() + begin_, piece);
+        payload_ += piece;
+    }
+    begin_ += piece;
+    payload_left_ -= piece;
+}
+
+}  // namespace station

@@ -1,0 +1,175 @@
+#include "station/options.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <fstream>
+#include <iostream>
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wconversion"
+#include <CLI/CLI.hpp>
+#pragma GCC diagnostic pop
+
+namespace station {
+
+namespace {
+
+// Physical memory below the addresses that a PC keeps for its devices, less the first MB.
+constexpr std::uint32_t memory_mb_min = 16;
+constexpr std::uint32_t memory_mb_max = 0xE0000000u / (1 << 20) - 1;
+constexpr std::uint32_t above_4g_mb_max = 60 << 10;
+
+constexpr char setting_names[][12] = {"TRANS_SIZE", "RW_THREADS", "HOT_RETRYS", "PAE_SIZE", "RW_RACK"};
+
+constexpr char description[] =
+    "Boots a workstation whose disks live on block servers, and exports each disk (LUN) to clients of\n"
+    "the network block device protocol as lun0 to lun3; lun0 is the default export.";
+
+constexpr char footer[] = R"(
+Settings for --reg, in decimal or with 0x:
+  TRANS_SIZE   largest transfer in KB, 1 to 64 (default 64)
+  RW_THREADS   worker threads, 1 to 8 (default 6, or more when a disk has more slots)
+  HOT_RETRYS   time-outs of a packet until a mirrored disk moves to its slave server (default 21)
+  PAE_SIZE     MB of memory from which memory above 4 GB is looked for (default 3327)
+  RW_RACK      protocol level of the servers (default: what the boot block says)
+
+Once the disks are there, the station prints "ready" and the URI of each export. In the table of
+--status, and in that printed at the end, requests are those of clients, time-outs those of packets.
+
+SIGINT and SIGTERM end it: clients are finished with, the disks get the shutdown requests of an
+operating system, the statistics are printed, and the exit status is 0. Another signal, a second or
+more later, ends it at once.
+
+Exit status 2: an argument is wrong or cannot be used; 1: the driver does not load, shows no disk,
+or stopped the machine.
+)";
+
+std::uint32_t number(const std::string& text, const std::string& what)
+{
+    const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+    const char* const first = text.data() + (hexadecimal ? 2 : 0);
+    const char* const end = text.data() + text.size();
+    std::uint32_t value = 0;
+    const auto [stop, error] = std::from_chars(first, end, value, hexadecimal ? 16 : 10);
+    if (first == end || stop != end || error != std::errc{})
+        throw OptionError(what + ": '" + text + "' is no number from 0 to 4294967295");
+    return value;
+}
+
+std::pair<std::string, std::uint32_t> setting(const std::string& text)
+{
+    const auto equals = text.find('=');
+    if (equals == std::string::npos)
+        throw OptionError("--reg: expected NAME=VALUE, not '" + text + "'");
+    const std::string name = text.substr(0, equals);
+    if (std::find(std::begin(setting_names), std::end(setting_names), name) == std::end(setting_names))
+        throw OptionError("--reg: there is no setting '" + name + "'");
+    return {name, number(text.substr(equals + 1), "--reg " + name)};
+}
+
+void set_memory(Options& options, const std::string& text)
+{
+    constexpr char above[] = "above4g=";
+    const auto comma = text.find(',');
+    options.memory_mb = number(text.substr(0, comma), "--memory");
+    if (options.memory_mb < memory_mb_min || options.memory_mb > memory_mb_max)
+        throw OptionError("--memory: " + std::to_string(options.memory_mb) + " MB is not within " +
+                          std::to_string(memory_mb_min) + " to " + std::to_string(memory_mb_max));
+    if (comma == std::string::npos)
+        return;
+    const std::string rest = text.substr(comma + 1);
+    if (!rest.starts_with(above))
+        throw OptionError("--memory: expected MB[,above4g=MB], not '" + text + "'");
+    options.above_4g_mb = number(rest.substr(sizeof above - 1), "--memory above4g");
+    if (options.above_4g_mb > above_4g_mb_max)
+        throw OptionError("--memory: at most " + std::to_string(above_4g_mb_max) + " MB above 4 GB");
+}
+
+formats::Boot_Param read_boot_block(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        throw OptionError("--boot-block: cannot open '" + path + "'");
+    formats::Boot_Param block;
+    file.read(reinterpret_cast<char*>(&block), sizeof block);
+    if (!file || file.peek() != std::ifstream::traits_type::eof())
+        throw OptionError("--boot-block: '" + path + "' is no boot parameter block of " +
+                          std::to_string(sizeof block) + " bytes");
+    return block;
+}
+
+std::string one_line(std::string text)
+{
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    while (!text.empty() && text.back() == ' ')
+        text.pop_back();
+    return text;
+}
+
+}  // namespace
+
+std::optional<Options> parse_options(int argc, char** argv)
+{
+    Options options;
+    std::string boot_block, memory, handover = "low-memory", nbd = "tcp:127.0.0.1:10809";
+    std::vector<std::string> settings;
+
+    CLI::App app(description, "qrn-station");
+    app.footer(footer);
+    app.add_option("--boot-block", boot_block, "the 360-byte boot parameter block")
+        ->required()
+        ->type_name("FILE");
+    app.add_option("--handover", handover,
+                   "how the driver gets the block: from a record that a\n"
+                   "boot loader left in memory, or from the transport\n"
+                   "driver (default " +
+                       handover + ")")
+        ->check(CLI::IsMember({"low-memory", "transport"}))
+        ->option_text("low-memory|transport");
+    app.add_option("--nbd", nbd, "where clients connect\n(default " + nbd + ")")
+        ->option_text("unix:PATH|tcp:ADDR:PORT");
+    app.add_option("--driver", options.driver,
+                   "the driver linked into this program (default), or a\ndriver file")
+        ->option_text("builtin|FILE.sys");
+    app.add_option("--reg", settings, "a setting of the driver; may be repeated")
+        ->option_text("NAME=VALUE")
+        ->allow_extra_args(false);
+    app.add_option("--memory", memory,
+                   "memory that the system manages (default 512), and\n"
+                   "memory above 4 GB that it leaves to the driver")
+        ->option_text("MB[,above4g=MB]");
+    app.add_option("--log", options.log, "append every message of the driver to this file")
+        ->option_text("FILE");
+    app.add_option("--stats-json", options.stats_json,
+                   "write statistics to this file, every second and at\nthe end")
+        ->option_text("FILE");
+    app.add_flag("--status", options.status, "show the statistics, live");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        std::cout << app.help();
+        return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        throw OptionError(one_line(error.what()));
+    }
+    options.handover = handover == "transport" ? Handover::transport : Handover::low_memory;
+    options.boot_block = read_boot_block(boot_block);
+    if (options.handover == Handover::transport &&
+        options.boot_block.Disk_Nums == formats::disk_nums_searching)
+        throw OptionError("--boot-block: its transport is still searching for a server, and the driver would "
+                          "wait for ever");
+    try {
+        options.nbd = NbdAddress::parse(nbd);
+    } catch (const std::invalid_argument& error) {
+        throw OptionError(std::string("--nbd: ") + error.what());
+    }
+    for (const std::string& each : settings)
+        options.settings.push_back(setting(each));
+    if (!memory.empty())
+        set_memory(options, memory);
+    return options;
+}
+
+}  // namespace station

@@ -1,0 +1,39 @@
+// The command line of qrn-station.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "formats/boot_block.h"
+#include "station/nbd_address.h"
+
+namespace station {
+
+enum class Handover { low_memory, transport };
+
+struct Options {
+    formats::Boot_Param boot_block{};
+    Handover handover = Handover::low_memory;
+    NbdAddress nbd;
+    std::string driver = "builtin";
+    std::vector<std::pair<std::string, std::uint32_t>> settings;
+    std::uint32_t memory_mb = 512;
+    std::uint32_t above_4g_mb = 0;
+    std::optional<std::string> log;
+    std::optional<std::string> stats_json;
+    bool status = false;
+};
+
+// Something on the command line is wrong, or impossible; one line.
+struct OptionError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Nothing when --help was asked for and printed. Throws OptionError.
+std::optional<Options> parse_options(int argc, char** argv);
+
+}  // namespace station

@@ -1,0 +1,38 @@
+// A moment's figures of the whole station, and their two forms: a table for people and JSON for
+// programs. No I/O.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "machine/transport/link.h"
+#include "station/lun_statistics.h"
+#include "station/nbd_server.h"
+
+namespace station {
+
+struct LunStatus {
+    unsigned lun;
+    std::uint32_t sectors;  // size
+    const LunStatistics* statistics;
+};
+
+struct StationStatus {
+    std::int64_t uptime_ms = 0;
+    std::string driver;
+    std::vector<LunStatus> luns;
+    machine::LinkCounters link;
+    ServerCounters connections;
+};
+
+// "main" and "slave", with "(no mirror)" once a mirrored write has given the slave up.
+const char* server_name(LunStatistics::Server server);
+
+// Several lines, each ended by a line break.
+std::string status_table(const StationStatus& status);
+// One line, without its end.
+std::string status_line(const StationStatus& status);
+std::string status_json(const StationStatus& status);
+
+}  // namespace station

@@ -1,0 +1,66 @@
+// The workstation: a machine on the real scheduler with UDP beneath, the driver booted in it, and its
+// LUNs exported. Made and run once, by main; what it started stands until the process ends.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "machine/loader/driver_image.h"
+#include "machine/machine.h"
+#include "machine/scsiport/scsi_port.h"
+#include "machine/transport/udp_link.h"
+#include "station/driver_messages.h"
+#include "station/exports.h"
+#include "station/message_log.h"
+#include "station/nbd_server.h"
+#include "station/options.h"
+#include "station/status_output.h"
+#include "station/stop_signal.h"
+
+namespace station {
+
+class Workstation {
+public:
+    // Takes every resource that the command line names. Throws OptionError for one that cannot be had.
+    Workstation(const Options& options, StopSignal& stop);
+
+    // From power-on to power-off. Returns the exit status.
+    int run();
+
+private:
+    void hand_over_boot_block();
+    void fill_registry();
+
+    // In a kernel thread of the machine.
+    int live();
+    bool start_driver();
+    bool wait_for_luns();
+    bool luns_may_come_later() const;
+    void find_luns();
+    void announce();
+    void watch();
+    void shut_down();
+
+    StationStatus status();
+    void write_statistics();
+
+    const Options& options_;
+    StopSignal& stop_;
+    AllLunStatistics luns_;
+    std::optional<MessageLog> log_;
+    std::unique_ptr<machine::DriverImage> driver_;
+    machine::Machine machine_;
+    machine::UdpLink link_;
+    Exports exports_;
+    NbdServer server_;
+    StatusView view_;
+    bool shutting_down_ = false;
+    bool statistics_failed_ = false;
+
+    mutable std::mutex found_lock_;  // guards found_
+    std::vector<machine::LunInfo> found_;
+};
+
+}  // namespace station

@@ -1,0 +1,290 @@
+#include "station/nbd_connection.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <thread>
+
+#include "tests/station/memory_device.h"
+#include "tests/station/nbd_client_bytes.h"
+
+using namespace station;
+using namespace station_test;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr std::size_t disk_bytes = 8 << 20;
+
+// A connection in its thread on one end of a socket pair, and a client on the other.
+class Connection : public testing::Test {
+protected:
+    void start(ConnectionLimits limits = {})
+    {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        client = UniqueFd(ends[0]);
+        const timeval patience{20, 0};  // a lost reply fails a test instead of hanging it
+        setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        for (std::size_t i = 0; i < device->disk.size(); ++i)
+            device->disk[i] = static_cast<std::uint8_t>(i / 512 * 7 + i);
+        exports.set({{"lun0", "test disk", device}});
+        connection.emplace(UniqueFd(ends[1]), exports, limits);
+        serving = std::thread([this] { connection->run(); });
+    }
+    void start_and_choose(ConnectionLimits limits = {})
+    {
+        start(limits);
+        EXPECT_EQ(receive(18).size(), 18u);
+        send(Writer().u32(3).add(option(1, Writer().text("lun0"))));
+        EXPECT_EQ(receive(10), Bytes(Writer().u64(disk_bytes).u16(261)));
+    }
+    void TearDown() override
+    {
+        client = UniqueFd();
+        if (serving.joinable())
+            serving.join();
+    }
+
+    void send(const Bytes& bytes)
+    {
+        std::size_t sent = 0;
+        while (sent < bytes.size()) {
+            const ssize_t now = ::send(client.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+            ASSERT_GT(now, 0);
+            sent += static_cast<std::size_t>(now);
+        }
+    }
+    // So many bytes, fewer only when the server has closed.
+    Bytes receive(std::size_t count)
+    {
+        Bytes bytes(count);
+        const ssize_t got = recv(client.get(), bytes.data(), count, MSG_WAITALL);
+        EXPECT_GE(got, 0) << "no answer";
+        bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+        return bytes;
+    }
+    Bytes sectors(std::uint64_t offset, std::size_t bytes) const
+    {
+        const auto at = device->disk.begin() + static_cast<std::ptrdiff_t>(offset);
+        return {at, at + static_cast<std::ptrdiff_t>(bytes)};
+    }
+    bool nothing_to_read_for(std::chrono::milliseconds time) const
+    {
+        pollfd polled{client.get(), POLLIN, 0};
+        return poll(&polled, 1, static_cast<int>(time.count())) == 0;
+    }
+
+    std::shared_ptr<MemoryDevice> device = std::make_shared<MemoryDevice>(disk_bytes);
+    Exports exports;
+    std::optional<NbdConnection> connection;
+    std::thread serving;
+    UniqueFd client;
+};
+
+}  // namespace
+
+TEST_F(Connection, Requests_that_come_with_the_handshake_are_served)
+{
+    start();
+    const Bytes data(1024, 0xA5);
+    send(Writer()
+             .u32(3)
+             .add(option(1, Writer().text("lun0")))
+             .add(request(1, 1, 2048, 1024))
+             .add(data)
+             .add(request(0, 2, 1536, 1536)));
+    receive(28);
+    EXPECT_EQ(receive(16), reply(1));
+    EXPECT_EQ(receive(16), reply(2));
+    const Bytes read = receive(1536);
+    EXPECT_EQ(read, sectors(1536, 1536));
+    EXPECT_EQ(Bytes(read.begin() + 512, read.end()), data);
+}
+
+TEST_F(Connection, Replies_leave_in_the_order_in_which_transfers_end)
+{
+    start_and_choose();
+    device->hold(true);
+    constexpr std::size_t count = 40;
+    for (std::size_t i = 0; i < count; ++i)
+        send(request(0, i, i * 4096, 4096));
+    device->wait_until_held(count);
+    for (std::size_t i = count; i-- > 0;) {
+        device->finish(i);
+        ASSERT_EQ(receive(16), reply(i));
+        ASSERT_EQ(receive(4096), sectors(i * 4096, 4096));
+    }
+}
+
+TEST_F(Connection, Refused_requests_and_failed_transfers_are_answered_and_the_client_stays)
+{
+    start_and_choose();
+    send(Writer().add(request(1, 1, disk_bytes, 512)).zeroes(512));
+    EXPECT_EQ(receive(16), reply(1, 28));
+    send(request(0, 2, 100, 512));
+    EXPECT_EQ(receive(16), reply(2, 22));
+    send(request(6, 3, 0, 512));
+    EXPECT_EQ(receive(16), reply(3, 22));
+    device->next_error = 5;
+    send(request(0, 4, 0, 512));
+    EXPECT_EQ(receive(16), reply(4, 5));
+    device->next_error = 0;
+    send(request(3, 5, 0, 0));
+    EXPECT_EQ(receive(16), reply(5));
+    send(request(0, 6, 0, 512));
+    EXPECT_EQ(receive(16), reply(6));
+    EXPECT_EQ(receive(512), sectors(0, 512));
+}
+
+TEST_F(Connection, Memory_and_requests_in_flight_are_bounded_by_not_reading)
+{
+    start_and_choose({.buffer_bytes = 64 << 10, .requests_in_flight = 8});
+    device->hold(true);
+    Writer requests;
+    for (std::uint64_t i = 0; i < 12; ++i)
+        requests.add(request(0, i, i * 16384, 16384));  // four of them fill the memory
+    for (std::uint64_t i = 12; i < 32; ++i)
+        requests.add(request(3, i, 0, 0));  // eight of them fill the slots
+    send(requests);
+    device->wait_until_held(4);
+    EXPECT_TRUE(nothing_to_read_for(50ms));
+    EXPECT_EQ(device->held_count(), 4u);
+    for (std::uint64_t i = 0; i < 32; ++i) {
+        device->wait_until_held(1);
+        EXPECT_LE(device->held_count(), 8u);
+        device->finish(0);
+        ASSERT_EQ(receive(16), reply(i));
+        if (i < 12) {
+            ASSERT_EQ(receive(16384), sectors(i * 16384, 16384));
+        }
+    }
+}
+
+TEST_F(Connection, Client_that_does_not_read_its_replies_gets_them_all_later)
+{
+    start_and_choose();
+    constexpr std::uint32_t bytes = 1 << 20;
+    std::thread sending([&] {
+        for (std::uint64_t i = 0; i < 64; ++i)
+            send(request(0, i, i % 8 * bytes, bytes));
+    });
+    EXPECT_FALSE(nothing_to_read_for(2000ms));
+    std::this_thread::sleep_for(50ms);  // the socket is full, and the server out of memory for more
+    for (std::uint64_t i = 0; i < 64; ++i) {
+        ASSERT_EQ(receive(16), reply(i));
+        ASSERT_EQ(receive(bytes), sectors(i % 8 * bytes, bytes));
+    }
+    sending.join();
+}
+
+TEST_F(Connection, Client_that_dies_midway_costs_only_its_connection)
+{
+    start_and_choose();
+    device->hold(true);
+    for (std::uint64_t i = 0; i < 10; ++i)
+        send(request(0, i, i * 65536, 65536));
+    send(Writer().add(request(1, 10, 0, 65536)).zeroes(1000));  // in the middle of a payload
+    device->wait_until_held(10);
+    client = UniqueFd();
+    for (int i = 0; i < 10; ++i)
+        device->finish(0);
+    serving.join();
+    EXPECT_EQ(device->held_count(), 0u);
+}
+
+TEST_F(Connection, Server_closes_on_disconnect_wrong_magic_and_wrong_handshake)
+{
+    start_and_choose();
+    send(request(2, 1, 0, 0));
+    EXPECT_EQ(receive(1), Bytes{});
+    TearDown();
+
+    start_and_choose();
+    send(Writer().u32(0x12345678).zeroes(24));
+    EXPECT_EQ(receive(1), Bytes{});
+    TearDown();
+
+    start();
+    receive(18);
+    send(Writer().u32(0xFFFFFFFF));
+    EXPECT_EQ(receive(1), Bytes{});
+}
+
+TEST_F(Connection, Handshake_that_takes_too_long_ends)
+{
+    start({.handshake_time = 30ms});
+    receive(18);
+    send(Writer().u32(3));
+    EXPECT_EQ(receive(1), Bytes{});
+}
+
+TEST_F(Connection, Stop_answers_what_is_in_flight_and_abandon_ends_a_deaf_client)
+{
+    start_and_choose();
+    device->hold(true);
+    send(request(0, 1, 0, 4096));
+    device->wait_until_held(1);
+    connection->stop();
+    send(request(0, 2, 0, 4096));
+    device->finish(0);
+    EXPECT_EQ(receive(16), reply(1));
+    EXPECT_EQ(receive(4096), sectors(0, 4096));
+    EXPECT_EQ(receive(1), Bytes{});
+    TearDown();
+
+    device->hold(false);
+    start_and_choose();
+    send(request(0, 1, 0, disk_bytes));  // more than the socket holds, and nobody reads
+    EXPECT_FALSE(nothing_to_read_for(2000ms));
+    connection->stop();
+    connection->abandon();
+    serving.join();
+}
+
+TEST_F(Connection, Random_reads_and_writes_finished_in_random_order_agree_with_a_model)
+{
+    start_and_choose();
+    device->hold(true);
+    std::mt19937 random(7);
+    Bytes model = device->disk;
+    std::map<std::uint64_t, std::pair<std::size_t, std::size_t>> reads;  // cookie: offset, bytes
+    for (int round = 0; round < 30; ++round) {
+        // Within a round no two requests touch the same region, so any order gives the same result.
+        Writer requests;
+        for (std::uint64_t region = 0; region < 16; ++region) {
+            const std::size_t bytes = 512 * (1 + random() % 64);
+            const std::size_t offset =
+                static_cast<std::size_t>(region) * (disk_bytes / 16) + random() % 128 * 512;
+            if (random() % 2) {
+                requests.add(request(0, region, offset, bytes));
+                reads[region] = {offset, bytes};
+            } else {
+                Bytes data(bytes);
+                std::generate(data.begin(), data.end(), [&] { return static_cast<std::uint8_t>(random()); });
+                requests.add(request(1, region, offset, bytes)).add(data);
+                std::copy(data.begin(), data.end(), model.begin() + static_cast<std::ptrdiff_t>(offset));
+            }
+        }
+        send(requests);
+        device->wait_until_held(16);
+        for (std::size_t left = 16; left > 0; --left)
+            device->finish(random() % left);
+        for (int i = 0; i < 16; ++i) {
+            const Bytes header = receive(16);
+            ASSERT_EQ(header.size(), 16u);
+            const std::uint64_t cookie = header[15];
+            ASSERT_EQ(header, reply(cookie));
+            if (const auto read = reads.extract(cookie)) {
+                const auto [offset, bytes] = read.mapped();
+                const auto at = model.begin() + static_cast<std::ptrdiff_t>(offset);
+                ASSERT_EQ(receive(bytes), Bytes(at, at + static_cast<std::ptrdiff_t>(bytes)));
+            }
+        }
+    }
+    EXPECT_EQ(device->disk, model);
+}

@@ -1,0 +1,108 @@
+#include "station/nbd_server.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstring>
+#include <filesystem>
+
+#include "tests/station/memory_device.h"
+#include "tests/station/nbd_client_bytes.h"
+#include "tests/station/scratch_folder.h"
+
+using namespace station;
+using namespace station_test;
+using namespace std::chrono_literals;
+
+namespace {
+
+class Server : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        exports.set({{"lun0", "test disk", device}});
+        server.emplace(NbdAddress::parse("unix:" + path), exports);
+    }
+
+    UniqueFd connected() const
+    {
+        UniqueFd fd(socket(AF_UNIX, SOCK_STREAM, 0));
+        const timeval patience{20, 0};
+        setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, path.c_str());
+        EXPECT_EQ(connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        return fd;
+    }
+    static std::size_t received(const UniqueFd& fd, std::size_t count)
+    {
+        Bytes bytes(count);
+        return static_cast<std::size_t>(recv(fd.get(), bytes.data(), count, MSG_WAITALL));
+    }
+    // Chooses the disk and asks for one sector.
+    static void ask(const UniqueFd& fd)
+    {
+        const Bytes bytes = Writer().u32(3).add(option(1)).add(request(0, 1, 0, 512));
+        EXPECT_EQ(send(fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+
+    static constexpr std::size_t greeting_bytes = 18, export_bytes = 10, reply_bytes = 16 + 512;
+
+    const ScratchFolder folder;
+    const std::string path = folder / "socket";
+    std::shared_ptr<MemoryDevice> device = std::make_shared<MemoryDevice>(1 << 20);
+    Exports exports;
+    std::optional<NbdServer> server;
+};
+
+}  // namespace
+
+TEST_F(Server, Client_before_the_start_waits_and_is_served_then)
+{
+    const UniqueFd early = connected();
+    ask(early);
+    server->start();
+    EXPECT_EQ(received(early, greeting_bytes + export_bytes + reply_bytes),
+              greeting_bytes + export_bytes + reply_bytes);
+}
+
+TEST_F(Server, Client_beyond_the_limit_is_refused_and_place_comes_free_again)
+{
+    server->start();
+    std::vector<UniqueFd> clients;
+    for (unsigned i = 0; i < NbdServer::connections_max; ++i) {
+        clients.push_back(connected());
+        ASSERT_EQ(received(clients.back(), greeting_bytes), greeting_bytes);
+    }
+    EXPECT_EQ(received(connected(), greeting_bytes), 0u);
+    EXPECT_EQ(server->counters().open, NbdServer::connections_max);
+    EXPECT_EQ(server->counters().refused, 1u);
+
+    clients.pop_back();
+    while (server->counters().open == NbdServer::connections_max)
+        std::this_thread::sleep_for(1ms);
+    for (;;) {  // until its place is cleared
+        const UniqueFd next = connected();
+        if (received(next, greeting_bytes) == greeting_bytes)
+            break;
+    }
+}
+
+TEST_F(Server, Stop_lets_transfers_end_and_says_when_they_do_not)
+{
+    server->start();
+    device->hold(true);
+    const UniqueFd idle = connected(), busy = connected();
+    ask(busy);
+    device->wait_until_held(1);
+    EXPECT_FALSE(server->stop(20ms));
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(received(idle, greeting_bytes + 1), greeting_bytes);
+    EXPECT_EQ(server->counters().open, 1u);
+    device->finish(0);
+    EXPECT_TRUE(server->stop(20'000ms));
+    EXPECT_EQ(server->counters().open, 0u);
+}
