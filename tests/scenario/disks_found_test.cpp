@@ -1,0 +1,408 @@
+// Where the disks come from: a boot record in low memory, the transport, or a local disk image.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <regex>
+
+#include "machine/executive/executive.h"
+#include "tests/scenario/rig.h"
+
+namespace scenario {
+namespace {
+
+using machine::Operation;
+
+constexpr char transport_ok[] = "\nQRN SCSI: DCIO QRNNDIS OK";
+constexpr char no_send[] = "\nQRN SCSI: QRN_Send Is NULL";
+constexpr char no_server[] = "\nQRN SCSI: DCIO QRNNDIS: Not Found Server";
+
+// The first message that begins like this; empty when there is none.
+machine::DebugLog::Entry message(Rig& rig, const std::string& beginning)
+{
+    for (const auto& entry : rig.machine.log().entries())
+        if (entry.text.rfind(beginning, 0) == 0)
+            return entry;
+    return {};
+}
+
+std::string find_dos(Rig& rig)
+{
+    return message(rig, "\nQRN_Find_Dos").text;
+}
+std::string find_image(Rig& rig)
+{
+    return message(rig, "\nQRN SCSI: Find HDD Image").text;
+}
+
+// A message of a search: paragraph, separator, and an address that is null when nothing was found.
+testing::AssertionResult tells(const std::string& text, const std::string& paragraph, bool found)
+{
+    std::regex wanted("\n.*=" + paragraph + ",? " + (found ? "(?!0{8})[0-9A-F]{8}" : "00000000"));
+    return std::regex_match(text, wanted) ? testing::AssertionSuccess() : testing::AssertionFailure() << text;
+}
+
+template <typename Format>
+void leave(Rig& rig, std::uint32_t address, const Format& format)
+{
+    rig.machine.memory().write(address, {reinterpret_cast<const std::uint8_t*>(&format), sizeof format});
+}
+
+Plan plan_of(unsigned disks, Handover handover)
+{
+    return {.disks = std::vector<DiskPlan>(disks), .handover = handover};
+}
+
+// --- Boot record in low memory
+
+struct PlaceRow {
+    const char* name;
+    std::uint16_t base_memory_kb;
+    std::uint32_t address;  // of the record
+    const char* paragraph;  // at which the search stopped
+    bool found;
+};
+
+class RecordPlace : public testing::TestWithParam<PlaceRow> {};
+
+TEST_P(RecordPlace, Is_searched_by_paragraphs_from_the_end_of_base_memory)
+{
+    const PlaceRow& row = GetParam();
+    Plan plan = plan_of(2, Handover::none);
+    plan.base_memory_kb = row.base_memory_kb;
+    Rig rig(plan);
+    leave(rig, row.address, boot_record(boot_block(plan)));
+    rig.run([&] { EXPECT_EQ(rig.scsi().luns().size(), row.found ? 2u : 0u); });
+    EXPECT_TRUE(tells(find_dos(rig), row.paragraph, row.found));
+}
+
+INSTANTIATE_TEST_SUITE_P(DisksFound, RecordPlace,
+                         testing::Values(PlaceRow{"first_paragraph", 600, 614400, "9600", true},
+                                         PlaceRow{"later_paragraph", 600, 614400 + 0x1230, "9723", true},
+                                         PlaceRow{"off_paragraph", 600, 614400 + 8, "9F4D", false},
+                                         PlaceRow{"below_base_memory", 600, 614400 - 16, "9F4D", false},
+                                         PlaceRow{"last_paragraph", 600, 0x9F4C0, "9F4C", true},
+                                         PlaceRow{"behind_the_last", 600, 0x9F4D0, "9F4D", false},
+                                         PlaceRow{"base_637_KB", 637, 0x9F400, "9F40", true},
+                                         PlaceRow{"base_638_KB", 638, 0x9F800, "9F80", false},
+                                         PlaceRow{"base_640_KB", 640, 0x9F400, "A000", false},
+                                         PlaceRow{"base_0_KB", 0, 0x8000, "800", true}),
+                         [](const auto& info) { return info.param.name; });
+
+TEST(DisksFound, Malformed_records_are_skipped)
+{
+    void (*const spoil[])(formats::BootRecord&) = {
+        [](formats::BootRecord& record) { record.Signature[8] = 'Q'; },
+        [](formats::BootRecord& record) { record.Signature[0] = 'k'; },
+        [](formats::BootRecord& record) { record.Bound.set(257); },
+        [](formats::BootRecord& record) { record.Bound.set(0xFFFF); },
+        [](formats::BootRecord& record) { record.Kind.set(21); },
+        [](formats::BootRecord& record) { record.Kind.set(23); },
+    };
+    Rig rig(plan_of(1, Handover::none));
+    std::uint32_t address = 614400;
+    for (auto spoiled : spoil) {
+        formats::BootRecord record = boot_record(boot_block(plan_of(3, Handover::none)));
+        spoiled(record);
+        leave(rig, address, record);
+        address += sizeof record;
+    }
+    formats::BootRecord good = boot_record(boot_block(rig.plan));
+    good.Bound.set(0);
+    leave(rig, address, good);
+    leave(rig, address + sizeof good, boot_record(boot_block(plan_of(2, Handover::none))));
+    rig.run([&] {
+        EXPECT_EQ(rig.scsi().luns().size(), 1u);
+        Bytes data(512);
+        EXPECT_TRUE(rig.read(0, 0, data));
+    });
+    EXPECT_TRUE(tells(find_dos(rig), "9690", true));
+}
+
+TEST(DisksFound, Low_memory_that_cannot_be_mapped_leaves_the_transport_as_source)
+{
+    Plan plan = plan_of(1, Handover::transport);
+    Rig rig(plan);
+    leave(rig, 614400, boot_record(boot_block(plan_of(3, Handover::none))));
+    rig.machine.faults().fail(Operation::map_io_space);
+    rig.run([&] { EXPECT_EQ(rig.scsi().luns().size(), 1u); });
+    EXPECT_TRUE(tells(find_dos(rig), "0", false));
+    EXPECT_EQ(rig.machine.memory().windows(), 0u);
+}
+
+TEST(DisksFound, Record_makes_its_flags_and_the_transports_count_together)
+{
+    Plan plan = plan_of(1, Handover::low_memory);
+    plan.boot_flags = formats::boot_flag_tag_slot;
+    Rig rig(plan);
+    formats::Boot_Param& block = rig.machine.transport()->block();
+    block.Boot_Flags = formats::boot_flag_no_image_sync;
+    block.Disk_Nums = formats::disk_nums_searching;  // which nobody waits for
+    rig.run([&] { EXPECT_EQ(rig.now_ms(), 0); });
+    EXPECT_EQ(rig.printed("\nQRN SCSI: 00 14 Disk:1 1"), 1u);
+    EXPECT_EQ(rig.printed(transport_ok), 1u);
+    EXPECT_EQ(rig.machine.transport()->no_server_notices(), 0u);
+}
+
+TEST(DisksFound, Transport_is_asked_once_with_the_whole_block)
+{
+    Rig rig(plan_of(2, Handover::low_memory));
+    formats::Boot_Param block = boot_block(rig.plan);
+    rig.run([] {});
+    EXPECT_EQ(rig.machine.transport()->handshakes(), 1u);
+    EXPECT_EQ(std::memcmp(&rig.machine.transport()->received_block(), &block, sizeof block), 0);
+}
+
+// --- The transport's own block
+
+TEST(DisksFound, Transport_is_polled_in_steps_of_50_ms_without_bound)
+{
+    const std::pair<int, int> rows[] = {{0, 0}, {1, 50}, {49, 50}, {51, 100}, {120, 150}, {3600010, 3600050}};
+    for (auto [ready_ms, taken_ms] : rows) {
+        Rig rig(plan_of(2, Handover::transport));
+        formats::Boot_Param& block = rig.machine.transport()->block();
+        if (ready_ms != 0) {
+            block.Disk_Nums = formats::disk_nums_searching;
+            rig.machine.scheduler().call_at(ready_ms * machine::ticks_per_ms, [&] { block.Disk_Nums = 2; });
+        }
+        rig.run([&] {
+            EXPECT_EQ(rig.scsi().luns().size(), 2u);
+            Bytes data(8192);
+            EXPECT_TRUE(rig.read(1, 0, data));
+        });
+        EXPECT_EQ(message(rig, transport_ok).time, taken_ms * machine::ticks_per_ms);
+        EXPECT_TRUE(tells(find_dos(rig), "9F4D", false));
+    }
+}
+
+TEST(DisksFound, Transports_block_is_taken_whole)
+{
+    Plan plan = plan_of(2, Handover::transport);
+    plan.boot_flags = 0x24;
+    plan.boot_mode = 0x55;
+    Rig rig(plan);
+    rig.run([&] {
+        rig.machine.sleep_ms(1100);
+        Bytes data(512);
+        EXPECT_TRUE(rig.read(1, 7, data));
+    });
+    EXPECT_EQ(rig.printed("\nQRN SCSI: 55 24 Disk:2 2"), 1u);
+    EXPECT_EQ(rig.printed(transport_ok), 1u);
+}
+
+TEST(DisksFound, Transport_without_a_server_is_told_so)
+{
+    const std::tuple<int, int, int> rows[] = {{0, 100, 100}, {30, 80, 110}};
+    for (auto [pending_ms, message_ms, end_ms] : rows) {
+        Rig rig(plan_of(0, Handover::none));
+        rig.machine.transport()->set_pending_ms(pending_ms);
+        formats::Boot_Param& block = rig.machine.transport()->block();
+        block.Disk_Nums = formats::disk_nums_searching;
+        rig.machine.scheduler().call_at(75 * machine::ticks_per_ms, [&] { block.Disk_Nums = 0; });
+        rig.run([&] {
+            EXPECT_EQ(rig.now_ms(), end_ms);
+            rig.machine.sleep_ms(100);
+            EXPECT_TRUE(rig.scsi().adapter_started());
+            EXPECT_TRUE(rig.scsi().luns().empty());
+        });
+        EXPECT_EQ(rig.printed(no_server), 1u);
+        EXPECT_EQ(message(rig, no_server).time, message_ms * machine::ticks_per_ms);
+        EXPECT_EQ(rig.machine.transport()->no_server_notices(), 1u);
+        EXPECT_EQ(rig.printed("\nQRN SCSI: 00 00 Disk:0 0"), 1u);
+        EXPECT_TRUE(tells(find_image(rig), "9F4D", false));
+        EXPECT_FALSE(rig.logged("WaitEvent OK"));
+    }
+}
+
+TEST(DisksFound, Handshake_may_take_its_time)
+{
+    Rig rig(plan_of(1, Handover::low_memory));
+    rig.machine.transport()->set_pending_ms(30);
+    rig.run([&] {
+        Bytes data(512);
+        EXPECT_TRUE(rig.read(0, 0, data));
+    });
+    EXPECT_EQ(message(rig, transport_ok).time, 30 * machine::ticks_per_ms);
+}
+
+struct NoTransportRow {
+    const char* name;
+    bool device;
+    void (*spoil)(Rig&);
+};
+
+class NoTransport : public testing::TestWithParam<NoTransportRow> {};
+
+TEST_P(NoTransport, Leaves_only_the_disks_that_are_no_LUNs)
+{
+    const NoTransportRow& row = GetParam();
+    Plan plan = plan_of(3, Handover::low_memory);
+    plan.transport = row.device;
+    plan.adjust_block = [](formats::Boot_Param& block) { block.Lun_Nums = 2; };
+    Rig rig(plan);
+    row.spoil(rig);
+    rig.run([&] {
+        rig.machine.sleep_ms(3000);
+        EXPECT_TRUE(rig.scsi().adapter_started());
+        EXPECT_TRUE(rig.scsi().luns().empty());
+        machine::ScsiRequest request(rig.scsi());
+        rig.execute(request);
+        EXPECT_EQ(SRB_STATUS(request.srb_status), SRB_STATUS_INVALID_LUN);
+    });
+    EXPECT_EQ(rig.printed(no_send), 1u);
+    EXPECT_EQ(rig.printed(transport_ok), 0u);
+    EXPECT_EQ(rig.printed("\nQRN SCSI: 00 00 Disk:0 1"), 1u);
+    EXPECT_EQ(find_image(rig), "");
+    EXPECT_FALSE(rig.logged("WaitEvent OK"));
+    EXPECT_EQ(rig.scsi().bus_changes(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    DisksFound, NoTransport,
+    testing::Values(NoTransportRow{"no_device", false, [](Rig&) {}},
+                    NoTransportRow{"null_entries", true,
+                                   [](Rig& rig) { rig.machine.transport()->set_without_entries(true); }},
+                    NoTransportRow{"device_not_opened", true,
+                                   [](Rig& rig) {
+                                       rig.machine.faults().fail(Operation::device_open, "\\Device\\QRNNDIS");
+                                   }},
+                    NoTransportRow{"no_IRP", true,
+                                   [](Rig& rig) {
+                                       rig.machine.faults().fail(Operation::irp_allocate,
+                                                                 "IoBuildDeviceIoControlRequest");
+                                   }},
+                    NoTransportRow{"request_fails", true,
+                                   [](Rig& rig) { rig.machine.faults().fail(Operation::ioctl); }}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(DisksFound, Without_any_source_the_image_is_searched)
+{
+    Plan plan = plan_of(2, Handover::low_memory);
+    plan.transport = false;
+    Rig rig(plan);
+    rig.run([] {});
+    EXPECT_EQ(rig.printed("\nQRN SCSI: 00 00 Disk:0 0"), 1u);
+    EXPECT_TRUE(tells(find_image(rig), "9F4D", false));
+}
+
+// --- Local disk image
+
+struct Descriptor {
+    std::uint8_t jump = 0xE9;
+    formats::Le16 displacement;
+    std::uint8_t reserved = 0x90;
+    char mark[4] = {'Q', 'R', 'N', 'H'};
+    formats::Le32 kind;
+};
+static_assert(sizeof(Descriptor) == 12);
+
+Descriptor descriptor(unsigned displacement)
+{
+    Descriptor made;
+    made.displacement.set(static_cast<std::uint16_t>(displacement));
+    made.kind.set(0x1044);
+    return made;
+}
+
+struct PartitionSector {
+    std::uint8_t code[454] = {};
+    formats::Le32 start{}, sectors{};
+    std::uint8_t rest[50] = {};
+};
+static_assert(sizeof(PartitionSector) == 512);
+
+void leave_image(Rig& rig, std::uint32_t address, unsigned displacement)
+{
+    leave(rig, address, descriptor(displacement));
+    PartitionSector sector;
+    sector.start.set(63);
+    sector.sectors.set(204800);
+    leave(rig, address + 3 + displacement, sector);
+}
+
+TEST(DisksFound, Image_becomes_LUN_0_when_there_is_no_other_source)
+{
+    for (bool transport : {false, true}) {
+        Plan plan = plan_of(0, Handover::none);
+        plan.transport = transport;
+        Rig rig(plan);
+        leave_image(rig, 614400 + 0x100, 0x80);
+        rig.run([&] {
+            rig.machine.sleep_ms(1);
+            ASSERT_EQ(rig.scsi().luns().size(), 1u);
+            EXPECT_EQ(rig.scsi().luns()[0].sectors, 204864u);
+            EXPECT_TRUE(machine::executive().names.link_target(u"\\ArcName\\multi(0)disk(0)rdisk(0)"));
+        });
+        EXPECT_EQ(rig.printed(no_server), transport ? 1u : 0u);
+        EXPECT_EQ(rig.printed("\nQRN SCSI: 07 01 VDD Size: 32040"), 1u);
+        EXPECT_TRUE(tells(find_image(rig), "9610", true));
+        EXPECT_EQ(rig.printed("\nQRN SCSI: 07 00 Disk:1 1"), 1u);
+        EXPECT_EQ(rig.printed("\nQRN SCSI: Lun:0 32040(100M) Local:24 -1"), 1u);
+        EXPECT_EQ(rig.printed("\nQRN SCSI: QRN_Recv_Thread WaitEvent OK"), 1u);
+    }
+}
+
+TEST(DisksFound, Image_beside_LUNs_changes_no_disk)
+{
+    Plan plan = plan_of(2, Handover::low_memory);
+    plan.boot_mode = formats::boot_mode_local_image;
+    Rig rig(plan);
+    leave_image(rig, 614400 + 0x200, 0x80);
+    rig.run([&] {
+        ASSERT_EQ(rig.scsi().luns().size(), 2u);
+        EXPECT_EQ(rig.scsi().luns()[0].sectors, 2048u);
+    });
+    EXPECT_EQ(rig.printed("\nQRN SCSI: 07 02 VDD Size: 800"), 1u);
+    EXPECT_TRUE(tells(find_image(rig), "9620", true));
+    EXPECT_EQ(rig.printed("\nQRN SCSI: 07 00 Disk:2 2"), 1u);
+}
+
+TEST(DisksFound, Image_sector_is_read_only_from_within_low_memory)
+{
+    // Displacement that puts the sector's end exactly at 640 KB.
+    constexpr unsigned last = 0xA0000 - 512 - 3 - 0x9F4C0;
+    for (auto [displacement, sectors] : {std::pair{last, 204864u}, {last + 1, 1u}, {0xFFFFu, 1u}}) {
+        Rig rig(plan_of(0, Handover::none));
+        leave_image(rig, 0x9F4C0, last);
+        leave(rig, 0x9F4C0, descriptor(displacement));
+        rig.run([&] {
+            ASSERT_EQ(rig.scsi().luns().size(), 1u);
+            EXPECT_EQ(rig.scsi().luns()[0].sectors, sectors);
+        });
+        EXPECT_TRUE(tells(find_image(rig), "9F4C", true));
+    }
+}
+
+TEST(DisksFound, Descriptor_with_another_mark_or_kind_is_skipped)
+{
+    Rig rig(plan_of(0, Handover::none));
+    Descriptor other_mark = descriptor(0), other_kind = descriptor(0);
+    other_mark.mark[3] = 'h';
+    other_kind.kind.set(0x11044);
+    leave(rig, 614400, other_mark);
+    leave(rig, 614400 + 16, other_kind);
+    leave_image(rig, 614400 + 32, 0x40);
+    rig.run([&] { EXPECT_EQ(rig.scsi().luns().size(), 1u); });
+    EXPECT_TRUE(tells(find_image(rig), "9602", true));
+}
+
+TEST(DisksFound, Image_is_left_alone_without_pool_or_mapping)
+{
+    struct Row {
+        Operation operation;
+        unsigned skip;
+        const char* paragraph;
+    };
+    for (const Row& row : {Row{Operation::pool_allocate, 0, "9600"}, Row{Operation::map_io_space, 1, "0"}}) {
+        Rig rig(plan_of(0, Handover::none));
+        leave_image(rig, 614400, 0x80);
+        rig.machine.faults().fail(row.operation, {}, row.skip);
+        rig.run([&] { EXPECT_TRUE(rig.scsi().luns().empty()); });
+        EXPECT_TRUE(tells(find_image(rig), row.paragraph, false));
+        EXPECT_FALSE(rig.logged("VDD Size"));
+        EXPECT_EQ(rig.printed("\nQRN SCSI: 00 00 Disk:0 0"), 1u);
+        EXPECT_FALSE(rig.logged("WaitEvent OK"));
+    }
+}
+
+}  // namespace
+}  // namespace scenario

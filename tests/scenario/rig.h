@@ -1,0 +1,163 @@
+// A workstation in virtual time with its servers: what a scenario starts from. Black box: it works the
+// same with the linked driver and with a loaded qrndisk.sys (environment variable QRN_DRIVER).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "formats/boot_block.h"
+#include "formats/wire.h"
+#include "machine/loader/driver_image.h"
+#include "machine/machine.h"
+#include "machine/scsiport/scsi_port.h"
+#include "machine/transport/simulated_network.h"
+#include "machine/transport/transport.h"
+#include "server/block_store.h"
+#include "server/protocol.h"
+
+namespace scenario {
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct DiskPlan {
+    std::uint32_t sectors = 2048;
+    std::uint8_t flags = 0x04;  // Disk_Flags; 0: packets of 8 KB and 6 KB
+    unsigned read_kb = 8;
+    unsigned write_kb = 8;
+    std::uint8_t retry_mins = 1;
+    bool mirrored = false;
+    bool slave_server = true;  // of a mirrored disk; false: its record is empty from the start
+};
+
+enum class Handover { low_memory, transport, none };
+
+struct Plan {
+    std::uint64_t seed = 1;
+    std::vector<DiskPlan> disks{DiskPlan{}};
+    std::uint32_t boot_mode = formats::boot_mode_network;
+    std::uint8_t boot_flags = 0;
+    std::uint32_t tag_key = 0x12345678;
+    std::uint16_t rack_level = formats::rack_level_status_query;
+    Handover handover = Handover::low_memory;
+    bool transport = true;
+    std::map<std::string, std::uint32_t> settings{};  // registry values of the service key
+    bool reset_ports_work = true;
+    std::uint16_t base_memory_kb = 600;
+    // Has the last word on the block that is handed over; the servers serve the disks as planned.
+    std::function<void(formats::Boot_Param&)> adjust_block = nullptr;
+};
+
+// The boot parameter block of a plan; main servers are server_address(0), slaves server_address(1).
+formats::Boot_Param boot_block(const Plan& plan);
+// The same as the boot loader leaves it in low memory.
+formats::BootRecord boot_record(const formats::Boot_Param& block);
+formats::ServerRecord server_address(unsigned index);
+// Disk_Id of a disk of the plan.
+std::array<std::uint8_t, 4> disk_id(unsigned lun, bool mirrored);
+
+// A block server in the simulated network; crashes and comes back on demand.
+class SimulatedServer : public server::PacketSink {
+public:
+    SimulatedServer(machine::Scheduler& scheduler, machine::SimulatedNetwork& network,
+                    const formats::ServerRecord& address, const Plan& plan);
+
+    // Of larger disks the servers keep the beginning only; the rest is for scripted servers.
+    static constexpr std::uint64_t stored_sectors_max = 65536;
+
+    void start();  // also after stop(): the protocol's memory is gone, the disks' content stays
+    void stop();
+    std::vector<std::uint8_t>& content(unsigned lun) { return stores_[lun]->bytes(); }
+    server::Protocol& protocol() { return *protocol_; }
+    const formats::ServerRecord& address() const { return address_; }
+
+    void send(const server::Peer& to, std::span<const std::uint8_t> header,
+              std::span<const std::uint8_t> data) override;
+
+private:
+    machine::Scheduler& scheduler_;
+    machine::SimulatedNetwork& network_;
+    formats::ServerRecord address_;
+    Plan plan_;
+    std::vector<std::unique_ptr<server::MemoryStore>> stores_;
+    std::unique_ptr<server::Protocol> protocol_;
+};
+
+// One packet as it was sent, before the network did anything to it.
+struct SeenPacket {
+    double time_ms;  // since power-on
+    machine::Direction direction;
+    formats::ServerRecord server;
+    Bytes bytes;
+    const formats::WireHeader& header() const
+    {
+        return *reinterpret_cast<const formats::WireHeader*>(bytes.data());
+    }
+    bool is(std::uint8_t sub_code, std::uint8_t kind) const
+    {
+        return header().Sub_Code == sub_code && header().Kind == kind;
+    }
+};
+
+class Rig {
+public:
+    explicit Rig(Plan plan = {});
+    ~Rig();
+
+    Plan plan;
+    machine::Machine machine;
+    machine::SimulatedNetwork network;
+    std::unique_ptr<machine::DriverImage> driver;
+    SimulatedServer main;   // started
+    SimulatedServer slave;  // started when a disk of the plan is mirrored
+
+    // Boots the driver and runs body as a kernel thread. Fails the test unless body ran to its end;
+    // with expect, unless the run ended that way.
+    void run(std::function<void()> body, machine::Outcome expect = machine::Outcome::finished);
+    // The same without booting.
+    void run_bare(std::function<void()> body, machine::Outcome expect = machine::Outcome::finished);
+    std::int32_t boot() { return machine.boot(*driver); }
+
+    // Packets of the whole run so far.
+    const std::vector<SeenPacket>& packets() const { return packets_; }
+    std::vector<SeenPacket> sent(std::uint8_t sub_code, std::uint8_t kind) const;  // to any server
+    void forget_packets() { packets_.clear(); }
+    // Says of each packet whether it is lost on purpose.
+    std::function<bool(const SeenPacket&)> drop;
+
+    // Replaces the main server by a script: called with every packet sent to it, DISPATCH_LEVEL.
+    void script(std::function<void(const SeenPacket&)> answer);
+    void answer(std::span<const std::uint8_t> packet) { network.send_from(main.address(), packet); }
+
+    double now_ms();
+    std::size_t log_count(const std::string& piece) { return machine.log().count(piece); }
+    bool logged(const std::string& piece) { return log_count(piece) != 0; }
+    // Messages that are exactly this text.
+    std::size_t printed(const std::string& message);
+    machine::ScsiPort& scsi() { return machine.scsi(); }
+
+    // One SCSI command, waited for.
+    void execute(machine::ScsiRequest& request) { scsi().execute(request); }
+    bool read(unsigned lun, std::uint32_t lba, Bytes& data);
+    bool write(unsigned lun, std::uint32_t lba, const Bytes& data);
+
+private:
+    std::vector<SeenPacket> packets_;
+};
+
+// Answers that a scripted server builds from a request.
+Bytes read_data(const SeenPacket& request, unsigned number, unsigned count, std::uint16_t offset,
+                std::span<const std::uint8_t> data);
+// All fragments of a read packet, in order.
+std::vector<Bytes> read_data_all(const SeenPacket& request, std::span<const std::uint8_t> data);
+Bytes write_done(const SeenPacket& request);
+Bytes acknowledge(const SeenPacket& request, std::uint16_t recv_mask);
+
+// Content that names its own place: sector number and generation in every 8 bytes.
+Bytes pattern(std::uint32_t lba, std::size_t bytes, std::uint32_t generation = 1);
+
+}  // namespace scenario

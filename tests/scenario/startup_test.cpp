@@ -1,0 +1,390 @@
+// The order of the start, boot modes, and the driver's workers.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <regex>
+
+#include "machine/executive/executive.h"
+#include "tests/scenario/rig.h"
+
+namespace scenario {
+namespace {
+
+constexpr char boot_callback[] = "\nQRN SCSI: Driver Bootinit CallBack";
+constexpr char hdd_boot_change[] = "\nQRN SCSI: BusChangeDetected For HDD Boot";
+constexpr char workers_error[] = "\nQRN SCSI: pRW_List Init Error!";
+constexpr char arc_disk[] = "\\ArcName\\multi(0)disk(0)rdisk(0)";
+
+std::u16string wide(const std::string& text)
+{
+    return {text.begin(), text.end()};
+}
+
+std::optional<std::u16string> link_target(const std::string& name)
+{
+    return machine::executive().names.link_target(wide(name));
+}
+
+void count_scans(Rig& rig, std::vector<std::size_t>& luns_found)
+{
+    rig.scsi().set_scan_listener([&] { luns_found.push_back(rig.scsi().luns().size()); });
+}
+
+// Indices that the workers printed when they were created, in order of index.
+std::vector<int> workers_created(Rig& rig)
+{
+    std::vector<int> indices;
+    for (int index = 0; index < 10; ++index)
+        if (rig.printed("\nQRN SCSI: QRN_RW_Thread " + std::to_string(index) + " Created"))
+            indices.push_back(index);
+    EXPECT_EQ(indices.size(), rig.log_count("QRN_RW_Thread"));
+    return indices;
+}
+
+std::vector<int> first_indices(int count)
+{
+    std::vector<int> indices;
+    for (int index = 0; index < count; ++index)
+        indices.push_back(index);
+    return indices;
+}
+
+TEST(Startup, Messages_tell_the_steps_in_their_order)
+{
+    Rig rig({.disks = {{.sectors = 4096}, {.sectors = 2048, .flags = 0x80}}});
+    rig.run([] {});
+    const char* const expected[] = {
+        "\nQRN SCSI: DriverEntry Bulid=[A-Z][a-z]{2} [ 1-3][0-9] [0-9]{4},[0-9]{2}:[0-9]{2}:[0-9]{2}",
+        "\nQRN_Find_Dos: i=9600 [0-9A-F]{8}",
+        "\nQRN SCSI: DCIO QRNNDIS OK",
+        "\nQRN SCSI: 00 00 Disk:2 2",
+        "\nQRN SCSI: Lun:0 1000\\(2M\\) Local:4 -1",
+        "\nQRN SCSI: Lun:1 800\\(1M\\) Local:80 0",
+        "\nQRN SCSI: HwFindAdapter [0-9A-F]+ 2",
+        "\nQRN SCSI: HwInitialize [0-9A-F]+",
+        "\nQRN SCSI: Enum Device Type 4",
+    };
+    std::vector<std::string> messages;
+    for (const auto& entry : rig.machine.log().entries())
+        if (entry.text.find("_Thread") == std::string::npos)
+            messages.push_back(entry.text);
+    ASSERT_EQ(messages.size(), std::size(expected)) << rig.machine.log().text();
+    for (std::size_t i = 0; i < messages.size(); ++i)
+        EXPECT_TRUE(std::regex_match(messages[i], std::regex(expected[i]))) << messages[i];
+}
+
+TEST(Startup, Load_mark_refuses_the_load_before_anything_else_happens)
+{
+    Rig rig(
+        {.adjust_block = [](formats::Boot_Param& block) { block.Load_Mark.set(formats::load_mark_refuse); }});
+    rig.run_bare([&] { EXPECT_EQ(static_cast<ULONG>(rig.boot()), 0xC0000001u); });
+    EXPECT_EQ(rig.machine.log().entries().size(), 2u) << rig.machine.log().text();
+    EXPECT_EQ(rig.machine.transport()->handshakes(), 0u);
+    EXPECT_EQ(rig.machine.pool_bytes(), 0u);
+    EXPECT_FALSE(rig.scsi().adapter_started());
+}
+
+TEST(Startup, Load_mark_counts_only_when_it_is_complete_and_comes_from_low_memory)
+{
+    auto mark = [](std::uint32_t value) {
+        return [value](formats::Boot_Param& block) { block.Load_Mark.set(value); };
+    };
+    for (Plan plan :
+         {Plan{.adjust_block = mark(0x00FF00FE)}, Plan{.adjust_block = mark(0xFFFF00FF)},
+          Plan{.handover = Handover::transport, .adjust_block = mark(formats::load_mark_refuse)}}) {
+        Rig rig(plan);
+        rig.run([&] { EXPECT_TRUE(rig.scsi().adapter_started()); });
+    }
+}
+
+struct BootModeRow {
+    std::uint32_t mode;
+    unsigned disks;  // all of them presented
+    bool transport;
+    bool searches_image;
+    std::size_t luns_at_first;
+    bool calls_back;
+    bool makes_links;
+};
+
+class BootMode : public testing::TestWithParam<BootModeRow> {};
+
+TEST_P(BootMode, Decides_on_image_search_first_scan_callback_and_links)
+{
+    const BootModeRow& row = GetParam();
+    Rig rig({.disks = std::vector<DiskPlan>(row.disks), .boot_mode = row.mode, .transport = row.transport});
+    std::vector<std::size_t> luns_found;
+    count_scans(rig, luns_found);
+    rig.run([&] { rig.machine.sleep_ms(1500); });
+    EXPECT_EQ(rig.logged("Find HDD Image"), row.searches_image);
+    ASSERT_FALSE(luns_found.empty());
+    EXPECT_EQ(luns_found.front(), row.luns_at_first);
+    EXPECT_EQ(rig.printed(boot_callback), row.calls_back ? 1u : 0u);
+    EXPECT_EQ(rig.scsi().luns().size(), row.transport ? row.disks : 0u);
+    const std::string partition = std::string(arc_disk) + "partition(1)";
+    if (row.makes_links) {
+        EXPECT_EQ(link_target(arc_disk), u"\\Device\\Harddisk0\\Partition0");
+        EXPECT_EQ(link_target(partition), u"\\Device\\Harddisk0\\Partition1");
+    } else {
+        EXPECT_FALSE(link_target(arc_disk) || link_target(partition));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Startup, BootMode,
+                         testing::Values(BootModeRow{.mode = 0,
+                                                     .disks = 2,
+                                                     .transport = true,
+                                                     .searches_image = false,
+                                                     .luns_at_first = 2,
+                                                     .calls_back = false,
+                                                     .makes_links = true},
+                                         BootModeRow{.mode = 0,
+                                                     .disks = 2,
+                                                     .transport = false,
+                                                     .searches_image = true,
+                                                     .luns_at_first = 0,
+                                                     .calls_back = false,
+                                                     .makes_links = true},
+                                         BootModeRow{.mode = 7,
+                                                     .disks = 2,
+                                                     .transport = true,
+                                                     .searches_image = true,
+                                                     .luns_at_first = 2,
+                                                     .calls_back = false,
+                                                     .makes_links = true},
+                                         BootModeRow{.mode = 7,
+                                                     .disks = 1,
+                                                     .transport = false,
+                                                     .searches_image = true,
+                                                     .luns_at_first = 0,
+                                                     .calls_back = false,
+                                                     .makes_links = true},
+                                         BootModeRow{.mode = 3,
+                                                     .disks = 2,
+                                                     .transport = true,
+                                                     .searches_image = false,
+                                                     .luns_at_first = 0,
+                                                     .calls_back = true,
+                                                     .makes_links = false},
+                                         BootModeRow{.mode = 3,
+                                                     .disks = 2,
+                                                     .transport = false,
+                                                     .searches_image = true,
+                                                     .luns_at_first = 0,
+                                                     .calls_back = true,
+                                                     .makes_links = false},
+                                         BootModeRow{.mode = 0x107,
+                                                     .disks = 1,
+                                                     .transport = true,
+                                                     .searches_image = false,
+                                                     .luns_at_first = 0,
+                                                     .calls_back = true,
+                                                     .makes_links = false},
+                                         BootModeRow{.mode = 0x700,
+                                                     .disks = 4,
+                                                     .transport = true,
+                                                     .searches_image = false,
+                                                     .luns_at_first = 0,
+                                                     .calls_back = true,
+                                                     .makes_links = false}),
+                         [](const auto& info) {
+                             return "Mode_" + std::to_string(info.param.mode) +
+                                    (info.param.transport ? "" : "_alone");
+                         });
+
+TEST(Startup, Disks_of_other_boot_modes_appear_by_one_bus_change_a_second_after_the_search)
+{
+    Rig rig({.disks = std::vector<DiskPlan>(3),
+             .boot_mode = 3,
+             .adjust_block = [](formats::Boot_Param& block) { block.Local_Nums = 1; }});
+    std::vector<std::size_t> luns_found;
+    count_scans(rig, luns_found);
+    rig.run([&] {
+        EXPECT_EQ(rig.scsi().bus_changes(), 0u);
+        rig.machine.sleep_ms(999);
+        EXPECT_EQ(luns_found, (std::vector<std::size_t>{0}));
+        rig.machine.sleep_ms(2);
+        EXPECT_EQ(luns_found, (std::vector<std::size_t>{0, 2}));
+        rig.machine.sleep_ms(10000);
+        Bytes data(512);
+        EXPECT_TRUE(rig.read(1, 5, data));
+    });
+    EXPECT_EQ(rig.scsi().bus_changes(), 1u);
+    EXPECT_EQ(rig.printed(hdd_boot_change), 1u);
+    EXPECT_EQ(luns_found.size(), 2u);
+}
+
+// The counts are 8-bit but compared as signed numbers.
+TEST(Startup, More_local_disks_than_disks_never_make_a_bus_change)
+{
+    Rig rig({.boot_mode = 3, .adjust_block = [](formats::Boot_Param& block) { block.Local_Nums = 2; }});
+    rig.run([&] { rig.machine.sleep_ms(20000); });
+    EXPECT_EQ(rig.printed(boot_callback), 1u);
+    EXPECT_EQ(rig.scsi().bus_changes(), 0u);
+}
+
+TEST(Startup, Complete_set_of_disks_needs_no_bus_change)
+{
+    Rig rig({.disks = std::vector<DiskPlan>(4)});
+    rig.run([&] { rig.machine.sleep_ms(5000); });
+    EXPECT_EQ(rig.scsi().bus_changes(), 0u);
+    EXPECT_EQ(rig.scsi().scans(), 1u);
+}
+
+TEST(Startup, Links_that_cannot_be_made_do_not_matter)
+{
+    Rig rig;
+    rig.machine.faults().fail(machine::Operation::symbolic_link, arc_disk);
+    rig.run([&] {
+        EXPECT_FALSE(link_target(arc_disk));
+        EXPECT_TRUE(link_target(std::string(arc_disk) + "partition(1)"));
+        EXPECT_EQ(rig.scsi().luns().size(), 1u);
+    });
+}
+
+struct WorkersRow {
+    const char* name;
+    std::vector<std::uint8_t> disk_flags;
+    std::optional<std::uint32_t> rw_threads;
+    int expected;
+};
+
+class Workers : public testing::TestWithParam<WorkersRow> {};
+
+TEST_P(Workers, Are_as_many_as_set_or_as_a_disk_has_slots)
+{
+    const WorkersRow& row = GetParam();
+    Plan plan;
+    plan.disks.clear();
+    for (std::uint8_t flags : row.disk_flags)
+        plan.disks.push_back({.flags = flags});
+    if (row.rw_threads)
+        plan.settings["RW_THREADS"] = *row.rw_threads;
+    Rig rig(plan);
+    rig.run([&] { rig.machine.sleep_ms(1); });
+    EXPECT_EQ(workers_created(rig), first_indices(row.expected));
+    EXPECT_EQ(rig.log_count("QRN_Recv_Thread 0 Created"), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Startup, Workers,
+    testing::Values(WorkersRow{"default", {0x04}, {}, 6}, WorkersRow{"two_set", {0x02}, 2, 2},
+                    WorkersRow{"one_set", {0x01}, 1, 1}, WorkersRow{"eight_set", {0x04}, 8, 8},
+                    WorkersRow{"nine_is_too_many", {0x04}, 9, 6}, WorkersRow{"none_is_too_few", {0x04}, 0, 6},
+                    WorkersRow{"raised_by_five_slots", {0x05}, 2, 5},
+                    WorkersRow{"raised_by_the_largest", {0x02, 0x08, 0x03}, 1, 8},
+                    WorkersRow{"raised_by_default_slots", {0x2B}, 2, 4},
+                    WorkersRow{"one_slot_disk_needs_one", {0x8F}, 1, 1}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(Startup, First_worker_without_memory_leaves_a_driver_without_threads)
+{
+    Rig rig;
+    rig.machine.faults().fail(machine::Operation::pool_allocate, "QRNM");
+    rig.run([&] {
+        rig.machine.sleep_ms(1);
+        EXPECT_EQ(rig.scsi().luns().size(), 1u);
+    });
+    EXPECT_EQ(rig.printed(workers_error), 1u);
+    EXPECT_EQ(rig.log_count("_Thread"), 0u);
+}
+
+TEST(Startup, Later_worker_without_memory_leaves_those_before_it_at_work)
+{
+    Rig rig;
+    rig.machine.faults().fail(machine::Operation::pool_allocate, "QRNM", 2);
+    rig.run([&] {
+        Bytes data = pattern(0, 65536);
+        EXPECT_TRUE(rig.write(0, 0, data));
+        Bytes back(data.size());
+        EXPECT_TRUE(rig.read(0, 0, back));
+        EXPECT_EQ(back, data);
+    });
+    EXPECT_EQ(rig.printed(workers_error), 1u);
+    EXPECT_EQ(workers_created(rig), first_indices(2));
+}
+
+TEST(Startup, Threads_that_cannot_be_created_leave_the_load_as_it_is)
+{
+    Rig rig;
+    rig.machine.faults().fail(machine::Operation::thread_create, {}, 3, 100);
+    rig.run([&] {
+        Bytes data(65536);
+        EXPECT_TRUE(rig.read(0, 0, data));
+    });
+    EXPECT_EQ(workers_created(rig), first_indices(2));
+}
+
+struct DiskRow {
+    const char* name;
+    std::uint8_t flags;
+    unsigned read_kb, write_kb;  // as handed over
+    unsigned read_bytes, write_bytes;
+    const char* message;
+};
+
+class DiskTable : public testing::TestWithParam<DiskRow> {};
+
+// Lengths of the packets to the disk; those of the cache negotiation are about engine sector 0.
+std::vector<unsigned> packet_lengths(const Rig& rig, std::uint8_t kind)
+{
+    std::vector<unsigned> lengths;
+    for (const SeenPacket& packet : rig.sent(formats::sub_request, kind))
+        if (packet.header().Byte_Offset.get() != 0 &&
+            (kind == formats::kind_read || packet.header().Frag_Num == 1))
+            lengths.push_back(packet.header().Length.get());
+    return lengths;
+}
+
+TEST_P(DiskTable, Gives_packet_sizes_and_tells_the_disk)
+{
+    const DiskRow& row = GetParam();
+    Rig rig({.disks = {{.flags = row.flags, .read_kb = row.read_kb, .write_kb = row.write_kb}}});
+    rig.run([&] {
+        Bytes data(49152);
+        EXPECT_TRUE(rig.read(0, 0, data));
+        EXPECT_TRUE(rig.write(0, 0, data));
+    });
+    EXPECT_EQ(rig.printed(row.message), 1u) << rig.machine.log().text();
+    EXPECT_EQ(packet_lengths(rig, formats::kind_read),
+              std::vector<unsigned>(49152 / row.read_bytes, row.read_bytes));
+    EXPECT_EQ(packet_lengths(rig, formats::kind_write),
+              std::vector<unsigned>(49152 / row.write_bytes, row.write_bytes));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Startup, DiskTable,
+    testing::Values(DiskRow{"no_flags", 0x00, 4, 4, 8192, 6144, "\nQRN SCSI: Lun:0 800(1M) Local:0 -1"},
+                    DiskRow{"slots", 0x04, 16, 8, 16384, 8192, "\nQRN SCSI: Lun:0 800(1M) Local:4 -1"},
+                    DiskRow{"smallest", 0x01, 1, 1, 1024, 1024, "\nQRN SCSI: Lun:0 800(1M) Local:1 -1"},
+                    DiskRow{"cache", 0x13, 16, 8, 16384, 8192, "\nQRN SCSI: Lun:0 800(1M) Local:13 0"},
+                    DiskRow{"one_slot", 0x80, 8, 8, 8192, 8192, "\nQRN SCSI: Lun:0 800(1M) Local:80 0"},
+                    DiskRow{"cache_first", 0x95, 8, 8, 8192, 8192, "\nQRN SCSI: Lun:0 800(1M) Local:95 0"},
+                    DiskRow{"split", 0x2B, 8, 4, 8192, 4096, "\nQRN SCSI: Lun:0 800(1M) Local:2B -1"}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(Startup, Absent_disk_between_others_is_left_out_of_the_table)
+{
+    Rig rig({.disks = {{}, {.sectors = 0}, {.sectors = 4097}}});
+    rig.run([&] {
+        Bytes data(1024);
+        EXPECT_TRUE(rig.read(2, 4095, data));
+        ASSERT_EQ(rig.scsi().luns().size(), 3u);
+        EXPECT_EQ(rig.scsi().luns()[1].sectors, 0u);
+    });
+    EXPECT_EQ(rig.printed("\nQRN SCSI: Lun:2 1001(2M) Local:4 -1"), 1u);
+    EXPECT_EQ(rig.log_count("Lun:"), 2u) << rig.machine.log().text();
+}
+
+TEST(Startup, Memory_is_probed_once_for_all_cache_disks_and_only_for_them)
+{
+    for (auto [flags, probes] : {std::pair{0x14, 1u}, std::pair{0x84, 0u}}) {
+        auto disk = DiskPlan{.flags = static_cast<std::uint8_t>(flags)};
+        Rig rig({.disks = {disk, disk, disk}});
+        rig.run([] {});
+        EXPECT_EQ(rig.printed("\nQRN MDL: PAE Flag:0"), probes);
+    }
+}
+
+}  // namespace
+}  // namespace scenario
