@@ -1,0 +1,194 @@
+"""Runs the benchmark programs and the references, and prints the table of ratios. See bench/run."""
+import argparse
+import contextlib
+import json
+import os
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+IMAGE_MB = 256
+# name, fio's and iscsi-perf's way to say it, as in workload.h
+WORKLOADS = [
+    ("read 64K seq depth 8", "read", "64k", 8),
+    ("write 64K seq depth 8", "write", "64k", 8),
+    ("read 4K random depth 1", "randread", "4k", 1),
+    ("read 4K random depth 8", "randread", "4k", 8),
+    ("write 4K random depth 1", "randwrite", "4k", 1),
+    ("write 4K random depth 8", "randwrite", "4k", 8),
+]
+
+
+def progress(text):
+    print(text, file=sys.stderr, flush=True)
+
+
+@contextlib.contextmanager
+def running(command, ready=None, log=None):
+    """A program that runs for a while; waits until its output has a line that begins with ready."""
+    with open(log, "w+") as output:
+        process = subprocess.Popen(command, stdout=output, stderr=subprocess.STDOUT)
+        try:
+            deadline = time.monotonic() + 15
+            while ready is not None:
+                output.seek(0)
+                if any(line.startswith(ready) for line in output):
+                    break
+                if process.poll() is not None or time.monotonic() > deadline:
+                    output.seek(0)
+                    raise RuntimeError(f"{command[0]} did not start: {output.read()}")
+                time.sleep(0.05)
+            yield process
+        finally:
+            process.send_signal(signal.SIGTERM)
+            try:
+                process.wait(10)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
+
+
+def json_lines(command):
+    output = subprocess.run(command, check=True, capture_output=True, text=True).stdout
+    return {row["workload"]: row["requests_per_s"] for row in map(json.loads, output.splitlines())}
+
+
+def fio(uri, pattern, size, depth, seconds):
+    """Requests per second of one workload through an NBD server."""
+    output = subprocess.run(
+        ["fio", "--name=job", "--ioengine=nbd", f"--uri={uri}", f"--rw={pattern}", f"--bs={size}",
+         f"--iodepth={depth}", f"--runtime={seconds}", "--time_based", "--output-format=json", "--norandommap"],
+        check=True, capture_output=True, text=True).stdout
+    job = json.loads(output[output.index("{"):])["jobs"][0]
+    return job["write" if "write" in pattern else "read"]["iops"]
+
+
+def fio_all(uri, seconds):
+    return {name: fio(uri, pattern, size, depth, seconds) for name, pattern, size, depth in WORKLOADS}
+
+
+class Driver:
+    """A block server on the image, and what runs against it."""
+
+    def __init__(self, programs, directory, bench):
+        self.programs, self.directory, self.bench = programs, directory, bench
+
+    @contextlib.contextmanager
+    def server(self):
+        block = f"{self.directory}/boot.block"
+        command = [f"{self.programs}/qrn-server", "--listen", "127.0.0.1:0", "--boot-block", block,
+                   "--disk", f"{self.directory}/disk.img,slots=8"]
+        with running(command, "ready", f"{self.directory}/server.out"):
+            yield block
+
+    def through_srbs(self, seconds):
+        with self.server() as block:
+            return json_lines([f"{self.bench}/qrn-bench-srb", block, str(seconds)])
+
+    def through_nbd(self, seconds):
+        socket = f"{self.directory}/station.sock"
+        with self.server() as block, running(
+                [f"{self.programs}/qrn-station", "--boot-block", block, "--nbd", f"unix:{socket}"], "ready",
+                f"{self.directory}/station.out"):
+            return fio_all(f"nbd+unix:///lun0?socket={socket}", seconds)
+
+
+def plain_nbd(directory, seconds):
+    socket = f"{directory}/nbdkit.sock"
+    with running(["nbdkit", "--foreground", "--exit-with-parent", "-U", socket, "file", f"{directory}/plain.img"],
+                 log=f"{directory}/nbdkit.out"):
+        while not os.path.exists(socket):
+            time.sleep(0.05)
+        return fio_all(f"nbd+unix:///?socket={socket}", seconds)
+
+
+def iscsi(directory, seconds):
+    """Reads through an iSCSI target on loopback; its client only reads. Empty when it does not run here."""
+    portal, control, name = "127.0.0.1:13260", "77", "iqn.2026-01.bench:disk"
+    admin = ["tgtadm", "-C", control, "--lld", "iscsi"]
+    steps = (["--op", "new", "--mode", "target", "--tid", "1", "-T", name],
+             ["--op", "new", "--mode", "logicalunit", "--tid", "1", "--lun", "1", "-b", f"{directory}/plain.img"],
+             ["--op", "bind", "--mode", "target", "--tid", "1", "-I", "ALL"])
+    results = {}
+    try:
+        with running(["tgtd", "-f", "-C", control, "--iscsi", f"portal={portal}"], log=f"{directory}/tgtd.out"):
+            time.sleep(1)
+            for step in steps:
+                subprocess.run(admin + step, check=True, capture_output=True)
+            for workload, pattern, size, depth in WORKLOADS:
+                if "read" in pattern:
+                    blocks = int(size[:-1]) * 2
+                    command = ["iscsi-perf", "-m", str(depth), "-b", str(blocks), "-t", str(max(1, int(seconds)))]
+                    command += (["-r"] if "rand" in pattern else []) + [f"iscsi://{portal}/{name}/1"]
+                    output = subprocess.run(command, check=True, capture_output=True, text=True, timeout=60).stdout
+                    results[workload] = last_iops(output)
+    except (OSError, subprocess.SubprocessError, ValueError, IndexError, RuntimeError) as error:
+        progress(f"no iSCSI reference: {error}")
+    return results
+
+
+def last_iops(output):
+    """The average that iscsi-perf prints last: "iops average 12345 (...)"."""
+    return float(output.replace("\r", "\n").split("iops average ")[-1].split()[0])
+
+
+def median_of(rounds, workload):
+    values = [figures[workload] for figures in rounds if workload in figures]
+    return statistics.median(values) if values else None
+
+
+def describe(workload, per_second):
+    size, depth = next((size, depth) for name, _, size, depth in WORKLOADS if name == workload)
+    kilobytes = int(size[:-1])
+    return f"{per_second * kilobytes * 1024 / 1e6:9.0f} MB/s {1e6 * depth / per_second:9.1f} us"
+
+
+def print_table(rounds):
+    pairs = (("SRB", "bare UDP"), ("NBD", "nbdkit file"), ("NBD", "iSCSI target"))
+    print(f"{'workload':<26}{'driver through':<16}{'':>23}  {'reference':<14}{'':>23}  {'ratio':>6}")
+    for workload, *_ in WORKLOADS:
+        for ours, reference in pairs:
+            mine, theirs = median_of(rounds[ours], workload), median_of(rounds[reference], workload)
+            if mine and theirs:
+                print(f"{workload:<26}{ours:<16}{describe(workload, mine):>23}  {reference:<14}"
+                      f"{describe(workload, theirs):>23}  {mine / theirs:6.2f}")
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("bench")
+    parser.add_argument("programs")
+    parser.add_argument("--seconds", type=float, default=2)
+    parser.add_argument("--rounds", type=int, default=3)
+    options = parser.parse_args()
+    seconds = options.seconds
+
+    directory = tempfile.mkdtemp(prefix="qrn-bench-")
+    try:
+        for image in ("disk.img", "plain.img"):
+            with open(f"{directory}/{image}", "wb") as file:
+                for _ in range(IMAGE_MB):
+                    file.write(os.urandom(1 << 20))
+        driver = Driver(options.programs, directory, options.bench)
+        measurements = {
+            "bare UDP": lambda: json_lines([f"{options.bench}/qrn-bench-exchange", str(seconds)]),
+            "SRB": lambda: driver.through_srbs(seconds),
+            "NBD": lambda: driver.through_nbd(seconds),
+            "nbdkit file": lambda: plain_nbd(directory, seconds),
+            "iSCSI target": lambda: iscsi(directory, seconds),
+        }
+        rounds = {name: [] for name in measurements}
+        for number in range(options.rounds):
+            for name, measure in measurements.items():
+                progress(f"round {number + 1} of {options.rounds}: {name}")
+                rounds[name].append(measure())
+        print_table(rounds)
+    finally:
+        shutil.rmtree(directory, ignore_errors=True)
+
+
+main()

@@ -1,0 +1,47 @@
+// What the benchmark programs measure, and how they report it: one line of JSON each.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+struct Workload {
+    std::string name;
+    bool write;
+    std::uint32_t request_bytes;
+    unsigned depth;  // requests in flight
+    bool random;
+};
+
+inline const std::vector<Workload>& workloads()
+{
+    static const std::vector<Workload> all{
+        {"read 64K seq depth 8", false, 65536, 8, false}, {"write 64K seq depth 8", true, 65536, 8, false},
+        {"read 4K random depth 1", false, 4096, 1, true}, {"read 4K random depth 8", false, 4096, 8, true},
+        {"write 4K random depth 1", true, 4096, 1, true}, {"write 4K random depth 8", true, 4096, 8, true},
+    };
+    return all;
+}
+
+using Clock = std::chrono::steady_clock;
+
+inline double seconds_since(Clock::time_point start)
+{
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+inline void report(const Workload& workload, std::uint64_t requests, double seconds)
+{
+    auto count = static_cast<double>(requests);
+    std::printf(
+        "{\"workload\": \"%s\", \"mb_per_s\": %.1f, \"requests_per_s\": %.0f, \"us_per_request\": %.2f}\n",
+        workload.name.c_str(), count * workload.request_bytes / 1e6 / seconds, count / seconds,
+        seconds * 1e6 * workload.depth / count);
+    std::fflush(stdout);
+}
+
+}  // namespace bench

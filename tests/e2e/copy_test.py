@@ -1,0 +1,43 @@
+#!/usr/bin/env python3
+"""Whole disks through the driver, in both directions and with both ways of handing the disks over."""
+import unittest
+
+from harness import NBDCOPY_IN, Case, Server, Station
+
+
+class Copy(Case):
+    def boot(self, handover="low-memory"):
+        self.image = self.random_disk("image", 96)
+        self.target = self.empty_disk("target", 96)
+        self.server = Server(self, [self.image, self.target])
+        self.station = Station(self, self.server, handover=handover)
+
+    def test_Disk_read_by_nbdcopy_equals_the_servers_image(self):
+        self.boot()
+        self.client("nbdcopy", self.station.uri(0), self.path("copy"))
+        self.assert_same_content(self.image, self.path("copy"))
+
+    def test_Disk_read_by_qemu_img_equals_the_servers_image(self):
+        self.boot()
+        self.client("qemu-img", "convert", "-f", "raw", "-O", "raw", self.station.uri(0), self.path("copy"))
+        self.assert_same_content(self.image, self.path("copy"))
+
+    def test_What_nbdcopy_wrote_is_on_the_server_once_it_is_done(self):
+        self.boot()
+        self.client(*NBDCOPY_IN, self.image, self.station.uri(1))
+        self.assert_same_content(self.image, self.target)
+
+    def test_What_qemu_img_wrote_is_on_the_server_once_it_is_done(self):
+        self.boot()
+        self.client("qemu-img", "convert", "-n", "-f", "raw", "-O", "raw", self.image, self.station.uri(1))
+        self.assert_same_content(self.image, self.target)
+
+    def test_Disks_that_only_the_transport_knows_are_read_and_written(self):
+        self.boot(handover="transport")
+        self.client("qemu-img", "convert", "-n", "-f", "raw", "-O", "raw",
+                    self.station.uri(0), self.station.uri(1))
+        self.assert_same_content(self.image, self.target)
+
+
+if __name__ == "__main__":
+    unittest.main()
