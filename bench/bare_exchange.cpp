@@ -1,14 +1,11 @@
-// The reference of the network benchmarks: the packets of a workload between two processes over
-// loopback, with no driver, no block store and no protocol in between. One process asks, the other
-// answers each packet with as many bytes as a server would.
+// The reference of the network benchmarks: a client that exchanges the packets of a workload with the
+// block server and does nothing else, with no driver in between. All packets of a request are in flight
+// at once; a packet that stays unanswered ends the run with an error, for nothing is sent twice.
 //
-//     qrn-bench-exchange SECONDS
-#include <csignal>
+//     qrn-bench-exchange BOOT-BLOCK SECONDS
 #include <cstdlib>
 #include <cstring>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <stdexcept>
 
 #include "bench/workload.h"
 #include "formats/wire.h"
@@ -22,12 +19,11 @@ using server::UdpSocket;
 
 using Bytes = std::span<const std::uint8_t>;
 
-Peer loopback(std::uint16_t port)
+Peer any_loopback_port()
 {
     Peer peer{};
     const std::uint8_t ip[4] = {127, 0, 0, 1};
     std::memcpy(peer.Ip, ip, sizeof ip);
-    peer.Port.set(port);
     return peer;
 }
 
@@ -44,37 +40,19 @@ void send_fragments(UdpSocket& socket, const Peer& to, WireHeader header, Bytes 
     for (std::size_t offset = 0; offset < data.size(); offset += formats::fragment_bytes_max) {
         ++header.Frag_Num;
         std::size_t size = std::min<std::size_t>(formats::fragment_bytes_max, data.size() - offset);
+        header.Frag_Off.set(static_cast<std::uint16_t>(offset));
+        header.Frag_Size.set(static_cast<std::uint16_t>(size));
         socket.send(to, first_bytes(header, formats::header_bytes), data.subspan(offset, size));
     }
 }
 
-class Answerer {
-public:
-    explicit Answerer(UdpSocket& socket) : socket_(socket) {}
-
-    void answer(const Peer& from, Bytes packet)
-    {
-        WireHeader header{};
-        std::memcpy(static_cast<void*>(&header), packet.data(), std::min(packet.size(), sizeof header));
-        if (header.Kind == formats::kind_read) {
-            header.Kind = formats::kind_read_data;
-            header.Frag_Num = 0;
-            send_fragments(socket_, from, header, socket_.data_buffer().first(header.Length.get()));
-        } else if (header.Frag_Num == header.Frag_Cnt.get()) {
-            header.Kind = formats::kind_write_done;
-            socket_.send(from, first_bytes(header, formats::request_bytes), {});
-        }
-    }
-
-private:
-    UdpSocket& socket_;
-};
-
 // Keeps a workload's packets in flight, all packets of a request at once.
 class Asker {
 public:
-    Asker(UdpSocket& socket, const Peer& server, const bench::Workload& workload)
-        : socket_(socket), server_(server), workload_(workload), left_(workload.depth)
+    Asker(UdpSocket& socket, const formats::Boot_Param& block, const bench::Workload& workload)
+        : socket_(socket), server_(block.Main_Server[0]), disk_(block.Disks[0]), workload_(workload),
+          positions_(disk_.Disk_Secs.get() / (workload.request_bytes / formats::sector_bytes)),
+          left_(workload.depth)
     {
         for (unsigned request = 0; request < workload.depth; ++request)
             start(request);
@@ -87,12 +65,12 @@ public:
     {
         WireHeader header{};
         std::memcpy(static_cast<void*>(&header), packet.data(), std::min(packet.size(), sizeof header));
-        unsigned request = header.Worker_Byte;
+        unsigned request = header.Tag.get();
         if (request >= left_.size() || left_[request] == 0)
             return;
         if (header.Kind == formats::kind_read_data)
             std::memcpy(data_.data() + header.Pkt_Index * formats::packet_bytes_max + header.Frag_Off.get(),
-                        packet.data() + formats::header_bytes, header.Frag_Size.get());
+                        packet.data() + formats::header_bytes, packet.size() - formats::header_bytes);
         if (--left_[request] == 0) {
             ++done_;
             start(request);
@@ -100,19 +78,30 @@ public:
     }
 
 private:
+    std::uint64_t next_offset_bytes()
+    {
+        std::uint64_t position = bench::position(workload_, requests_++) % positions_;
+        return position * workload_.request_bytes + formats::sector_bytes;  // engine sectors begin at 1
+    }
+
     void start(unsigned request)
     {
         WireHeader header{};
-        header.Worker_Byte = static_cast<std::uint8_t>(request);
+        std::memcpy(header.Disk_Id, disk_.Disk_Id, sizeof header.Disk_Id);
+        std::memcpy(header.Disk_Parm, disk_.Disk_Parm, sizeof header.Disk_Parm);
         header.Kind = workload_.write ? formats::kind_write : formats::kind_read;
+        header.Tag.set(static_cast<std::uint16_t>(request));
+        header.Worker_Byte = static_cast<std::uint8_t>(request & formats::worker_index_mask);
+        header.Seq.set(static_cast<std::uint16_t>(requests_));
+        std::uint64_t disk_offset = next_offset_bytes();
         left_[request] = 0;
         for (std::uint32_t offset = 0; offset < workload_.request_bytes;
              offset += formats::packet_bytes_max) {
             std::uint32_t bytes =
                 std::min<std::uint32_t>(formats::packet_bytes_max, workload_.request_bytes - offset);
+            header.Byte_Offset.set(disk_offset + offset);
             header.Length.set(static_cast<std::uint16_t>(bytes));
             if (workload_.write) {
-                header.Frag_Num = 0;
                 send_fragments(socket_, server_, header, {data_.data() + offset, bytes});
                 ++left_[request];
             } else {
@@ -125,30 +114,30 @@ private:
 
     UdpSocket& socket_;
     Peer server_;
+    const formats::Disk_Info& disk_;
     const bench::Workload& workload_;
+    std::uint64_t positions_;
     std::vector<unsigned> left_;  // answers that each request still waits for
     std::vector<std::uint8_t> data_ = std::vector<std::uint8_t>(65536);
+    std::uint32_t requests_ = 0;
     std::uint64_t done_ = 0;
 };
 
-[[noreturn]] void answer_for_ever(UdpSocket& socket)
+void measure(const bench::Workload& workload, const formats::Boot_Param& block, double seconds)
 {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    Answerer answerer(socket);
-    for (;;)
-        socket.receive([&](const Peer& from, Bytes packet) { answerer.answer(from, packet); });
-}
-
-void measure(const bench::Workload& workload, const Peer& server, double seconds)
-{
-    UdpSocket socket(loopback(0));
-    Asker asker(socket, server, workload);
+    UdpSocket socket(any_loopback_port());
+    Asker asker(socket, block, workload);
     auto start = bench::Clock::now();
+    std::uint64_t before = 0;
+    auto progress = start;
     while (bench::seconds_since(start) < seconds) {
-        std::uint64_t before = asker.done();
         socket.receive([&](const Peer&, Bytes packet) { asker.take(packet); });
-        if (asker.done() == before && bench::seconds_since(start) > seconds)
-            break;
+        if (asker.done() != before) {
+            before = asker.done();
+            progress = bench::Clock::now();
+        } else if (bench::seconds_since(progress) > 1) {
+            throw std::runtime_error("the server stays silent, or packets were lost");
+        }
     }
     bench::report(workload, asker.done(), bench::seconds_since(start));
 }
@@ -157,18 +146,17 @@ void measure(const bench::Workload& workload, const Peer& server, double seconds
 
 int main(int argc, char** argv)
 {
-    double seconds = argc == 2 ? std::atof(argv[1]) : 0;
+    double seconds = argc == 3 ? std::atof(argv[2]) : 0;
     if (seconds <= 0) {
-        std::fprintf(stderr, "usage: qrn-bench-exchange SECONDS\n");
+        std::fprintf(stderr, "usage: qrn-bench-exchange BOOT-BLOCK SECONDS\n");
         return 2;
     }
-    UdpSocket answering(loopback(0));
-    Peer server = answering.address();
-    pid_t child = fork();
-    if (child == 0)
-        answer_for_ever(answering);
-    for (const bench::Workload& workload : bench::workloads())
-        measure(workload, server, seconds);
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    try {
+        formats::Boot_Param block = bench::read_boot_block(argv[1]);
+        for (const bench::Workload& workload : bench::workloads())
+            measure(workload, block, seconds);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "qrn-bench-exchange: %s\n", error.what());
+        return 1;
+    }
 }

@@ -4,9 +4,7 @@
 //     qrn-bench-srb BOOT-BLOCK SECONDS [DRIVER]
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
-#include <random>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -18,15 +16,6 @@
 #include "machine/transport/udp_link.h"
 
 namespace {
-
-formats::Boot_Param read_boot_block(const char* path)
-{
-    formats::Boot_Param block;
-    std::ifstream file(path, std::ios::binary);
-    if (!file.read(reinterpret_cast<char*>(&block), sizeof block))
-        throw std::runtime_error(std::string("cannot read the boot block ") + path);
-    return block;
-}
 
 // Keeps a workload's requests in flight on LUN 0 until told to stop.
 class Load {
@@ -66,8 +55,7 @@ private:
 
     void next(Slot& slot)
     {
-        std::uint32_t position = workload_.random ? random_++ * 2654435761u : position_++;
-        std::uint32_t lba = position % positions_ * sectors_per_request();
+        std::uint32_t lba = bench::position(workload_, requests_++) % positions_ * sectors_per_request();
         if (workload_.write)
             slot.request.set_write(0, lba, slot.data.data(), workload_.request_bytes);
         else
@@ -91,7 +79,7 @@ private:
     std::uint32_t positions_;
     std::vector<std::unique_ptr<Slot>> slots_;
     KEVENT idle_;
-    std::atomic<std::uint32_t> position_ = 0, random_ = 0;
+    std::atomic<std::uint32_t> requests_ = 0;
     std::atomic<std::uint64_t> done_ = 0;
     std::atomic<unsigned> left_ = 0;
     std::atomic<bool> stop_ = false, failed_ = false;
@@ -113,9 +101,10 @@ void run(const char* boot_block, double seconds, const char* driver_name)
     machine::MachineConfig config;
     config.scheduler = machine::SchedulerKind::real;
     config.strict = false;
+    std::unique_ptr<machine::UdpLink> link;  // outlives the machine
     machine::Machine machine(config);
-    machine::UdpLink link(machine.scheduler(), "0.0.0.0");
-    machine.add_transport(link).block() = read_boot_block(boot_block);
+    link = std::make_unique<machine::UdpLink>(machine.scheduler(), "0.0.0.0");
+    machine.add_transport(*link).block() = bench::read_boot_block(boot_block);
     machine.log().set_sink([](const machine::DebugLog::Entry&) {}, false);
     auto driver = machine::driver_named(driver_name);
     machine.run([&] {

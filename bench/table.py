@@ -89,6 +89,11 @@ class Driver:
         with self.server() as block:
             return json_lines([f"{self.bench}/qrn-bench-srb", block, str(seconds)])
 
+    def bare(self, seconds):
+        """The reference: the same packets to the same server, with no driver in between."""
+        with self.server() as block:
+            return json_lines([f"{self.bench}/qrn-bench-exchange", block, str(seconds)])
+
     def through_nbd(self, seconds):
         socket = f"{self.directory}/station.sock"
         with self.server() as block, running(
@@ -175,7 +180,7 @@ def main():
                     file.write(os.urandom(1 << 20))
         driver = Driver(options.programs, directory, options.bench)
         measurements = {
-            "bare UDP": lambda: json_lines([f"{options.bench}/qrn-bench-exchange", str(seconds)]),
+            "bare UDP": lambda: driver.bare(seconds),
             "SRB": lambda: driver.through_srbs(seconds),
             "NBD": lambda: driver.through_nbd(seconds),
             "nbdkit file": lambda: plain_nbd(directory, seconds),

@@ -4,8 +4,12 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <fstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "formats/boot_block.h"
 
 namespace bench {
 
@@ -25,6 +29,21 @@ inline const std::vector<Workload>& workloads()
         {"write 4K random depth 1", true, 4096, 1, true}, {"write 4K random depth 8", true, 4096, 8, true},
     };
     return all;
+}
+
+// Where on the disk the n-th request of a workload goes, in requests, before it is reduced to the disk.
+inline std::uint32_t position(const Workload& workload, std::uint32_t n)
+{
+    return workload.random ? n * 2654435761u : n;
+}
+
+inline formats::Boot_Param read_boot_block(const char* path)
+{
+    formats::Boot_Param block;
+    std::ifstream file(path, std::ios::binary);
+    if (!file.read(reinterpret_cast<char*>(&block), sizeof block))
+        throw std::runtime_error(std::string("cannot read the boot block ") + path);
+    return block;
 }
 
 using Clock = std::chrono::steady_clock;

@@ -12,17 +12,17 @@ std::uint8_t packet_kb(unsigned kb)
     return static_cast<std::uint8_t>((kb - 1) << 4);
 }
 
-formats::Disk_Info make_disk(const DiskSpec& spec, unsigned lun, std::uint32_t sectors)
+formats::Disk_Info make_disk(const ServedDisk& served, unsigned lun, std::uint32_t sectors)
 {
     formats::Disk_Info disk{};
-    std::memcpy(disk.Disk_Id, spec.id, sizeof disk.Disk_Id);
+    std::memcpy(disk.Disk_Id, served.id, sizeof disk.Disk_Id);
     set_disk_parm(disk.Disk_Parm, lun);
     disk.Disk_Secs.set(sectors);
-    disk.Read_KB = packet_kb(spec.read_kb);
-    disk.Write_KB = packet_kb(spec.write_kb);
+    disk.Read_KB = packet_kb(served.read_kb);
+    disk.Write_KB = packet_kb(served.write_kb);
     disk.Disk_Flags =
-        static_cast<std::uint8_t>(spec.slots | (spec.delay_load ? formats::disk_flag_delay_load : 0));
-    disk.Retry_Mins = static_cast<std::uint8_t>(spec.retry_mins);
+        static_cast<std::uint8_t>(served.slots | (served.delay_load ? formats::disk_flag_delay_load : 0));
+    disk.Retry_Mins = static_cast<std::uint8_t>(served.retry_mins);
     return disk;
 }
 
@@ -34,7 +34,7 @@ void set_disk_parm(std::uint8_t (&parm)[4], unsigned lun)
     parm[3] = static_cast<std::uint8_t>(lun);
 }
 
-formats::Boot_Param make_boot_parameters(std::span<const DiskSpec> disks,
+formats::Boot_Param make_boot_parameters(std::span<const ServedDisk> disks,
                                          std::span<const std::uint32_t> disk_sectors,
                                          const formats::ServerRecord& self)
 {

@@ -10,7 +10,7 @@
 namespace server {
 
 // Disk n has disk_sectors[n] sectors and `self` as its main server.
-formats::Boot_Param make_boot_parameters(std::span<const DiskSpec> disks,
+formats::Boot_Param make_boot_parameters(std::span<const ServedDisk> disks,
                                          std::span<const std::uint32_t> disk_sectors,
                                          const formats::ServerRecord& self);
 

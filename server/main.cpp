@@ -107,15 +107,15 @@ Server::Server(const Options& options)
 void Server::open_disks()
 {
     for (unsigned lun = 0; lun < options_.disks.size(); ++lun) {
-        const DiskSpec& spec = options_.disks[lun];
-        if (spec.mirror && to_text(*spec.mirror) == to_text(self_))
-            throw UsageError(spec.path + ": the mirror is this server itself");
-        stores_.push_back(open_file_store(spec.path, spec.readonly));
+        const ServedDisk& served = options_.disks[lun];
+        if (served.mirror && to_text(*served.mirror) == to_text(self_))
+            throw UsageError(served.path + ": the mirror is this server itself");
+        stores_.push_back(open_file_store(served.path, served.readonly));
         disk_bytes_.push_back(stores_.back()->size_bytes());
         DiskOptions disk;
-        std::memcpy(disk.disk_id, spec.id, sizeof disk.disk_id);
+        std::memcpy(disk.disk_id, served.id, sizeof disk.disk_id);
         set_disk_parm(disk.disk_parm, lun);
-        disk.readonly = spec.readonly;
+        disk.readonly = served.readonly;
         protocol_.add_disk(disk, *stores_.back());
     }
 }

@@ -85,7 +85,7 @@ void parse_id(std::string_view subject, std::string_view text, std::uint8_t (&id
 }
 
 // One option of a disk. False: there is none of this name.
-bool apply(DiskSpec& disk, std::string_view subject, std::string_view name, std::string_view value)
+bool apply(ServedDisk& disk, std::string_view subject, std::string_view name, std::string_view value)
 {
     const std::string where = fmt::format("{}: {}", subject, name);
     if (name == "id")
@@ -110,7 +110,7 @@ bool apply(DiskSpec& disk, std::string_view subject, std::string_view name, std:
 }
 
 // Ids that nobody has to choose: the same on every server that has the same disks.
-void set_default_id(DiskSpec& disk, unsigned lun)
+void set_default_id(ServedDisk& disk, unsigned lun)
 {
     disk.id[0] = 0x51;
     disk.id[1] = 0x52;
@@ -118,10 +118,10 @@ void set_default_id(DiskSpec& disk, unsigned lun)
     disk.id[3] = static_cast<std::uint8_t>(lun + 1);
 }
 
-DiskSpec parse_disk(const std::string& text, unsigned lun)
+ServedDisk parse_disk(const std::string& text, unsigned lun)
 {
     const std::string subject = "--disk " + text;
-    DiskSpec disk{};
+    ServedDisk disk{};
     disk.retry_mins = lun == 0 ? 0 : 1;
     bool has_id = false;
     std::string_view rest = text;

@@ -11,7 +11,7 @@
 
 namespace server {
 
-struct DiskSpec {
+struct ServedDisk {
     std::string path;
     std::uint8_t id[4];
     unsigned read_kb = 16;
@@ -26,7 +26,7 @@ struct DiskSpec {
 struct Options {
     formats::ServerRecord listen;
     std::optional<formats::ServerRecord> advertise;  // only its address counts
-    std::vector<DiskSpec> disks;
+    std::vector<ServedDisk> disks;
     std::string boot_block_path;  // empty: none
     std::string stats_json_path;
     unsigned poll_interval_s = 0;

@@ -17,7 +17,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-Json disk_json(const DiskSpec& disk, std::uint64_t size_bytes, const DiskCounters& counters)
+Json disk_json(const ServedDisk& disk, std::uint64_t size_bytes, const DiskCounters& counters)
 {
     const std::uint8_t(&id)[4] = disk.id;
     return {{"path", disk.path},

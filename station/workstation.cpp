@@ -75,9 +75,10 @@ void complain(const std::string& message)
 
 Workstation::Workstation(const Options& options, StopSignal& stop)
     : options_(options), stop_(stop), driver_(load_driver(options.driver)), machine_(machine_config(options)),
-      link_(machine_.scheduler(), all_servers_local(options.boot_block) ? "127.0.0.1" : "0.0.0.0"),
       server_(listening_server(options.nbd, exports_))
 {
+    link_ = std::make_unique<machine::UdpLink>(machine_.scheduler(),
+                                               all_servers_local(options.boot_block) ? "127.0.0.1" : "0.0.0.0");
     try {
         if (options.log)
             log_.emplace(*options.log);
@@ -103,7 +104,7 @@ Workstation::Workstation(const Options& options, StopSignal& stop)
 
 void Workstation::hand_over_boot_block()
 {
-    machine::Transport& transport = machine_.add_transport(link_);
+    machine::Transport& transport = machine_.add_transport(*link_);
     if (options_.handover == Handover::transport) {
         transport.block() = options_.boot_block;
         return;
@@ -270,7 +271,7 @@ StationStatus Workstation::status()
         for (const machine::LunInfo& each : found_)
             status.luns.push_back({each.lun, each.sectors, &luns_[each.lun]});
     }
-    status.link = link_.counters();
+    status.link = link_->counters();
     status.connections = server_.counters();
     return status;
 }

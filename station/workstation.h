@@ -51,8 +51,8 @@ private:
     AllLunStatistics luns_;
     std::optional<MessageLog> log_;
     std::unique_ptr<machine::DriverImage> driver_;
+    std::unique_ptr<machine::UdpLink> link_;  // outlives the machine
     machine::Machine machine_;
-    machine::UdpLink link_;
     Exports exports_;
     NbdServer server_;
     StatusView view_;

@@ -15,6 +15,7 @@ namespace {
 enum class Outcome { Complete, Pending };
 
 constexpr ULONG Delay_Trigger_Bytes = 65536;
+constexpr ULONG Lba_Without_Sector = 0xFFFFFFFF;  // its engine sector, LBA + 1, would wrap around to 0
 constexpr UCHAR Write_Bit = 2;  // of the operation code: set in WRITE(10), clear in READ(10)
 
 // The record lives in the SRB's extension, which comes with whatever it held before.
@@ -59,7 +60,7 @@ Outcome Transfer(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb)
     ULONG Lba = reinterpret_cast<const formats::Be32*>(&Srb->Cdb[2])->get();
     ULONG Bytes = Srb->DataTransferLength;
     ULONGLONG End = static_cast<ULONGLONG>(Lba) + Bytes / formats::sector_bytes;
-    if (End > Boot_Param.Disks[Srb->Lun].Disk_Secs.get())
+    if (End > Boot_Param.Disks[Srb->Lun].Disk_Secs.get() || Lba == Lba_Without_Sector)
         return Fail(Srb, Sense_Out_Of_Range);
     if (Bytes % formats::sector_bytes != 0)
         return Fail(Srb, Sense_Bad_Field);

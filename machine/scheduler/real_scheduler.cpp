@@ -45,7 +45,8 @@ RealScheduler::RealScheduler()
 
 void RealScheduler::retire()
 {
-    switch_off();
+    if (!off_)
+        switch_off();
     active_scheduler = nullptr;
 }
 

@@ -44,7 +44,7 @@ NTSTATUS answer(PIRP irp, NTSTATUS status, ULONG bytes)
 TEST(Control_request, Completed_at_once_hands_back_as_many_bytes_as_the_device_said)
 {
     Machine machine;
-    machine.run([] {
+    run_to_end(machine, [] {
         TestDriver driver([](PDEVICE_OBJECT, PIRP irp) { return answer(irp, STATUS_SUCCESS, 4); });
         Request request;
         EXPECT_EQ(request.send(driver.device()), STATUS_SUCCESS);
@@ -60,7 +60,7 @@ TEST(Control_request, A_pending_one_sets_the_event_when_the_answer_stands)
 {
     for (const NTSTATUS status : {STATUS_SUCCESS, STATUS_IO_TIMEOUT}) {
         Machine machine;
-        machine.run([&] {
+        run_to_end(machine, [&] {
             TestDriver driver([&](PDEVICE_OBJECT, PIRP irp) {
                 IoMarkIrpPending(irp);
                 machine.scheduler().call_at(20 * ticks_per_ms, [=] { answer(irp, status, 6); });
@@ -80,7 +80,7 @@ TEST(Control_request, A_pending_one_sets_the_event_when_the_answer_stands)
 TEST(Control_request, One_that_fails_at_once_tells_it_by_the_status_alone)
 {
     Machine machine;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         TestDriver driver([](PDEVICE_OBJECT, PIRP irp) { return answer(irp, STATUS_IO_TIMEOUT, 6); });
         Request request;
         EXPECT_EQ(request.send(driver.device()), STATUS_IO_TIMEOUT);

@@ -15,7 +15,7 @@ std::string printed(const char* format, Arguments... arguments)
 TEST(Debug_print, Forms_that_drivers_use)
 {
     Machine machine;
-    machine.run([] {
+    run_to_end(machine, [] {
         void* pointer = reinterpret_cast<void*>(0x1A2B3C);
         UNICODE_STRING wide = counted(L"\\Device\\X (rest)");
         wide.Length = 18;
@@ -56,7 +56,7 @@ TEST(Debug_print, Forms_that_drivers_use)
 TEST(Debug_print, Nothing_is_read_behind_a_precision_or_printed_behind_512_bytes)
 {
     Machine machine;
-    machine.run([] {
+    run_to_end(machine, [] {
         const char unterminated[] = {'Q', 'R', 'N', 'H'};
         EXPECT_EQ(printed("%.4s", unterminated), "QRNH");
         EXPECT_EQ(printed("%s", std::string(4000, 'x').c_str()), std::string(512, 'x'));
@@ -68,7 +68,7 @@ TEST(Debug_print, The_log_knows_the_time_counts_pieces_and_feeds_a_sink)
 {
     Machine machine;
     std::string seen;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         DbgPrint("\nfirst");
         machine.sleep_ms(3);
         KIRQL irql;

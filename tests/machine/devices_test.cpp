@@ -18,7 +18,7 @@ NTSTATUS finish(PDEVICE_OBJECT, PIRP irp)
 TEST(Devices, A_device_opens_by_its_name_in_any_case_and_through_links_made_before_it)
 {
     Machine machine;
-    machine.run([] {
+    run_to_end(machine, [] {
         UNICODE_STRING link = counted(L"\\DosDevices\\PhysicalDrive0"),
                        target = counted(L"\\ArcName\\multi(0)"),
                        device_name = counted(L"\\Device\\Harddisk0");
@@ -46,7 +46,7 @@ TEST(Devices, A_device_opens_by_its_name_in_any_case_and_through_links_made_befo
 TEST(Devices, Links_in_a_circle_lead_nowhere)
 {
     Machine machine;
-    machine.run([] {
+    run_to_end(machine, [] {
         UNICODE_STRING first = counted(L"\\??\\a"), second = counted(L"\\??\\b");
         IoCreateSymbolicLink(&first, &second);
         IoCreateSymbolicLink(&second, &first);
@@ -59,7 +59,7 @@ TEST(Devices, Links_in_a_circle_lead_nowhere)
 TEST(Devices, Devices_stand_in_their_drivers_list_newest_first_and_names_are_unique)
 {
     Machine machine;
-    machine.run([] {
+    run_to_end(machine, [] {
         TestDriver driver(finish);
         PDEVICE_OBJECT second, taken = nullptr;
         EXPECT_EQ(IoCreateDevice(driver.driver(), 0, nullptr, FILE_DEVICE_CONTROLLER, 0, FALSE, &second),

@@ -23,7 +23,7 @@ constexpr ULONG tag_m = 0x4D4E5251, tag_r = 0x524E5251;  // "QRNM", "QRNR"
 TEST(Faults, By_count_after_a_skip_and_only_for_the_name)
 {
     Machine machine;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         machine.faults().fail(Operation::pool_allocate, "QRNM", 2, 3);
         EXPECT_EQ(pattern(machine, tag_m, 8), "++---+++");
         machine.faults().fail(Operation::pool_allocate, "QRNM");
@@ -40,7 +40,7 @@ TEST(Faults, By_chance_the_same_for_the_same_seed)
     const auto draw = [](std::uint64_t seed) {
         std::string result;
         Machine machine({.seed = seed});
-        machine.run([&] {
+        run_to_end(machine, [&] {
             machine.faults().fail_randomly(Operation::pool_allocate, 0.3);
             result = pattern(machine, tag_m, 200);
         });
@@ -57,7 +57,7 @@ TEST(Faults, By_chance_the_same_for_the_same_seed)
 TEST(Faults, Each_operation_fails_as_the_real_one_does)
 {
     Machine machine({.unmanaged_above_4g_bytes = 1 << 23});
-    machine.run([&] {
+    run_to_end(machine, [&] {
         Faults& faults = machine.faults();
         PHYSICAL_ADDRESS address;
         address.QuadPart = 0x100400000;

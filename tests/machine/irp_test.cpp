@@ -67,7 +67,7 @@ struct Stack {
 TEST(Irp, Completion_routines_run_from_the_lowest_driver_up_to_the_requester)
 {
     Machine machine;
-    machine.run([] {
+    run_to_end(machine, [] {
         Stack stack;
         stack.bottom_dispatch = [&](PDEVICE_OBJECT device, PIRP irp) {
             EXPECT_EQ(IoGetCurrentIrpStackLocation(irp)->DeviceObject, device);
@@ -88,7 +88,7 @@ TEST(Irp, Completion_routines_run_from_the_lowest_driver_up_to_the_requester)
 TEST(Irp, A_driver_that_keeps_the_irp_completes_it_later_from_where_it_stands)
 {
     Machine machine;
-    machine.run([] {
+    run_to_end(machine, [] {
         Stack stack;
         stack.middle_level.answer = STATUS_MORE_PROCESSING_REQUIRED;
         stack.bottom_dispatch = [](PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_SUCCESS); };
@@ -104,7 +104,7 @@ TEST(Irp, A_driver_that_keeps_the_irp_completes_it_later_from_where_it_stands)
 TEST(Irp, Routines_are_called_only_for_the_ends_they_asked_for)
 {
     Machine machine;
-    machine.run([] {
+    run_to_end(machine, [] {
         for (const NTSTATUS status : {STATUS_SUCCESS, STATUS_IO_TIMEOUT}) {
             Stack stack;
             stack.middle_flags = {.success = false, .error = true};
@@ -123,7 +123,7 @@ TEST(Irp, Routines_are_called_only_for_the_ends_they_asked_for)
 TEST(Irp, The_mark_of_a_pending_request_reaches_every_level)
 {
     Machine machine;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         Stack stack;
         stack.middle_flags = {.success = false, .error = false};  // passed over without its routine
         stack.bottom_dispatch = [&](PDEVICE_OBJECT, PIRP irp) {
@@ -156,7 +156,7 @@ TEST(Irp, One_irp_is_used_again_and_again_by_many_threads)
     for (std::uint64_t seed = 1; seed <= 10; ++seed) {
         Machine machine({.seed = seed});
         int served = 0;
-        machine.run([&] {
+        run_to_end(machine, [&] {
             TestDriver driver([&](PDEVICE_OBJECT, PIRP irp) {
                 ++served;
                 IoMarkIrpPending(irp);

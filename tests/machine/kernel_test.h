@@ -30,13 +30,14 @@ public:
 };
 
 // The message of the rule that body breaks as a kernel thread of a fresh machine; empty when it breaks
-// none.
+// none and comes to its end.
 inline std::string broken_rule(const std::function<void(Machine&)>& body, MachineConfig config = {})
 {
     CaughtViolations caught;
     Machine machine(config);
     try {
-        machine.run([&] { body(machine); });
+        if (machine.run([&] { body(machine); }) != Outcome::finished)
+            return "(none, but the run did not come to its end)";
     } catch (const CaughtViolations::Violation& violation) {
         return violation.message;
     }
@@ -48,6 +49,12 @@ inline std::string broken_rule(const std::function<void(Machine&)>& body, Machin
         const std::string broken = ::machine::test::broken_rule(rule);                                       \
         EXPECT_NE(broken.find(message_piece), std::string::npos) << "broken rule: \"" << broken << '"';      \
     } while (false)
+
+// Runs body as a kernel thread that must come to its end: a stalled one would leave its last checks out.
+inline void run_to_end(Machine& machine, std::function<void()> body)
+{
+    EXPECT_EQ(machine.run(std::move(body)), Outcome::finished);
+}
 
 // A wait that lasts at most this long; negative: for ever.
 inline NTSTATUS wait_ms(void* object, std::int64_t ms = -1)

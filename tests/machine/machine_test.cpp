@@ -67,7 +67,7 @@ TEST(Machine_ports, Clock_and_sequencer_registers_keep_what_is_written_and_every
 {
     Machine machine;
     machine.ports().set_clock_register(0x0B, 0x42);
-    machine.run([] {
+    run_to_end(machine, [] {
         WRITE_PORT_UCHAR(port(0x70), 0x8B);
         EXPECT_EQ(READ_PORT_UCHAR(port(0x71)), 0x42);
         WRITE_PORT_UCHAR(port(0x71), 0x02);
@@ -118,7 +118,7 @@ TEST(Machine_boot, The_entry_runs_before_the_scan_and_the_reinitialisation_and_a
         notes = {.order = {}, .registry_path = {}, .status = status};
         Machine machine;
         NotingImage image;
-        machine.run([&] {
+        run_to_end(machine, [&] {
             machine.scsi().set_scan_listener([] { notes.order += " scan"; });
             EXPECT_EQ(machine.boot(image), status);
         });

@@ -23,7 +23,7 @@ void undo(volatile ULONG* mapped, SIZE_T bytes)
 TEST(Physical_memory, Windows_beyond_4_GB_show_the_same_memory_wherever_they_are_mapped)
 {
     Machine machine({.unmanaged_above_4g_bytes = 60 * gb});
-    machine.run([&] {
+    run_to_end(machine, [&] {
         const std::uint64_t far_address = 4 * gb + 59 * gb;
         volatile ULONG* first = window(far_address, 4 * mb);
         volatile ULONG* second = window(far_address + mb + 12, 16);
@@ -48,7 +48,7 @@ TEST(Physical_memory, Windows_beyond_4_GB_show_the_same_memory_wherever_they_are
 TEST(Physical_memory, Only_memory_that_is_there_can_be_mapped)
 {
     Machine machine({.memory_ranges = {{mb, 511 * mb}}, .unmanaged_above_4g_bytes = 8 * mb});
-    machine.run([] {
+    run_to_end(machine, [] {
         const struct {
             std::uint64_t address;
             SIZE_T bytes;
@@ -74,7 +74,7 @@ TEST(Physical_memory, Only_memory_that_is_there_can_be_mapped)
 TEST(Physical_memory, Firmware_leaves_the_count_of_base_memory)
 {
     Machine machine({.base_memory_kb = 638});
-    machine.run([] {
+    run_to_end(machine, [] {
         volatile ULONG* low = window(0, 0xA0000);
         USHORT kb;
         std::memcpy(&kb, const_cast<UCHAR*>(reinterpret_cast<volatile UCHAR*>(low)) + 0x413, sizeof kb);
@@ -86,7 +86,7 @@ TEST(Physical_memory, Firmware_leaves_the_count_of_base_memory)
 TEST(Physical_memory, The_list_of_ranges_ends_with_an_empty_one_and_is_pool_of_the_caller)
 {
     Machine machine({.memory_ranges = {{mb, 2 * gb}, {4 * gb, 6 * gb}}, .mm64bit = true});
-    machine.run([&] {
+    run_to_end(machine, [&] {
         PPHYSICAL_MEMORY_RANGE list = MmGetPhysicalMemoryRanges();
         EXPECT_EQ(list[0].BaseAddress.QuadPart, static_cast<LONGLONG>(mb));
         EXPECT_EQ(list[1].NumberOfBytes.QuadPart, static_cast<LONGLONG>(6 * gb));

@@ -15,7 +15,7 @@ UCHAR* allocate(SIZE_T bytes)
 TEST(Pool, Blocks_are_aligned_filled_and_counted_by_tag)
 {
     Machine machine;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         UCHAR* small = allocate(13);
         UCHAR* large = allocate(70'000);
         PVOID other = ExAllocatePool(NonPagedPool, 5);

@@ -33,7 +33,7 @@ TEST(Registry, Full_queries_tell_the_length_that_they_need_and_fill_what_they_ge
 {
     Machine machine;
     machine.registry().set_setting("RW_THREADS", 8);
-    machine.run([] {
+    run_to_end(machine, [] {
         HANDLE key = open_key(L"\\registry\\MACHINE\\System\\CurrentControlSet\\Services\\QRNDISK");
         constexpr ULONG fixed = 20, name_bytes = 20, needed = fixed + name_bytes + 4;
         const struct {
@@ -67,7 +67,7 @@ TEST(Registry, The_data_of_a_full_query_is_aligned_behind_an_odd_name)
 {
     Machine machine;
     machine.registry().set_setting("ABC", 1);
-    machine.run([] {
+    run_to_end(machine, [] {
         HANDLE key = open_key(L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\qrndisk");
         const Query query(key, L"ABC", KeyValueFullInformation, 128);
         KEY_VALUE_FULL_INFORMATION information;
@@ -82,7 +82,7 @@ TEST(Registry, Partial_queries_and_strings)
 {
     Machine machine;
     machine.registry().set_string(Registry::service_key, u"Name", u"ab");
-    machine.run([] {
+    run_to_end(machine, [] {
         HANDLE key = open_key(L"\\Registry\\Machine\\System\\CurrentControlSet\\Services\\qrndisk");
         const Query query(key, L"Name", KeyValuePartialInformation, 128);
         EXPECT_EQ(query.status, STATUS_SUCCESS);
@@ -100,7 +100,7 @@ TEST(Registry, Keys_open_relative_to_their_parents_and_missing_ones_do_not)
 {
     Machine machine;
     machine.registry().set_dword(Registry::memory_management_key, u"PhysicalAddressExtension", 1);
-    machine.run([] {
+    run_to_end(machine, [] {
         HANDLE root = open_key(L"\\Registry\\Machine\\System\\CurrentControlSet");
         HANDLE key = open_key(L"Control\\Session Manager\\Memory Management", root);
         EXPECT_EQ(Query(key, L"PhysicalAddressExtension", KeyValueFullInformation, 128).status,

@@ -27,7 +27,7 @@ std::string history(std::uint64_t seed)
             KeReleaseSemaphore(&semaphore, 0, 1, FALSE);
         }
     };
-    machine.run([&] {
+    run_to_end(machine, [&] {
         KeInitializeSemaphore(&semaphore, 2, 100);
         for (char name = 'a'; name < 'f'; ++name)
             threads.push_back(start_thread([&, name] { worker(name); }));
@@ -54,7 +54,7 @@ TEST(Simulated_scheduler, Same_seed_replays_the_run_and_other_seeds_run_otherwis
 TEST(Simulated_scheduler, Time_jumps_to_the_next_deadline_and_stands_still_between)
 {
     Machine machine;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         EXPECT_EQ(machine.scheduler().now(), 0);
         machine.sleep_ms(66'000);
         EXPECT_EQ(machine.now_ms(), 66'000);
@@ -79,7 +79,7 @@ TEST(Simulated_scheduler, Threads_interleave_inside_an_unguarded_update_for_some
         Machine machine({.seed = seed});
         int counter = 0;
         KSPIN_LOCK unrelated[2] = {0, 0};
-        machine.run([&] {
+        run_to_end(machine, [&] {
             std::vector<PKTHREAD> threads;
             for (auto& lock : unrelated)
                 threads.push_back(start_thread([&] {
@@ -106,7 +106,7 @@ TEST(Simulated_scheduler, Another_thread_runs_while_a_spin_lock_is_held_and_the_
         KSPIN_LOCK outer = 0, inner = 0;
         int inside = 0, most_inside = 0;
         bool tried_while_held = false;
-        machine.run([&] {
+        run_to_end(machine, [&] {
             std::vector<PKTHREAD> threads;
             for (int index = 0; index < 3; ++index)
                 threads.push_back(start_thread([&] {
@@ -132,7 +132,7 @@ TEST(Simulated_scheduler, Timer_callbacks_run_in_order_at_dispatch_level_outside
 {
     Machine machine;
     std::vector<int> order;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         Scheduler& scheduler = machine.scheduler();
         KEVENT done;
         KeInitializeEvent(&done, NotificationEvent, FALSE);
@@ -184,7 +184,7 @@ TEST(Simulated_scheduler, Switch_off_drops_threads_where_they_stand)
     };
     {
         Machine machine;
-        machine.run([&] {
+        run_to_end(machine, [&] {
             start_thread([&] {
                 Frame frame{unwound};
                 for (;;) {
@@ -232,7 +232,7 @@ TEST(Simulated_scheduler, Deadlock_of_spin_locks_is_reported)
 TEST(Simulated_scheduler, Exceptions_in_flight_stay_with_their_thread)
 {
     Machine machine;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         std::vector<PKTHREAD> threads;
         for (int index = 0; index < 4; ++index)
             threads.push_back(start_thread([&, index] {
@@ -265,7 +265,7 @@ TEST(Simulated_scheduler, Block_hooks_run_before_a_thread_blocks_and_not_when_a_
         ++hooks;
         set(event);
     });
-    machine.run([&] {
+    run_to_end(machine, [&] {
         EXPECT_EQ(wait_ms(&event), STATUS_SUCCESS);
         EXPECT_EQ(hooks, 0);
         EXPECT_EQ(wait_ms(&event), STATUS_SUCCESS);

@@ -14,7 +14,7 @@ struct Case {
 TEST(Waits, Timeouts_end_to_the_tick_and_objects_keep_their_state)
 {
     Machine machine;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         KEVENT event;
         KeInitializeEvent(&event, SynchronizationEvent, FALSE);
         const Ticks start = machine.scheduler().now();
@@ -41,7 +41,7 @@ TEST(Waits, A_synchronization_event_releases_one_waiter_and_a_notification_event
 {
     for (std::uint64_t seed = 1; seed <= 20; ++seed) {
         Machine machine({.seed = seed});
-        machine.run([&] {
+        run_to_end(machine, [&] {
             for (const EVENT_TYPE type : {SynchronizationEvent, NotificationEvent}) {
                 KEVENT event;
                 KeInitializeEvent(&event, type, FALSE);
@@ -72,7 +72,7 @@ TEST(Waits, A_synchronization_event_releases_one_waiter_and_a_notification_event
 TEST(Waits, A_set_event_stays_set_once_however_often_it_is_set)
 {
     Machine machine;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         KEVENT event;
         KeInitializeEvent(&event, SynchronizationEvent, TRUE);
         EXPECT_EQ(KeSetEvent(&event, 0, FALSE), 1);
@@ -87,7 +87,7 @@ TEST(Waits, A_set_event_stays_set_once_however_often_it_is_set)
 TEST(Waits, A_semaphore_counts_releases_and_wakes_as_many)
 {
     Machine machine;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         KSEMAPHORE semaphore;
         KeInitializeSemaphore(&semaphore, 1, 10);
         int released = 0;
@@ -111,7 +111,7 @@ TEST(Waits, A_semaphore_counts_releases_and_wakes_as_many)
 TEST(Waits, A_wait_on_a_thread_ends_with_the_thread_however_it_ends)
 {
     Machine machine;
-    machine.run([&] {
+    run_to_end(machine, [&] {
         bool behind = false;
         PKTHREAD thread = start_thread([&] {
             machine.sleep_ms(5);
@@ -132,7 +132,7 @@ TEST(Waits, A_signal_that_races_with_the_timeout_is_never_lost)
     int timeouts = 0;
     for (std::uint64_t seed = 1; seed <= 100; ++seed) {
         Machine machine({.seed = seed});
-        machine.run([&] {
+        run_to_end(machine, [&] {
             KEVENT event;
             KeInitializeEvent(&event, SynchronizationEvent, FALSE);
             PKTHREAD thread = start_thread([&] {
@@ -234,7 +234,7 @@ TEST(WaitsDeathTest, A_broken_rule_stops_the_process_with_its_message)
     EXPECT_DEATH(
         {
             Machine machine;
-            machine.run([] { KeLowerIrql(DISPATCH_LEVEL); });
+            run_to_end(machine, [] { KeLowerIrql(DISPATCH_LEVEL); });
         },
         "rule broken: KfLowerIrql from IRQL 0 to 2");
 }

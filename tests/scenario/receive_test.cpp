@@ -221,6 +221,25 @@ TEST(Receive, Answers_after_completion_change_nothing)
     EXPECT_EQ(requests.size(), 6u);
 }
 
+// The buffer of a request that was given up is its owner's again.
+TEST(Receive, Answers_after_a_failure_change_nothing)
+{
+    Rig rig({.disks = {{}, {}}});
+    rig.main.stop();
+    rig.run([&] {
+        Pending request(rig);
+        request.read(1, 0, 8192).wait();
+        EXPECT_FALSE(request.ok());
+        const Bytes left = request.data();
+        for (const SeenPacket& packet : rig.sent(sub_request, kind_read))
+            for (const Bytes& data : read_data_all(packet, Bytes(8192, 0xBD)))
+                rig.network.inject(data);
+        rig.machine.sleep_ms(5);
+        EXPECT_EQ(request.data(), left);
+        expect_all_released(rig);
+    });
+}
+
 // Retry_Left becomes 3 however large, or negative, it was, but is not raised again.
 TEST(Receive, Retry_limits_leave_four_time_outs)
 {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <deque>
 #include <map>
 #include <set>
@@ -197,28 +198,30 @@ TEST(Requests, Without_a_byte_complete_without_a_packet)
     }
 }
 
-// With two workers the pool of slot blocks can be empty for a moment when the last chunk of a read ends.
+// The pool of slot blocks can be empty for a moment when the last chunk of a read ends. In a network
+// without jitter chunks of several disks end at once often enough for that.
 TEST(Requests, Keep_one_tag_for_each_read_even_when_every_slot_number_is_lent_out)
 {
-    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 30; ++seed) {
         DiskPlan disk{.sectors = 1200, .flags = 0x01, .read_kb = 1, .write_kb = 1};
-        DiskPlan split = disk;
-        split.flags = 0x22;
-        Rig rig({.seed = seed, .disks = {disk, split, disk, split}, .settings = {{"RW_THREADS", 1}}});
-        rig.network.set_quality({.delay_max = 400 * machine::ticks_per_us});
+        Rig rig({.seed = seed, .disks = {disk, disk, disk, disk}, .settings = {{"RW_THREADS", 2}}});
+        unsigned reads = 0;
         rig.run([&] {
-            Traffic traffic(rig, seed, {.operations_each = 15, .request_sectors_max = 24});
+            Traffic traffic(rig, seed, {.operations_each = 20, .request_sectors_max = 6, .writes = 0.3});
             traffic.run();
             EXPECT_EQ(traffic.failed(), 0u);
             traffic.expect_stored(rig.main);
+            reads = traffic.reads();
         });
-        std::map<std::pair<unsigned, unsigned>, std::set<unsigned>> tags;  // by disk and Seq
-        for (const SeenPacket& packet : rig.sent(formats::sub_request, kind_read))
-            tags[{packet.header().Disk_Id[3], packet.header().Seq.get()}].insert(packet.header().Tag.get());
-        EXPECT_GT(tags.size(), 40u);
-        for (const auto& [read, of_read] : tags)
-            EXPECT_EQ(of_read.size(), 1u)
-                << "seed " << seed << " disk " << read.first << " Seq " << read.second;
+        std::set<std::array<unsigned, 3>> tags;
+        std::set<std::array<unsigned, 2>> sequence_numbers;
+        for (const SeenPacket& packet : rig.sent(formats::sub_request, kind_read)) {
+            const WireHeader& header = packet.header();
+            tags.insert({header.Disk_Id[3], header.Seq.get(), header.Tag.get()});
+            sequence_numbers.insert({header.Disk_Id[3], header.Seq.get()});
+        }
+        EXPECT_EQ(tags.size(), reads) << "seed " << seed;
+        EXPECT_EQ(sequence_numbers.size(), reads) << "seed " << seed;
     }
 }
 

