@@ -104,6 +104,8 @@ class Driver:
 
 def plain_nbd(directory, seconds):
     socket = f"{directory}/nbdkit.sock"
+    if os.path.exists(socket):
+        os.unlink(socket)
     with running(["nbdkit", "--foreground", "--exit-with-parent", "-U", socket, "file", f"{directory}/plain.img"],
                  log=f"{directory}/nbdkit.out"):
         while not os.path.exists(socket):

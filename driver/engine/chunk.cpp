@@ -114,8 +114,8 @@ static void Run_Srb(RW_Entry* pEntry, const Chunk& Picked)
 {
     RW_Req* pReq = Picked.pReq;
     Wake_Others(pEntry, Picked);
-    UCHAR* pCaller = pEntry->pData;
-    if (pReq->Write)
+    UCHAR* pCaller = pEntry->pData;  // an empty request may come without a buffer
+    if (pReq->Write && Picked.Bytes > 0)
         RtlCopyMemory(pEntry->Bounce, pCaller, static_cast<SIZE_T>(Picked.Bytes));
     pEntry->pData = pEntry->Bounce;
     for (LONG Left = Picked.Bytes; Left > 0;) {
@@ -128,7 +128,7 @@ static void Run_Srb(RW_Entry* pEntry, const Chunk& Picked)
     }
     auto Processed = static_cast<SIZE_T>(pEntry->pData - pEntry->Bounce);
     pEntry->pData = pCaller;
-    if (!pReq->Write)
+    if (!pReq->Write && Processed > 0)
         RtlCopyMemory(pCaller, pEntry->Bounce, Processed);
     Give_Slot_Block_Back(pEntry->pWr_Slot);
     pEntry->pWr_Slot = nullptr;

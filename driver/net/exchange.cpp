@@ -235,11 +235,11 @@ bool Exchange_Packet(RW_Entry* pEntry)
     return Deliver(pEntry) && Deliver_Copy(pEntry, Promoted_Before);
 }
 
-// The header of one packet of the run.
-void Place_Packet(RW_Entry* pEntry, LONG Sector, LONG Bytes)
+// The header of one packet of the run. Sector numbers go out sign-extended.
+void Place_Packet(RW_Entry* pEntry, ULONG Sector, LONG Bytes)
 {
     pEntry->Hdr.Byte_Offset.set(
-        static_cast<ULONGLONG>(static_cast<LONGLONG>(Sector) * formats::sector_bytes));
+        static_cast<ULONGLONG>(LONGLONG{static_cast<LONG>(Sector)} * formats::sector_bytes));
     pEntry->Hdr.Length.set(static_cast<USHORT>(Bytes));
 }
 
@@ -251,7 +251,7 @@ LONG Net_Send_Wait(RW_Entry* pEntry, LONG Bytes)
         return -1;  // a machine without transport will never have one
     UCHAR* pStart = pEntry->pData;
     UCHAR First_Index = pEntry->Hdr.Pkt_Index;
-    auto Sector = static_cast<LONG>(pEntry->Sector);
+    ULONG Sector = pEntry->Sector;
     LONG Result = 0;
     for (LONG Left = Bytes; Left > 0;) {
         LONG Packet_Bytes = Smaller(static_cast<LONG>(pEntry->Setup.Pkt_Size), Left);
@@ -261,7 +261,7 @@ LONG Net_Send_Wait(RW_Entry* pEntry, LONG Bytes)
             break;
         }
         pEntry->pData += Packet_Bytes;
-        Sector += Packet_Bytes >> 9;
+        Sector += static_cast<ULONG>(Packet_Bytes >> 9);
         ++pEntry->Hdr.Pkt_Index;
         Left -= Packet_Bytes;
         Result += Packet_Bytes;

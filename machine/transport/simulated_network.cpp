@@ -60,7 +60,7 @@ public:
         }
         void* const address = buffer.memory.get();
         ASAN_UNPOISON_MEMORY_REGION(address, bytes);
-        std::memcpy(address, packet.data(), packet.size());
+        std::copy(packet.begin(), packet.end(), static_cast<std::uint8_t*>(address));
         out_.emplace(address, std::move(buffer));
         return address;
     }
@@ -70,6 +70,7 @@ public:
         const auto found = out_.find(address);
         if (found == out_.end())
             violation("transport: a packet is released that is not handed out (released twice?)");
+        ASAN_UNPOISON_MEMORY_REGION(address, found->second.bytes);  // a short packet left the end poisoned
         std::memset(address, released_fill, found->second.bytes);
         ASAN_POISON_MEMORY_REGION(address, found->second.bytes);
         free_.push_back(std::move(found->second));

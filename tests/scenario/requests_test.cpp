@@ -22,16 +22,16 @@ unsigned worker_of(const SeenPacket& packet)
 }
 
 // The packets of all requests so far, each once, by their place on the disk.
-std::vector<WireHeader> packets_of(const Rig& rig, bool write)
+std::vector<SeenPacket> packets_of(const Rig& rig, bool write)
 {
-    std::vector<WireHeader> headers;
+    std::vector<SeenPacket> packets;
     for (const SeenPacket& packet : rig.sent(formats::sub_request, write ? kind_write : kind_read))
         if (packet.header().Byte_Offset.get() != 0 && (!write || packet.header().Frag_Num == 1))
-            headers.push_back(packet.header());
-    std::sort(headers.begin(), headers.end(), [](const WireHeader& left, const WireHeader& right) {
-        return left.Byte_Offset.get() < right.Byte_Offset.get();
+            packets.push_back(packet);
+    std::sort(packets.begin(), packets.end(), [](const SeenPacket& left, const SeenPacket& right) {
+        return left.header().Byte_Offset.get() < right.header().Byte_Offset.get();
     });
-    return headers;
+    return packets;
 }
 
 struct Cut {
@@ -79,7 +79,8 @@ TEST(Requests, Are_cut_as_disk_direction_and_boot_mode_say)
         std::vector<unsigned> sectors, indexes;
         std::set<std::pair<unsigned, unsigned>> tags;
         std::uint64_t offset = 101 * 512;
-        for (const WireHeader& header : packets_of(rig, cut.write)) {
+        for (const SeenPacket& packet : packets_of(rig, cut.write)) {
+            const WireHeader& header = packet.header();
             EXPECT_EQ(header.Byte_Offset.get(), offset);
             offset += header.Length.get();
             sectors.push_back(header.Length.get() / 512u);
