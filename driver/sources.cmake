@@ -8,10 +8,12 @@ set(QRN_DRIVER_SOURCES
     startup/memory_probe.cpp
     startup/image_search.cpp
     startup/disk_table.cpp
+    startup/lun_init.cpp
     miniport/adapter.cpp
     miniport/start_io.cpp
     miniport/scsi_commands.cpp
     miniport/completion.cpp
+    engine/queues.cpp
     engine/worker.cpp
     engine/chunk.cpp
     engine/route.cpp

@@ -1,6 +1,7 @@
 #include "driver/engine/chunk.h"
 
 #include "driver/common/locks.h"
+#include "driver/engine/queues.h"
 #include "driver/engine/route.h"
 #include "driver/miniport/completion.h"
 #include "driver/miniport/request.h"

@@ -2,7 +2,9 @@
 // PASSIVE_LEVEL.
 #pragma once
 
-#include "driver/engine/worker.h"
+#include "driver/engine/worker_block.h"
+
+struct RW_Req;
 
 struct Chunk {
     RW_Req* pReq;

@@ -1,7 +1,9 @@
 // The local image step of routing, in boot mode 7 only.
 #pragma once
 
-#include "driver/engine/worker.h"
+#include "driver/engine/worker_block.h"
+
+struct RW_Req;
 
 // The image synchronisation: null while it was never started, Sync_Ended once its start has been
 // claimed or after its end, otherwise its work area, whose first dword is the stop flag.

@@ -1,7 +1,9 @@
 // The fixed order of backends for one piece of a chunk. Worker threads, PASSIVE_LEVEL.
 #pragma once
 
-#include "driver/engine/worker.h"
+#include "driver/engine/worker_block.h"
+
+struct RW_Req;
 
 // Index of the slot block that the entry's write chunk holds, or the worker's own when it holds none.
 ULONG Write_Slot_Index(const RW_Entry* pEntry);

@@ -1,9 +1,9 @@
 #include "driver/engine/worker.h"
 
-#include "driver/common/locks.h"
 #include "driver/common/pool.h"
 #include "driver/engine/chunk.h"
 #include "driver/engine/local_cache.h"
+#include "driver/engine/queues.h"
 #include "driver/miniport/adapter.h"
 #include "driver/miniport/completion.h"
 #include "driver/miniport/request.h"
@@ -11,17 +11,6 @@
 #include "driver/net/receive.h"
 #include "driver/startup/boot_param.h"
 
-LIST_ENTRY pRW_List;
-RW_Entry* pRW_Tbl[RW_Threads_Max];
-volatile LONG RW_Count;
-
-LIST_ENTRY Pending_Queue;
-KSPIN_LOCK Pending_Lock;
-LIST_ENTRY Active_List;
-KSPIN_LOCK Active_Lock;
-KSEMAPHORE RW_Sem;
-
-constexpr LONG Sem_Limit = 0x7FFFFFFF;
 constexpr KPRIORITY Worker_Priority = 31;
 
 static void Start_Thread(PKSTART_ROUTINE Routine)
@@ -46,13 +35,7 @@ static RW_Entry* Create_Entry(ULONG Index)
 
 void Workers_Start(ULONG Count)
 {
-    KeInitializeSemaphore(&RW_Sem, 0, Sem_Limit);
-    InitializeListHead(&Pending_Queue);
-    KeInitializeSpinLock(&Pending_Lock);
-    InitializeListHead(&Active_List);
-    KeInitializeSpinLock(&Active_Lock);
-    InitializeListHead(&pRW_List);
-    RW_Count = 0;
+    Queues_Init();
     for (ULONG Index = 0; Index < Count; ++Index) {
         RW_Entry* pEntry = Create_Entry(Index);
         if (!pEntry) {
@@ -65,18 +48,6 @@ void Workers_Start(ULONG Count)
         if (Index == 0)
             Start_Thread(QRN_Recv_Thread);
     }
-}
-
-void Req_Queue(RW_Req* pReq)
-{
-    ExInterlockedInsertTailList(&Pending_Queue, &pReq->Link, &Pending_Lock);
-    KeReleaseSemaphore(&RW_Sem, IO_NO_INCREMENT, 1, FALSE);
-}
-
-static RW_Req* Take_Pending()
-{
-    PLIST_ENTRY pLink = ExInterlockedRemoveHeadList(&Pending_Queue, &Pending_Lock);
-    return pLink ? CONTAINING_RECORD(pLink, RW_Req, Link) : nullptr;
 }
 
 // Bytes per chunk of a record whose packets are set up in the entry.

@@ -5,7 +5,7 @@
 
 #include <nt.h>
 
-#include "driver/engine/worker.h"
+#include "driver/engine/worker_block.h"
 
 constexpr LONG Req_Failed = -1;
 

@@ -1,7 +1,7 @@
 #include "driver/miniport/start_io.h"
 
 #include "driver/common/bytes.h"
-#include "driver/engine/worker.h"
+#include "driver/engine/queues.h"
 #include "driver/miniport/adapter.h"
 #include "driver/miniport/request.h"
 #include "driver/miniport/scsi_commands.h"

@@ -2,7 +2,7 @@
 
 #include "driver/common/bytes.h"
 #include "driver/common/locks.h"
-#include "driver/engine/worker.h"
+#include "driver/engine/queues.h"
 #include "driver/miniport/adapter.h"
 #include "driver/net/answer_state.h"
 #include "driver/net/status_poll.h"

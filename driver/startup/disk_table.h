@@ -1,5 +1,4 @@
-// The disk table: counters and cache record of each disk, and the start of the engine's threads.
-// Lun_Init runs once in the loading thread before any worker exists.
+// The disk table beside Boot_Param's disk records: counters and cache record of each disk.
 #pragma once
 
 #include <nt.h>
@@ -43,5 +42,4 @@ extern Local_Cache_Record Local_Cache[formats::disk_count_max];
 
 // The disk existed at start-up, so requests for it can take its slots.
 bool Disk_Set_Up(ULONG Lun);
-
-void Lun_Init(PUNICODE_STRING pService_Key);
+void Set_Disk_Set_Up(ULONG Lun);

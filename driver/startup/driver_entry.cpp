@@ -7,9 +7,9 @@
 #include "driver/miniport/adapter.h"
 #include "driver/startup/boot_param.h"
 #include "driver/startup/boot_record.h"
-#include "driver/startup/disk_table.h"
 #include "driver/startup/handshake.h"
 #include "driver/startup/image_search.h"
+#include "driver/startup/lun_init.h"
 
 PDRIVER_OBJECT pDriver_Obj;
 KEVENT Start_Event;

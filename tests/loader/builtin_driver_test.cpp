@@ -22,9 +22,4 @@ TEST(BuiltinDriver, Every_load_starts_with_the_initial_data_and_leaves_the_progr
     }
 }
 
-TEST(BuiltinDriver, Any_other_name_is_a_file)
-{
-    EXPECT_THROW(machine::driver_named("built-in"), std::runtime_error);
-}
-
 }  // namespace

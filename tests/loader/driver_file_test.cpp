@@ -56,16 +56,6 @@ TEST_F(DriverFile, Runs_with_its_imports_bound_and_with_fresh_data_after_each_lo
     }
 }
 
-TEST_F(DriverFile, Modules_are_known_without_regard_to_case)
-{
-    ToyFile toy;
-    toy.optional().Checksum.set(0);
-    toy.replace("HAL.dll", "hal.DLL");
-    toy.replace("ntoskrnl.exe", "NTOSKRNL.EXE");
-    write(toy);
-    EXPECT_NO_THROW(machine::driver_file(path));
-}
-
 TEST_F(DriverFile, Everything_that_cannot_be_bound_is_named_in_one_message)
 {
     ToyFile toy;
@@ -77,18 +67,6 @@ TEST_F(DriverFile, Everything_that_cannot_be_bound_is_named_in_one_message)
     for (const char* part : {"toy_", "ntoskrnl.exe!strtok_r", "BAD.SYS!KfAcquireSpinLock"})
         EXPECT_NE(message.find(part), std::string::npos) << message;
     EXPECT_EQ(message.find("Mm64BitPhysicalAddress"), std::string::npos) << message;
-}
-
-TEST_F(DriverFile, A_file_that_cannot_be_read_or_is_none_is_refused_with_its_name)
-{
-    ToyFile empty;
-    empty.bytes.clear();
-    write(empty);
-    for (const std::string& none : {path, path + ".missing", testing::TempDir()}) {
-        const std::string message = refusal(none);
-        EXPECT_EQ(message.find(none), 0u) << message;
-        EXPECT_EQ(message.find('\n'), std::string::npos) << message;
-    }
 }
 
 }  // namespace

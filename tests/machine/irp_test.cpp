@@ -1,10 +1,47 @@
 #include <string>
-#include <vector>
 
-#include "tests/machine/test_driver.h"
+#include "tests/machine/kernel_test.h"
 
 namespace machine::test {
 namespace {
+
+// A driver with one named device whose dispatch routine is a function object.
+class TestDriver {
+public:
+    using Dispatch = std::function<NTSTATUS(PDEVICE_OBJECT, PIRP)>;
+
+    explicit TestDriver(Dispatch dispatch, const wchar_t* name = L"\\Device\\Test")
+        : dispatch_(std::move(dispatch))
+    {
+        for (auto& routine : driver_.MajorFunction)
+            routine = call;
+        UNICODE_STRING counted_name = counted(name);
+        EXPECT_EQ(IoCreateDevice(&driver_, sizeof(TestDriver*), &counted_name, FILE_DEVICE_UNKNOWN, 0, FALSE,
+                                 &device_),
+                  STATUS_SUCCESS);
+        *static_cast<TestDriver**>(device_->DeviceExtension) = this;
+    }
+
+    PDEVICE_OBJECT device() { return device_; }
+
+private:
+    static NTSTATUS NTAPI call(PDEVICE_OBJECT device, PIRP irp)
+    {
+        return (*static_cast<TestDriver**>(device->DeviceExtension))->dispatch_(device, irp);
+    }
+
+    DRIVER_OBJECT driver_{};
+    PDEVICE_OBJECT device_ = nullptr;
+    Dispatch dispatch_;
+};
+
+NTSTATUS complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0)
+{
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = information;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
 
 struct Level {  // context of one driver's completion routine
     char name;
@@ -66,8 +103,7 @@ struct Stack {
 
 TEST(Irp, Completion_routines_run_from_the_lowest_driver_up_to_the_requester)
 {
-    Machine machine;
-    run_to_end(machine, [] {
+    in_machine([](Machine&) {
         Stack stack;
         stack.bottom_dispatch = [&](PDEVICE_OBJECT device, PIRP irp) {
             EXPECT_EQ(IoGetCurrentIrpStackLocation(irp)->DeviceObject, device);
@@ -81,18 +117,11 @@ TEST(Irp, Completion_routines_run_from_the_lowest_driver_up_to_the_requester)
         EXPECT_EQ(stack.middle_level.seen_device, stack.middle.device());
         EXPECT_EQ(stack.top_level.seen_device, stack.top.device());
         EXPECT_EQ(stack.requester.seen_device, nullptr);
-        IoFreeIrp(irp);
-    });
-}
+        IoReuseIrp(irp, STATUS_SUCCESS);
 
-TEST(Irp, A_driver_that_keeps_the_irp_completes_it_later_from_where_it_stands)
-{
-    Machine machine;
-    run_to_end(machine, [] {
-        Stack stack;
+        // A driver that keeps the IRP completes it later from where it stands.
+        stack.log.clear();
         stack.middle_level.answer = STATUS_MORE_PROCESSING_REQUIRED;
-        stack.bottom_dispatch = [](PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_SUCCESS); };
-        PIRP irp = IoAllocateIrp(3, FALSE);
         stack.send(irp);
         EXPECT_EQ(stack.log, "M");
         IoCompleteRequest(irp, IO_NO_INCREMENT);
@@ -103,9 +132,8 @@ TEST(Irp, A_driver_that_keeps_the_irp_completes_it_later_from_where_it_stands)
 
 TEST(Irp, Routines_are_called_only_for_the_ends_they_asked_for)
 {
-    Machine machine;
-    run_to_end(machine, [] {
-        for (const NTSTATUS status : {STATUS_SUCCESS, STATUS_IO_TIMEOUT}) {
+    for (const NTSTATUS status : {STATUS_SUCCESS, STATUS_IO_TIMEOUT})
+        in_machine([=](Machine&) {
             Stack stack;
             stack.middle_flags = {.success = false, .error = true};
             stack.bottom_dispatch = [=](PDEVICE_OBJECT, PIRP irp) { return complete(irp, status); };
@@ -113,17 +141,12 @@ TEST(Irp, Routines_are_called_only_for_the_ends_they_asked_for)
             stack.send(irp);
             EXPECT_EQ(stack.log, NT_SUCCESS(status) ? "TR" : "MTR");
             IoFreeIrp(irp);
-            IoDeleteDevice(stack.top.device());
-            IoDeleteDevice(stack.middle.device());
-            IoDeleteDevice(stack.bottom.device());
-        }
-    });
+        });
 }
 
 TEST(Irp, The_mark_of_a_pending_request_reaches_every_level)
 {
-    Machine machine;
-    run_to_end(machine, [&] {
+    in_machine([](Machine& machine) {
         Stack stack;
         stack.middle_flags = {.success = false, .error = false};  // passed over without its routine
         stack.bottom_dispatch = [&](PDEVICE_OBJECT, PIRP irp) {
@@ -143,50 +166,6 @@ TEST(Irp, The_mark_of_a_pending_request_reaches_every_level)
     });
 }
 
-// One IRP that its completion routine makes ready again, as a channel of notices uses it.
-NTSTATUS NTAPI reuse(PDEVICE_OBJECT, PIRP irp, PVOID context)
-{
-    IoReuseIrp(irp, STATUS_UNSUCCESSFUL);
-    set(*static_cast<PKEVENT>(context));
-    return STATUS_MORE_PROCESSING_REQUIRED;
-}
-
-TEST(Irp, One_irp_is_used_again_and_again_by_many_threads)
-{
-    for (std::uint64_t seed = 1; seed <= 10; ++seed) {
-        Machine machine({.seed = seed});
-        int served = 0;
-        run_to_end(machine, [&] {
-            TestDriver driver([&](PDEVICE_OBJECT, PIRP irp) {
-                ++served;
-                IoMarkIrpPending(irp);
-                machine.scheduler().call_at(machine.scheduler().now() + 1,
-                                            [irp] { complete(irp, STATUS_SUCCESS); });
-                return STATUS_PENDING;
-            });
-            KEVENT free;
-            KeInitializeEvent(&free, SynchronizationEvent, TRUE);
-            PIRP irp = IoAllocateIrp(driver.device()->StackSize, FALSE);
-            std::vector<PKTHREAD> threads;
-            for (int index = 0; index < 4; ++index)
-                threads.push_back(start_thread([&] {
-                    for (int round = 0; round < 10; ++round) {
-                        wait_ms(&free);
-                        EXPECT_EQ(irp->IoStatus.Status, served ? STATUS_UNSUCCESSFUL : STATUS_SUCCESS);
-                        IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_SCSI;
-                        IoSetCompletionRoutine(irp, reuse, &free, TRUE, TRUE, TRUE);
-                        IoCallDriver(driver.device(), irp);
-                    }
-                }));
-            for (PKTHREAD thread : threads)
-                wait_ms(thread);
-            wait_ms(&free);
-            IoFreeIrp(irp);
-        });
-        EXPECT_EQ(served, 40);
-    }
-}
-
 PIRP sent_to(TestDriver& driver, PIO_COMPLETION_ROUTINE routine)
 {
     PIRP irp = IoAllocateIrp(1, FALSE);
@@ -204,53 +183,43 @@ TEST(Irp, Misuse_is_reported)
         return STATUS_PENDING;
     };
     const auto finish = [](PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_SUCCESS); };
-    EXPECT_BREAKS(
-        [&](Machine&) {
-            TestDriver driver(finish);
-            complete(sent_to(driver, keep), STATUS_SUCCESS);
-        },
-        "complete already");
-    EXPECT_BREAKS(
-        [&](Machine&) {
-            TestDriver driver(finish);
-            PIRP irp = sent_to(driver, keep);
-            IoFreeIrp(irp);
-            complete(irp, STATUS_SUCCESS);
-        },
-        "completed and freed before");
-    EXPECT_BREAKS(
-        [&](Machine&) {
-            TestDriver driver(pend);
-            IoReuseIrp(sent_to(driver, keep), STATUS_SUCCESS);
-        },
-        "IoReuseIrp: the IRP is under way");
-    EXPECT_BREAKS(
-        [&](Machine&) {
-            TestDriver driver(pend);
-            IoCallDriver(driver.device(), sent_to(driver, keep));
-        },
-        "under way already");
-    EXPECT_BREAKS(
-        [&](Machine&) {
-            TestDriver driver(pend);
-            IoFreeIrp(sent_to(driver, keep));
-        },
-        "IoFreeIrp: the IRP is under way");
-    EXPECT_BREAKS(
-        [&](Machine&) {
-            TestDriver driver(finish);
-            sent_to(driver, nullptr);
-        },
-        "must return STATUS_MORE_PROCESSING_REQUIRED");
-    EXPECT_BREAKS(
-        [&](Machine&) {
-            TestDriver driver([](PDEVICE_OBJECT, PIRP irp) {
-                KeRaiseIrqlToDpcLevel();
-                return complete(irp, STATUS_SUCCESS);
-            });
-            sent_to(driver, keep);
-        },
-        "a dispatch routine called at IRQL 0 returned at IRQL 2");
+    // Sends an IRP to a driver that handles it so, and does the rest.
+    const auto sent = [](TestDriver::Dispatch dispatch, std::function<void(TestDriver&, PIRP)> rest,
+                         PIO_COMPLETION_ROUTINE routine = keep) {
+        return [=](Machine&) {
+            TestDriver driver(dispatch);
+            rest(driver, sent_to(driver, routine));
+        };
+    };
+    expect_breaks({
+        {"completed twice", sent(finish, [](TestDriver&, PIRP irp) { complete(irp, STATUS_SUCCESS); }),
+         "complete already"},
+        {"completed when free",
+         sent(finish,
+              [](TestDriver&, PIRP irp) {
+                  IoFreeIrp(irp);
+                  complete(irp, STATUS_SUCCESS);
+              }),
+         "completed and freed before"},
+        {"used again", sent(pend, [](TestDriver&, PIRP irp) { IoReuseIrp(irp, STATUS_SUCCESS); }),
+         "IoReuseIrp: the IRP is under way"},
+        {"sent again", sent(pend, [](TestDriver& driver, PIRP irp) { IoCallDriver(driver.device(), irp); }),
+         "under way already"},
+        {"freed", sent(pend, [](TestDriver&, PIRP irp) { IoFreeIrp(irp); }),
+         "IoFreeIrp: the IRP is under way"},
+        {"not kept",
+         sent(
+             finish, [](TestDriver&, PIRP) {}, nullptr),
+         "must return STATUS_MORE_PROCESSING_REQUIRED"},
+        {"IRQL",
+         sent(
+             [](PDEVICE_OBJECT, PIRP irp) {
+                 KeRaiseIrqlToDpcLevel();
+                 return complete(irp, STATUS_SUCCESS);
+             },
+             [](TestDriver&, PIRP) {}),
+         "a dispatch routine called at IRQL 0 returned at IRQL 2"},
+    });
 }
 
 }  // namespace

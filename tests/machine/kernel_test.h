@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -13,47 +14,50 @@
 
 namespace machine::test {
 
-// Broken rules become exceptions while this exists.
-class CaughtViolations {
-public:
-    struct Violation {
-        std::string message;
-    };
-
-    CaughtViolations()
-    {
-        set_violation_handler([](const std::string& message) { throw Violation{message}; });
-    }
-    ~CaughtViolations() { set_violation_handler(nullptr); }
-    CaughtViolations(const CaughtViolations&) = delete;
-    CaughtViolations& operator=(const CaughtViolations&) = delete;
-};
-
 // The message of the rule that body breaks as a kernel thread of a fresh machine; empty when it breaks
 // none and comes to its end.
 inline std::string broken_rule(const std::function<void(Machine&)>& body, MachineConfig config = {})
 {
-    CaughtViolations caught;
-    Machine machine(config);
+    set_violation_handler([](const std::string& message) { throw message; });
+    std::string result;
     try {
+        Machine machine(config);
         if (machine.run([&] { body(machine); }) != Outcome::finished)
-            return "(none, but the run did not come to its end)";
-    } catch (const CaughtViolations::Violation& violation) {
-        return violation.message;
+            result = "(none, but the run did not come to its end)";
+    } catch (const std::string& message) {
+        result = message;
     }
-    return {};
+    set_violation_handler(nullptr);
+    return result;
 }
 
-#define EXPECT_BREAKS(rule, message_piece)                                                                   \
-    do {                                                                                                     \
-        const std::string broken = ::machine::test::broken_rule(rule);                                       \
-        EXPECT_NE(broken.find(message_piece), std::string::npos) << "broken rule: \"" << broken << '"';      \
-    } while (false)
+struct BrokenRule {
+    const char* name;
+    std::function<void(Machine&)> body;
+    const char* message_piece;
+};
+
+// Each body breaks its rule, and is told so.
+inline void expect_breaks(std::initializer_list<BrokenRule> rules)
+{
+    for (const BrokenRule& rule : rules) {
+        const std::string broken = broken_rule(rule.body);
+        EXPECT_NE(broken.find(rule.message_piece), std::string::npos)
+            << rule.name << ": broken rule: \"" << broken << '"';
+    }
+}
 
 // Runs body as a kernel thread that must come to its end: a stalled one would leave its last checks out.
 inline void run_to_end(Machine& machine, std::function<void()> body)
 {
     EXPECT_EQ(machine.run(std::move(body)), Outcome::finished);
+}
+
+// The same in a fresh machine.
+inline void in_machine(const std::function<void(Machine&)>& body, MachineConfig config = {})
+{
+    Machine machine(config);
+    run_to_end(machine, [&] { body(machine); });
 }
 
 // A wait that lasts at most this long; negative: for ever.
@@ -87,6 +91,24 @@ inline PKTHREAD start_thread(std::function<void()> body)
               STATUS_SUCCESS);
     ZwClose(handle);
     return static_cast<PKTHREAD>(object);
+}
+
+// Runs body in so many threads, each with its number, until all have ended.
+inline void run_threads(int count, const std::function<void(int)>& body)
+{
+    std::vector<PKTHREAD> threads;
+    for (int index = 0; index < count; ++index)
+        threads.push_back(start_thread([&, index] { body(index); }));
+    for (PKTHREAD thread : threads)
+        EXPECT_EQ(wait_ms(thread), STATUS_SUCCESS);
+}
+
+inline void locked(KSPIN_LOCK& lock, const std::function<void()>& body)
+{
+    KIRQL irql;
+    KeAcquireSpinLock(&lock, &irql);
+    body();
+    KeReleaseSpinLock(&lock, irql);
 }
 
 inline UNICODE_STRING counted(const wchar_t* text)

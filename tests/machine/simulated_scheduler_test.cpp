@@ -1,41 +1,32 @@
 #include <algorithm>
-#include <memory>
 #include <set>
-#include <vector>
 
 #include "tests/machine/kernel_test.h"
 
 namespace machine::test {
 namespace {
 
-// Threads that meet at events, a semaphore, a spin lock, delays and timers; what happened, in order.
+// Threads that meet at a semaphore, a spin lock, delays and timers; what happened, in order.
 std::string history(std::uint64_t seed)
 {
     std::string log;
-    Machine machine({.seed = seed});
-    KSEMAPHORE semaphore;
-    KSPIN_LOCK lock = 0;
-    std::vector<PKTHREAD> threads;
-    const auto worker = [&](char name) {
-        for (int round = 0; round < 4; ++round) {
-            wait_ms(&semaphore);
-            KIRQL irql;
-            KeAcquireSpinLock(&lock, &irql);
-            log += name;
-            KeReleaseSpinLock(&lock, irql);
-            machine.sleep_ms(1);
-            KeReleaseSemaphore(&semaphore, 0, 1, FALSE);
-        }
-    };
-    run_to_end(machine, [&] {
-        KeInitializeSemaphore(&semaphore, 2, 100);
-        for (char name = 'a'; name < 'f'; ++name)
-            threads.push_back(start_thread([&, name] { worker(name); }));
-        machine.scheduler().call_at(2 * ticks_per_ms, [&] { log += '!'; });
-        for (PKTHREAD thread : threads)
-            wait_ms(thread);
-        log += std::to_string(machine.scheduler().now());
-    });
+    in_machine(
+        [&](Machine& machine) {
+            KSEMAPHORE semaphore;
+            KSPIN_LOCK lock = 0;
+            KeInitializeSemaphore(&semaphore, 2, 100);
+            machine.scheduler().call_at(2 * ticks_per_ms, [&] { log += '!'; });
+            run_threads(5, [&](int index) {
+                for (int round = 0; round < 4; ++round) {
+                    wait_ms(&semaphore);
+                    locked(lock, [&] { log += static_cast<char>('a' + index); });
+                    machine.sleep_ms(1);
+                    KeReleaseSemaphore(&semaphore, 0, 1, FALSE);
+                }
+            });
+            log += std::to_string(machine.scheduler().now());
+        },
+        {.seed = seed});
     return log;
 }
 
@@ -51,88 +42,35 @@ TEST(Simulated_scheduler, Same_seed_replays_the_run_and_other_seeds_run_otherwis
     EXPECT_GE(histories.size(), 6u);
 }
 
-TEST(Simulated_scheduler, Time_jumps_to_the_next_deadline_and_stands_still_between)
+TEST(Simulated_scheduler, Threads_run_in_the_middle_of_others_but_never_inside_a_spin_lock_together)
 {
-    Machine machine;
-    run_to_end(machine, [&] {
-        EXPECT_EQ(machine.scheduler().now(), 0);
-        machine.sleep_ms(66'000);
-        EXPECT_EQ(machine.now_ms(), 66'000);
-        LARGE_INTEGER interval;
-        interval.QuadPart = -7;
-        KeDelayExecutionThread(KernelMode, FALSE, &interval);
-        EXPECT_EQ(machine.scheduler().now(), 66'000 * ticks_per_ms + 7);
-        KSPIN_LOCK lock = 0;
-        for (int round = 0; round < 1000; ++round) {
-            KIRQL irql;
-            KeAcquireSpinLock(&lock, &irql);
-            KeReleaseSpinLock(&lock, irql);
-        }
-        EXPECT_EQ(machine.scheduler().now(), 66'000 * ticks_per_ms + 7);
-    });
-}
-
-TEST(Simulated_scheduler, Threads_interleave_inside_an_unguarded_update_for_some_seed)
-{
-    bool lost_update = false, all_kept = false;
-    for (std::uint64_t seed = 1; seed <= 50 && !(lost_update && all_kept); ++seed) {
-        Machine machine({.seed = seed});
-        int counter = 0;
-        KSPIN_LOCK unrelated[2] = {0, 0};
-        run_to_end(machine, [&] {
-            std::vector<PKTHREAD> threads;
-            for (auto& lock : unrelated)
-                threads.push_back(start_thread([&] {
-                    const int read = counter;
-                    KIRQL irql;
-                    KeAcquireSpinLock(&lock, &irql);
-                    counter = read + 1;
-                    KeReleaseSpinLock(&lock, irql);
-                }));
-            for (PKTHREAD thread : threads)
-                wait_ms(thread);
-        });
-        (counter == 2 ? all_kept : lost_update) = true;
+    bool contended = false, lost_update = false, all_kept = false;
+    for (std::uint64_t seed = 1; seed <= 50; ++seed) {
+        KSPIN_LOCK outer = 0, inner = 0;
+        int inside = 0, most_inside = 0, unguarded = 0;
+        const auto contend = [&](int) {
+            const int read = unguarded;
+            contended |= outer != 0;
+            locked(outer, [&] {
+                most_inside = std::max(most_inside, ++inside);
+                locked(inner, [] {});
+                --inside;
+            });
+            unguarded = read + 1;
+        };
+        in_machine([&](Machine&) { run_threads(3, contend); }, {.seed = seed});
+        EXPECT_EQ(most_inside, 1) << "seed " << seed;
+        (unguarded == 3 ? all_kept : lost_update) = true;
     }
+    EXPECT_TRUE(contended);
     EXPECT_TRUE(lost_update);
     EXPECT_TRUE(all_kept);
 }
 
-TEST(Simulated_scheduler, Another_thread_runs_while_a_spin_lock_is_held_and_the_contender_gets_it_later)
-{
-    bool contended = false;
-    for (std::uint64_t seed = 1; seed <= 50; ++seed) {
-        Machine machine({.seed = seed});
-        KSPIN_LOCK outer = 0, inner = 0;
-        int inside = 0, most_inside = 0;
-        bool tried_while_held = false;
-        run_to_end(machine, [&] {
-            std::vector<PKTHREAD> threads;
-            for (int index = 0; index < 3; ++index)
-                threads.push_back(start_thread([&] {
-                    KIRQL irql, ignored;
-                    tried_while_held |= outer != 0;
-                    KeAcquireSpinLock(&outer, &irql);
-                    most_inside = std::max(most_inside, ++inside);
-                    KeAcquireSpinLock(&inner, &ignored);
-                    KeReleaseSpinLock(&inner, ignored);
-                    --inside;
-                    KeReleaseSpinLock(&outer, irql);
-                }));
-            for (PKTHREAD thread : threads)
-                wait_ms(thread);
-        });
-        EXPECT_EQ(most_inside, 1) << "seed " << seed;
-        contended |= tried_while_held;
-    }
-    EXPECT_TRUE(contended);
-}
-
 TEST(Simulated_scheduler, Timer_callbacks_run_in_order_at_dispatch_level_outside_every_thread)
 {
-    Machine machine;
     std::vector<int> order;
-    run_to_end(machine, [&] {
+    in_machine([&](Machine& machine) {
         Scheduler& scheduler = machine.scheduler();
         KEVENT done;
         KeInitializeEvent(&done, NotificationEvent, FALSE);
@@ -160,18 +98,17 @@ TEST(Simulated_scheduler, Run_reports_a_body_that_can_never_end_and_the_machine_
     Machine machine;
     KEVENT event;
     bool passed = false;
-    EXPECT_EQ(machine.run([&] {
+    const auto wait = [&] {
         KeInitializeEvent(&event, SynchronizationEvent, FALSE);
         wait_ms(&event);
         passed = true;
-    }),
-              Outcome::stalled);
+    };
+    EXPECT_EQ(machine.run(wait), Outcome::stalled);
     EXPECT_FALSE(passed);
-    EXPECT_EQ(machine.run([&] {
+    run_to_end(machine, [&] {
         set(event);
         machine.sleep_ms(1);
-    }),
-              Outcome::finished);
+    });
     EXPECT_TRUE(passed);
 }
 
@@ -182,94 +119,48 @@ TEST(Simulated_scheduler, Switch_off_drops_threads_where_they_stand)
         int& count;
         ~Frame() { ++count; }
     };
-    {
-        Machine machine;
-        run_to_end(machine, [&] {
-            start_thread([&] {
-                Frame frame{unwound};
-                for (;;) {
-                    ++steps;
-                    machine.sleep_ms(1);
-                }
-            });
-            machine.sleep_ms(10);
+    in_machine([&](Machine& machine) {
+        start_thread([&] {
+            Frame frame{unwound};
+            for (;; ++steps)
+                machine.sleep_ms(1);
         });
-        EXPECT_GE(steps, 9);
-    }
+        machine.sleep_ms(10);
+        EXPECT_GE(steps, 8);
+    });
+    in_machine([](Machine& next) { next.sleep_ms(10); });
     EXPECT_EQ(unwound, 0);
-    Machine next;
-    EXPECT_EQ(next.run([&] { next.sleep_ms(10); }), Outcome::finished);
-    EXPECT_LE(steps, 12);
+    EXPECT_LE(steps, 11);
 }
 
 TEST(Simulated_scheduler, Deadlock_of_spin_locks_is_reported)
 {
+    static KSPIN_LOCK locks[2];
+    const auto body = [](Machine&) {
+        locks[0] = locks[1] = 0;
+        run_threads(2, [](int first) { locked(locks[first], [=] { locked(locks[1 - first], [] {}); }); });
+    };
     std::string broken;
     for (std::uint64_t seed = 1; seed <= 100 && broken.empty(); ++seed)
-        broken = broken_rule(
-            [](Machine& machine) {
-                static KSPIN_LOCK locks[2];
-                locks[0] = locks[1] = 0;
-                PKTHREAD other = start_thread([] {
-                    KIRQL irql;
-                    KeAcquireSpinLock(&locks[1], &irql);
-                    KeAcquireSpinLockAtDpcLevel(&locks[0]);
-                    KeReleaseSpinLockFromDpcLevel(&locks[0]);
-                    KeReleaseSpinLock(&locks[1], irql);
-                });
-                KIRQL irql;
-                KeAcquireSpinLock(&locks[0], &irql);
-                KeAcquireSpinLockAtDpcLevel(&locks[1]);
-                KeReleaseSpinLockFromDpcLevel(&locks[1]);
-                KeReleaseSpinLock(&locks[0], irql);
-                wait_ms(other);
-                machine.sleep_ms(1);
-            },
-            {.seed = seed, .strict = false});
+        broken = broken_rule(body, {.seed = seed, .strict = false});
     EXPECT_NE(broken.find("deadlock"), std::string::npos) << broken;
-}
-
-TEST(Simulated_scheduler, Exceptions_in_flight_stay_with_their_thread)
-{
-    Machine machine;
-    run_to_end(machine, [&] {
-        std::vector<PKTHREAD> threads;
-        for (int index = 0; index < 4; ++index)
-            threads.push_back(start_thread([&, index] {
-                for (int round = 0; round < 3; ++round)
-                    try {
-                        throw index;
-                    } catch (int caught) {
-                        machine.sleep_ms(1);
-                        EXPECT_EQ(caught, index);
-                        try {
-                            throw;
-                        } catch (int again) {
-                            EXPECT_EQ(again, index);
-                        }
-                    }
-            }));
-        for (PKTHREAD thread : threads)
-            wait_ms(thread);
-    });
 }
 
 TEST(Simulated_scheduler, Block_hooks_run_before_a_thread_blocks_and_not_when_a_wait_is_satisfied_at_once)
 {
-    Machine machine;
-    int hooks = 0;
-    KEVENT event;
-    KeInitializeEvent(&event, SynchronizationEvent, TRUE);
-    // The hook wakes its own thread: the wait that follows must not miss it.
-    machine.scheduler().add_block_hook([&] {
-        ++hooks;
-        set(event);
-    });
-    run_to_end(machine, [&] {
-        EXPECT_EQ(wait_ms(&event), STATUS_SUCCESS);
-        EXPECT_EQ(hooks, 0);
-        EXPECT_EQ(wait_ms(&event), STATUS_SUCCESS);
-        EXPECT_EQ(hooks, 1);
+    in_machine([](Machine& machine) {
+        int hooks = 0;
+        KEVENT event;
+        KeInitializeEvent(&event, SynchronizationEvent, TRUE);
+        // The hook wakes its own thread: the wait that follows must not miss it.
+        machine.scheduler().add_block_hook([&] {
+            ++hooks;
+            set(event);
+        });
+        for (int blocked = 0; blocked < 2; ++blocked) {
+            EXPECT_EQ(wait_ms(&event), STATUS_SUCCESS);
+            EXPECT_EQ(hooks, blocked);
+        }
     });
 }
 

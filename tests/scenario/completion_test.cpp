@@ -1,5 +1,4 @@
-// How requests end: the completion channel, control requests that are not the driver's own, and failed
-// disks.
+// How requests end: the completion channel, and control requests that are not the driver's own.
 #include <gtest/gtest.h>
 
 #include <sys/mman.h>
@@ -12,9 +11,6 @@
 namespace scenario {
 namespace {
 
-using machine::Sense;
-
-constexpr Sense no_medium{0x02, 0x3A, 0x00};
 constexpr ULONG done_code = 0x1B2183;
 
 using Reads = std::vector<std::unique_ptr<Pending>>;
@@ -224,8 +220,7 @@ TEST(Completion, Control_requests_of_others_are_refused_and_complete_nothing)
             [](ControlRequest& other) { other.request.data_bytes = 4; },
             [](ControlRequest& other) { other.request.data_bytes = 0; },
             [](ControlRequest& other) { other.request.lun = 200; },
-            [](ControlRequest& other) { std::memcpy(other.control.Signature, "SCSIDISK", 8); },
-        };
+            [](ControlRequest& other) { std::memcpy(other.control.Signature, "SCSIDISK", 8); }};
         for (const auto& vary : variants) {
             ControlRequest other(rig);
             other.control.ReturnCode = victim;
@@ -240,37 +235,6 @@ TEST(Completion, Control_requests_of_others_are_refused_and_complete_nothing)
 }
 
 // --- Failed records
-
-TEST(Completion, Disk_with_a_failed_record_has_no_medium_from_then_on)
-{
-    struct Row {
-        unsigned lun;
-        bool write;
-    };
-    for (const Row& row : {Row{1, false}, Row{1, true}, Row{0, true}}) {
-        Rig rig({.disks = std::vector<DiskPlan>(2)});
-        rig.run([&] {
-            rig.main.stop();
-            Pending failed(rig), later(rig);
-            row.write ? failed.write(row.lun, 0, pattern(0, 4096)) : failed.read(row.lun, 0, 4096);
-            rig.machine.sleep_ms(100000);
-            ASSERT_TRUE(failed.done());
-            EXPECT_EQ(failed.request().sense(), no_medium);
-            EXPECT_EQ(failed.request().scsi_status, SCSISTAT_CHECK_CONDITION);
-            EXPECT_EQ(failed.request().transferred, 0u);
-            rig.main.start();
-            later.read(row.lun, 0, 512);
-            rig.machine.sleep_ms(10);
-            EXPECT_EQ(later.request().sense(), (Sense{0x05, 0x21, 0x00}));
-            rig.scsi().scan();
-            ASSERT_EQ(rig.scsi().luns().size(), 2u);
-            EXPECT_EQ(rig.scsi().luns()[row.lun].sectors, 0u);
-            EXPECT_EQ(rig.scsi().luns()[1 - row.lun].sectors, 2048u);
-            Bytes data(4096);
-            EXPECT_TRUE(rig.read(1 - row.lun, 0, data));
-        });
-    }
-}
 
 }  // namespace
 }  // namespace scenario

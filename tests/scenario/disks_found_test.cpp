@@ -52,39 +52,28 @@ Plan plan_of(unsigned disks, Handover handover)
     return {.disks = std::vector<DiskPlan>(disks), .handover = handover};
 }
 
-struct PlaceRow {
-    const char* name;
-    std::uint16_t base_memory_kb;
-    std::uint32_t address;  // of the record
-    const char* paragraph;  // at which the search stopped
-    bool found;
-};
-
-class RecordPlace : public testing::TestWithParam<PlaceRow> {};
-
-TEST_P(RecordPlace, Is_searched_by_paragraphs_from_the_end_of_base_memory)
+TEST(DisksFound, Record_is_searched_by_paragraphs_from_the_end_of_base_memory)
 {
-    const PlaceRow& row = GetParam();
-    Plan plan = plan_of(2, Handover::none);
-    plan.base_memory_kb = row.base_memory_kb;
-    Rig rig(plan);
-    leave(rig, row.address, boot_record(boot_block(plan)));
-    rig.run([&] { EXPECT_EQ(rig.scsi().luns().size(), row.found ? 2u : 0u); });
-    EXPECT_TRUE(tells(find_dos(rig), row.paragraph, row.found));
+    struct Row {
+        std::uint16_t base_memory_kb;
+        std::uint32_t address;  // of the record
+        const char* paragraph;  // at which the search stopped
+        bool found;
+    };
+    const Row rows[] = {{600, 614400, "9600", true},      {600, 614400 + 0x1230, "9723", true},
+                        {600, 614400 + 8, "9F4D", false}, {600, 614400 - 16, "9F4D", false},
+                        {600, 0x9F4C0, "9F4C", true},     {600, 0x9F4D0, "9F4D", false},
+                        {637, 0x9F400, "9F40", true},     {638, 0x9F800, "9F80", false},
+                        {640, 0x9F400, "A000", false},    {0, 0x8000, "800", true}};
+    for (const Row& row : rows) {
+        Plan plan = plan_of(2, Handover::none);
+        plan.base_memory_kb = row.base_memory_kb;
+        Rig rig(plan);
+        leave(rig, row.address, boot_record(boot_block(plan)));
+        rig.run([&] { EXPECT_EQ(rig.scsi().luns().size(), row.found ? 2u : 0u); });
+        EXPECT_TRUE(tells(find_dos(rig), row.paragraph, row.found)) << row.address;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(DisksFound, RecordPlace,
-                         testing::Values(PlaceRow{"first_paragraph", 600, 614400, "9600", true},
-                                         PlaceRow{"later_paragraph", 600, 614400 + 0x1230, "9723", true},
-                                         PlaceRow{"off_paragraph", 600, 614400 + 8, "9F4D", false},
-                                         PlaceRow{"below_base_memory", 600, 614400 - 16, "9F4D", false},
-                                         PlaceRow{"last_paragraph", 600, 0x9F4C0, "9F4C", true},
-                                         PlaceRow{"behind_the_last", 600, 0x9F4D0, "9F4D", false},
-                                         PlaceRow{"base_637_KB", 637, 0x9F400, "9F40", true},
-                                         PlaceRow{"base_638_KB", 638, 0x9F800, "9F80", false},
-                                         PlaceRow{"base_640_KB", 640, 0x9F400, "A000", false},
-                                         PlaceRow{"base_0_KB", 0, 0x8000, "800", true}),
-                         [](const auto& info) { return info.param.name; });
 
 TEST(DisksFound, Malformed_records_are_skipped)
 {
@@ -94,8 +83,7 @@ TEST(DisksFound, Malformed_records_are_skipped)
         [](formats::BootRecord& record) { record.Bound.set(257); },
         [](formats::BootRecord& record) { record.Bound.set(0xFFFF); },
         [](formats::BootRecord& record) { record.Kind.set(21); },
-        [](formats::BootRecord& record) { record.Kind.set(23); },
-    };
+        [](formats::BootRecord& record) { record.Kind.set(23); }};
     Rig rig(plan_of(1, Handover::none));
     std::uint32_t address = 614400;
     for (auto spoiled : spoil) {
@@ -140,11 +128,15 @@ TEST(DisksFound, Record_makes_its_flags_and_the_transports_count_together)
     EXPECT_EQ(rig.machine.transport()->no_server_notices(), 0u);
 }
 
-TEST(DisksFound, Transport_is_asked_once_with_the_whole_block)
+TEST(DisksFound, Transport_is_asked_once_with_the_whole_block_and_the_records_own_rack_level)
 {
-    Rig rig(plan_of(2, Handover::low_memory));
+    Rig rig(plan_of(2, Handover::none));
     formats::Boot_Param block = boot_block(rig.plan);
+    formats::BootRecord record = boot_record(block);
+    record.Rack_Level.set(0x0701);
+    leave(rig, 614400, record);
     rig.run([] {});
+    block.Rack_Level.set(0x0701);
     EXPECT_EQ(rig.machine.transport()->handshakes(), 1u);
     EXPECT_EQ(std::memcmp(&rig.machine.transport()->received_block(), &block, sizeof block), 0);
 }
@@ -153,7 +145,9 @@ TEST(DisksFound, Transport_is_polled_in_steps_of_50_ms_without_bound)
 {
     const std::pair<int, int> rows[] = {{0, 0}, {1, 50}, {49, 50}, {51, 100}, {120, 150}, {3600010, 3600050}};
     for (auto [ready_ms, taken_ms] : rows) {
-        Rig rig(plan_of(2, Handover::transport));
+        Plan plan = plan_of(2, Handover::transport);
+        plan.boot_flags = 0x24;
+        Rig rig(plan);
         formats::Boot_Param& block = rig.machine.transport()->block();
         if (ready_ms != 0) {
             block.Disk_Nums = formats::disk_nums_searching;
@@ -165,22 +159,9 @@ TEST(DisksFound, Transport_is_polled_in_steps_of_50_ms_without_bound)
             EXPECT_TRUE(rig.read(1, 0, data));
         });
         EXPECT_EQ(message(rig, transport_ok).time, taken_ms * machine::ticks_per_ms);
+        EXPECT_EQ(rig.printed("\nQRN SCSI: 00 24 Disk:2 2"), 1u) << "taken whole";
         EXPECT_TRUE(tells(find_dos(rig), "9F4D", false));
     }
-}
-
-TEST(DisksFound, Transports_block_is_taken_whole)
-{
-    Plan plan = plan_of(2, Handover::transport);
-    plan.boot_flags = 0x24;
-    plan.boot_mode = 0x55;
-    Rig rig(plan);
-    rig.run([&] {
-        rig.machine.sleep_ms(1100);
-        Bytes data(512);
-        EXPECT_TRUE(rig.read(1, 7, data));
-    });
-    EXPECT_EQ(rig.printed("\nQRN SCSI: 55 24 Disk:2 2"), 1u);
 }
 
 TEST(DisksFound, Transport_without_a_server_is_told_so)
@@ -207,75 +188,37 @@ TEST(DisksFound, Transport_without_a_server_is_told_so)
     }
 }
 
-TEST(DisksFound, Handshake_may_take_its_time)
+TEST(DisksFound, Missing_transport_leaves_only_the_disks_that_are_no_LUNs)
 {
-    Rig rig(plan_of(1, Handover::low_memory));
-    rig.machine.transport()->set_pending_ms(30);
-    rig.run([&] {
-        Bytes data(512);
-        EXPECT_TRUE(rig.read(0, 0, data));
-    });
-    EXPECT_EQ(message(rig, transport_ok).time, 30 * machine::ticks_per_ms);
-}
-
-struct NoTransportRow {
-    const char* name;
-    bool device;
-    void (*spoil)(Rig&);
-};
-
-class NoTransport : public testing::TestWithParam<NoTransportRow> {};
-
-TEST_P(NoTransport, Leaves_only_the_disks_that_are_no_LUNs)
-{
-    const NoTransportRow& row = GetParam();
-    Plan plan = plan_of(3, Handover::low_memory);
-    plan.transport = row.device;
-    plan.adjust_block = [](formats::Boot_Param& block) { block.Lun_Nums = 2; };
-    Rig rig(plan);
-    row.spoil(rig);
-    rig.run([&] {
-        rig.machine.sleep_ms(3000);
-        EXPECT_TRUE(rig.scsi().adapter_started());
-        EXPECT_TRUE(rig.scsi().luns().empty());
-        machine::ScsiRequest request(rig.scsi());
-        rig.execute(request);
-        EXPECT_EQ(SRB_STATUS(request.srb_status), SRB_STATUS_INVALID_LUN);
-    });
-    EXPECT_EQ(rig.printed(no_send), 1u);
-    EXPECT_EQ(rig.printed(transport_ok), 0u);
-    EXPECT_EQ(rig.printed("\nQRN SCSI: 00 00 Disk:0 1"), 1u);
-    EXPECT_EQ(find_image(rig), "");
-    EXPECT_FALSE(rig.logged("WaitEvent OK"));
-    EXPECT_EQ(rig.scsi().bus_changes(), 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    DisksFound, NoTransport,
-    testing::Values(NoTransportRow{"no_device", false, [](Rig&) {}},
-                    NoTransportRow{"null_entries", true,
-                                   [](Rig& rig) { rig.machine.transport()->set_without_entries(true); }},
-                    NoTransportRow{"device_not_opened", true,
-                                   [](Rig& rig) {
-                                       rig.machine.faults().fail(Operation::device_open, "\\Device\\QRNNDIS");
-                                   }},
-                    NoTransportRow{"no_IRP", true,
-                                   [](Rig& rig) {
-                                       rig.machine.faults().fail(Operation::irp_allocate,
-                                                                 "IoBuildDeviceIoControlRequest");
-                                   }},
-                    NoTransportRow{"request_fails", true,
-                                   [](Rig& rig) { rig.machine.faults().fail(Operation::ioctl); }}),
-    [](const auto& info) { return info.param.name; });
-
-TEST(DisksFound, Without_any_source_the_image_is_searched)
-{
-    Plan plan = plan_of(2, Handover::low_memory);
-    plan.transport = false;
-    Rig rig(plan);
-    rig.run([] {});
-    EXPECT_EQ(rig.printed("\nQRN SCSI: 00 00 Disk:0 0"), 1u);
-    EXPECT_TRUE(tells(find_image(rig), "9F4D", false));
+    void (*const spoil[])(Rig&) = {
+        nullptr,  // no device at all
+        [](Rig& rig) { rig.machine.transport()->set_without_entries(true); },
+        [](Rig& rig) { rig.machine.faults().fail(Operation::device_open, "\\Device\\QRNNDIS"); },
+        [](Rig& rig) { rig.machine.faults().fail(Operation::irp_allocate, "IoBuildDeviceIoControlRequest"); },
+        [](Rig& rig) { rig.machine.faults().fail(Operation::ioctl); }};
+    for (auto spoiled : spoil) {
+        SCOPED_TRACE(&spoiled - spoil);
+        Plan plan = plan_of(3, Handover::low_memory);
+        plan.transport = spoiled != nullptr;
+        plan.adjust_block = [](formats::Boot_Param& block) { block.Lun_Nums = 2; };
+        Rig rig(plan);
+        if (spoiled)
+            spoiled(rig);
+        rig.run([&] {
+            rig.machine.sleep_ms(3000);
+            EXPECT_TRUE(rig.scsi().adapter_started());
+            EXPECT_TRUE(rig.scsi().luns().empty());
+            machine::ScsiRequest request(rig.scsi());
+            rig.execute(request);
+            EXPECT_EQ(SRB_STATUS(request.srb_status), SRB_STATUS_INVALID_LUN);
+        });
+        EXPECT_EQ(rig.printed(no_send), 1u);
+        EXPECT_EQ(rig.printed(transport_ok), 0u);
+        EXPECT_EQ(rig.printed("\nQRN SCSI: 00 00 Disk:0 1"), 1u);
+        EXPECT_EQ(find_image(rig), "");
+        EXPECT_FALSE(rig.logged("WaitEvent OK"));
+        EXPECT_EQ(rig.scsi().bus_changes(), 0u);
+    }
 }
 
 struct Descriptor {

@@ -24,6 +24,11 @@ bool is_for(const SimulatedServer& server, const SeenPacket& packet)
     return packet.server.Ip[3] == server.address().Ip[3];
 }
 
+bool holds(SimulatedServer& server, std::uint32_t lba, const Bytes& data)
+{
+    return std::ranges::equal(data, std::span(server.content(0)).subspan(lba * 512, data.size()));
+}
+
 // All packets sent since they were last forgotten went to this server.
 void expect_only(const Rig& rig, const SimulatedServer& server)
 {
@@ -129,8 +134,7 @@ TEST(Failover, Mirrored_writes_go_to_the_main_and_then_to_the_slave_server)
     EXPECT_EQ(packets[13].header().Seq.get(), packets[0].header().Seq.get())
         << "complemented for the copy only";
     EXPECT_EQ(rig.main.content(0), rig.slave.content(0));
-    EXPECT_TRUE(
-        std::ranges::equal(pattern(9, 9 * 1024), std::span(rig.slave.content(0)).subspan(9 * 512, 9 * 1024)));
+    EXPECT_TRUE(holds(rig.slave, 9, pattern(9, 9 * 1024)));
 }
 
 TEST(Failover, Lost_slave_is_left_behind)
@@ -174,8 +178,7 @@ TEST(Failover, Of_many_workers_at_once_is_one)
                 request->wait();
                 EXPECT_TRUE(request->ok()) << "seed " << seed;
             }
-            EXPECT_TRUE(std::ranges::equal(pattern(500, 65536),
-                                           std::span(rig.slave.content(0)).subspan(500 * 512, 65536)));
+            EXPECT_TRUE(holds(rig.slave, 500, pattern(500, 65536)));
         });
         EXPECT_EQ(rig.log_count(switched), 1u) << "seed " << seed;
     }
@@ -205,8 +208,7 @@ TEST(Failover, During_the_slave_copy_of_a_write_does_not_lose_the_copy)
             });
             EXPECT_EQ(rig.log_count(switched), 1u);
             EXPECT_EQ(rig.log_count(slave_lost), 0u) << "it was not lost but promoted";
-            EXPECT_TRUE(std::ranges::equal(pattern(20, 6 * 512),
-                                           std::span(rig.slave.content(0)).subspan(20 * 512, 6 * 512)))
+            EXPECT_TRUE(holds(rig.slave, 20, pattern(20, 6 * 512)))
                 << "seed " << seed << ", write " << write_later_ms << " ms later";
         }
 }
@@ -282,8 +284,7 @@ TEST(Network, Losses_copies_and_detours_do_not_change_content)
                 EXPECT_TRUE(rig.read(0, 64, read));
                 EXPECT_TRUE(read == data) << share << ", seed " << seed;
                 for (SimulatedServer* server : {&rig.main, &rig.slave})
-                    EXPECT_TRUE(std::ranges::equal(
-                        data, std::span(server->content(0)).subspan(64 * 512, data.size())));
+                    EXPECT_TRUE(holds(*server, 64, data));
                 Traffic traffic(rig, seed, {.operations_each = 15});
                 std::ranges::fill(rig.main.content(0), std::uint8_t{0});
                 std::ranges::fill(rig.slave.content(0), std::uint8_t{0});

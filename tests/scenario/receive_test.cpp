@@ -136,18 +136,15 @@ TEST(Receive, Answers_that_differ_in_a_matched_byte_are_ignored)
                 });
 }
 
-TEST(Receive, Answers_for_workers_that_do_not_exist_are_ignored)
+TEST(Receive, Answers_of_the_wrong_kind_or_for_workers_that_do_not_exist_are_ignored)
 {
-    for (int index : {6, 7})
+    auto data = [](const SeenPacket& packet) { return read_data(packet, 1, 3, 0, Bytes(1386, 0xBD)); };
+    for (std::uint8_t index : {std::uint8_t{6}, std::uint8_t{7}})
         expect_ignored("worker " + std::to_string(index), false, [&](const SeenPacket& packet) {
-            Bytes answer = read_data(packet, 1, 3, 0, Bytes(1386, 0xBD));
-            answer[10] = static_cast<std::uint8_t>(index);
+            Bytes answer = data(packet);
+            answer[10] = index;
             return Packets{answer};
         });
-}
-
-TEST(Receive, Answers_of_the_wrong_kind_are_ignored)
-{
     auto with = [](Bytes packet, int sub_code, int kind) {
         packet[4] = static_cast<std::uint8_t>(sub_code);
         packet[5] = static_cast<std::uint8_t>(kind);
@@ -155,16 +152,14 @@ TEST(Receive, Answers_of_the_wrong_kind_are_ignored)
     };
     for (bool write : {false, true}) {
         expect_ignored("wrong direction", write, [&](const SeenPacket& packet) {
-            return Packets{write ? read_data(packet, 1, 3, 0, Bytes(1386, 0xBD)) : write_done(packet)};
+            return Packets{write ? data(packet) : write_done(packet)};
         });
         for (int kind : {0x00, 0x5C, 0x5E, 0x8C, 0xA4, 0xFF})
-            expect_ignored("kind " + std::to_string(kind), write, [&](const SeenPacket& packet) {
-                return Packets{with(read_data(packet, 1, 3, 0, Bytes(1386, 0xBD)), 0, kind)};
-            });
+            expect_ignored("kind " + std::to_string(kind), write,
+                           [&](const SeenPacket& packet) { return Packets{with(data(packet), 0, kind)}; });
         for (int sub_code : {0x01, 0xAA, 0xFF})
             expect_ignored("sub code " + std::to_string(sub_code), write, [&](const SeenPacket& packet) {
-                return Packets{with(read_data(packet, 1, 3, 0, Bytes(1386, 0xBD)), sub_code, 0x5D),
-                               with(write_done(packet), sub_code, 0x5F),
+                return Packets{with(data(packet), sub_code, 0x5D), with(write_done(packet), sub_code, 0x5F),
                                with(write_done(packet), sub_code, 0x55 ^ (sub_code == 0xAA))};
             });
     }
@@ -265,25 +260,6 @@ TEST(Receive, Retry_limits_leave_four_time_outs)
             EXPECT_EQ(rig.log_count("Time Out"), 4u);
             EXPECT_FALSE(rig.logged("Slave")) << "the count of earlier time-outs was passed over";
         }
-}
-
-TEST(Receive, Acknowledgements_are_printed)
-{
-    Rig rig;
-    rig.script([&](const SeenPacket& packet) {
-        if (packet.header().Recv_Mask.get() != 0)
-            return rig.answer(write_done(packet));
-        Bytes missing = acknowledge(packet, 0xFFFD);
-        missing[4] = 0x37;
-        rig.answer(missing);
-    });
-    rig.run([&] {
-        Bytes data(512 * 3);
-        Pending(rig).write(0, 16, data).wait();
-    });
-    unsigned worker = rig.sent(sub_request, kind_write)[0].header().Worker_Byte;
-    EXPECT_EQ(rig.log_count("\nQRN SCSI: Recv ACK: 0" + std::to_string(worker) + " 5B37     1-00 0002"), 2u)
-        << rig.machine.log().text();
 }
 
 // The reply is built word by word here, from the traffic that the poll reports.

@@ -60,8 +60,7 @@ TEST(Requests, Are_cut_as_disk_direction_and_boot_mode_say)
         {"write in default packets", {.flags = 0}, 0, true, 30, {12, 12, 6}, {0, 1, 2}, 1},
         {"write split", {.flags = 0x24}, 0, true, 128, eight_16, zeros_8, 8},
         {"short write split", {.flags = 0x24, .write_kb = 16}, 0, true, 33, {32, 1}, {0, 0}, 2},
-        {"split bit in boot mode 7", {.flags = 0x24}, 7, true, 128, eight_16, up_to_7, 1},
-    };
+        {"split bit in boot mode 7", {.flags = 0x24}, 7, true, 128, eight_16, up_to_7, 1}};
     for (const Cut& cut : cuts) {
         SCOPED_TRACE(cut.what);
         Rig rig({.disks = {cut.disk}, .boot_mode = cut.boot_mode});
@@ -105,18 +104,16 @@ struct Width {
 // The server answers packet by packet; whoever finishes a chunk goes on with the next.
 TEST(Requests, Run_as_many_chunks_at_once_as_the_disk_has_slots)
 {
-    const Width widths[] = {
-        {"one slot", 0x01, 0, {}, false, 1},
-        {"one slot by its flag", 0x85, 0, {}, false, 1},
-        {"two slots", 0x02, 0, {}, false, 2},
-        {"no slots named", 0x20, 0, {}, false, 4},
-        {"too many slots named", 0x0F, 0, {}, false, 4},
-        {"eight slots raise the number of workers", 0x08, 0, {}, false, 8},
-        {"four slots with two workers asked for", 0x04, 0, {{"RW_THREADS", 2}}, false, 4},
-        {"boot mode 7", 0x04, 7, {}, false, 1},
-        {"write", 0x04, 0, {}, true, 1},
-        {"split write", 0x23, 0, {}, true, 3},
-    };
+    const Width widths[] = {{"one slot", 0x01, 0, {}, false, 1},
+                            {"one slot by its flag", 0x85, 0, {}, false, 1},
+                            {"two slots", 0x02, 0, {}, false, 2},
+                            {"no slots named", 0x20, 0, {}, false, 4},
+                            {"too many slots named", 0x0F, 0, {}, false, 4},
+                            {"eight slots raise the number of workers", 0x08, 0, {}, false, 8},
+                            {"four slots with two workers asked for", 0x04, 0, {{"RW_THREADS", 2}}, false, 4},
+                            {"boot mode 7", 0x04, 7, {}, false, 1},
+                            {"write", 0x04, 0, {}, true, 1},
+                            {"split write", 0x23, 0, {}, true, 3}};
     for (const Width& width : widths) {
         SCOPED_TRACE(width.what);
         Rig rig({.disks = {{.flags = width.flags, .read_kb = 4, .write_kb = 4}},

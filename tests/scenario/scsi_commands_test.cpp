@@ -146,19 +146,22 @@ TEST(ScsiCommands, Mode_sense_knows_all_pages_together_and_none_alone)
     });
 }
 
+Answer capacity(Rig& rig, unsigned lun, std::size_t bytes = 8)
+{
+    return command(rig, {0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}, bytes, lun);
+}
+
 TEST(ScsiCommands, Capacity_is_the_last_block_and_the_block_size)
 {
     Rig rig({.disks = {{.sectors = 4096}, {.sectors = 1}, {.sectors = 0}, {.sectors = 2048}},
              .adjust_block = [](formats::Boot_Param& block) { block.Disks[3].Disk_Secs.set(0xFFFFFFFF); }});
     rig.run([&] {
-        EXPECT_EQ(command(rig, {0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 8, 0).data,
-                  (Bytes{0, 0, 0x0F, 0xFF, 0, 0, 2, 0}));
-        EXPECT_EQ(command(rig, {0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 8, 1).data,
-                  (Bytes{0, 0, 0, 0, 0, 0, 2, 0}));
-        EXPECT_EQ(command(rig, {0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 10, 3).data,
+        EXPECT_EQ(capacity(rig, 0).data, (Bytes{0, 0, 0x0F, 0xFF, 0, 0, 2, 0}));
+        EXPECT_EQ(capacity(rig, 1).data, (Bytes{0, 0, 0, 0, 0, 0, 2, 0}));
+        EXPECT_EQ(capacity(rig, 3, 10).data,
                   (Bytes{0xFF, 0xFF, 0xFF, 0xFE, 0, 0, 2, 0, untouched, untouched}));
-        EXPECT_EQ(command(rig, {0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 3, 0).data, (Bytes{0, 0, 0x0F}));
-        EXPECT_TRUE(command(rig, {0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 8, 2).failed_with(no_medium));
+        EXPECT_EQ(capacity(rig, 0, 3).data, (Bytes{0, 0, 0x0F}));
+        EXPECT_TRUE(capacity(rig, 2).failed_with(no_medium));
     });
 }
 
@@ -178,9 +181,7 @@ TEST(ScsiCommands, Address_is_checked_in_the_order_path_target_LUN)
                 if (row.status == SRB_STATUS_SUCCESS && code == 0x03)
                     continue;
                 machine::ScsiRequest request(rig.scsi());
-                request.path = row.path;
-                request.target = row.target;
-                request.lun = row.lun;
+                request.path = row.path, request.target = row.target, request.lun = row.lun;
                 request.cdb[0] = code;
                 request.sense_buffer_bytes = 18;
                 rig.execute(request);
@@ -220,66 +221,30 @@ TEST(ScsiCommands, Only_known_functions_are_accepted)
     });
 }
 
-struct RangeRow {
-    std::uint32_t lba;
-    std::uint32_t bytes;
-    std::optional<Sense> sense;
-};
-
 TEST(ScsiCommands, Transfers_are_checked_against_the_end_of_the_disk)
 {
-    const RangeRow rows[] = {
-        {0, 512, {}},
-        {2040, 4096, {}},
-        {2047, 512, {}},
-        {1920, 65536, {}},
-        {0, 0, {}},
-        {2048, 0, {}},
-        {2041, 4096, out_of_range},
-        {2048, 512, out_of_range},
-        {2049, 0, out_of_range},
-        {1921, 65536, out_of_range},
-        {0xFFFFFFFF, 512, out_of_range},
-        {0xFFFFFFFF, 0, out_of_range},
-        {0xFFFFFFF8, 4096, out_of_range},
-        {0xFFFFFFF8, 65536, out_of_range},
-        {0x80000000, 512, out_of_range},
-        {0, 1, bad_field},
-        {0, 513, bad_field},
-        {2047, 1023, bad_field},
-        {2048, 511, bad_field},
-        {2048, 513, out_of_range},
+    struct Row {
+        std::optional<Sense> sense;
+        std::vector<std::pair<std::uint32_t, std::uint32_t>> ranges;  // block, bytes
     };
+    const Row rows[] = {
+        {{}, {{0, 512}, {2040, 4096}, {2047, 512}, {1920, 65536}, {0, 0}, {2048, 0}}},
+        {out_of_range, {{2041, 4096}, {2048, 512}, {2049, 0}, {1921, 65536}, {~0u, 512}, {~0u, 0}}},
+        {out_of_range, {{0xFFFFFFF8, 4096}, {0xFFFFFFF8, 65536}, {0x80000000, 512}, {2048, 513}}},
+        {bad_field, {{0, 1}, {0, 513}, {2047, 1023}, {2048, 511}}}};
     // On the second disk, where a request that should not have been sent ends after a minute.
     Rig rig({.disks = std::vector<DiskPlan>(2)});
     rig.run([&] {
-        for (const RangeRow& row : rows) {
-            for (std::uint8_t code : Codes{0x28, 0x2A}) {
-                rig.forget_packets();
-                Answer answer = transfer(rig, code, row.lba, row.bytes, 1, 0x7F);
-                SCOPED_TRACE(testing::Message() << row.lba << " " << row.bytes << " " << int{code});
-                if (row.sense) {
-                    EXPECT_TRUE(answer.failed_with(*row.sense));
-                    EXPECT_EQ(answer.data, Bytes(row.bytes, untouched));
-                } else {
-                    EXPECT_TRUE(answer.succeeded(row.bytes));
+        for (const Row& row : rows)
+            for (auto [lba, bytes] : row.ranges)
+                for (std::uint8_t code : Codes{0x28, 0x2A}) {
+                    rig.forget_packets();
+                    Answer answer = transfer(rig, code, lba, bytes, 1, 0x7F);
+                    SCOPED_TRACE(testing::Message() << lba << " " << bytes << " " << int{code});
+                    EXPECT_TRUE(row.sense ? answer.failed_with(*row.sense) : answer.succeeded(bytes));
+                    EXPECT_TRUE(!row.sense || answer.data == Bytes(bytes, untouched));
+                    EXPECT_EQ(rig.packets().empty(), row.sense || bytes == 0);
                 }
-                EXPECT_EQ(rig.packets().empty(), row.sense || row.bytes == 0);
-            }
-        }
-    });
-}
-
-TEST(ScsiCommands, Servers_see_the_block_address_plus_one)
-{
-    Rig rig;
-    rig.run([&] {
-        EXPECT_TRUE(transfer(rig, 0x28, 0, 512).succeeded(512));
-        EXPECT_TRUE(transfer(rig, 0x28, 2047, 512).succeeded(512));
-        auto reads = rig.sent(formats::sub_request, formats::kind_read);
-        ASSERT_EQ(reads.size(), 2u);
-        EXPECT_EQ(reads[0].header().Byte_Offset.get(), 512u);
-        EXPECT_EQ(reads[1].header().Byte_Offset.get(), 2048u * 512);
     });
 }
 
@@ -310,7 +275,7 @@ TEST(ScsiCommands, Delay_load_disks_wait_for_the_first_64_KB_write_to_LUN_0)
         };
         held_back();
         EXPECT_TRUE(command(rig, {0x12, 0, 0, 0, 36, 0}, 36, 1).succeeded(36));
-        EXPECT_TRUE(command(rig, {0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}, 8, 1).succeeded(8));
+        EXPECT_TRUE(capacity(rig, 1).succeeded(8));
         EXPECT_TRUE(transfer(rig, 0x28, 0, 4096, 2).succeeded(4096));
         // None of these is the write that is waited for.
         EXPECT_TRUE(transfer(rig, 0x2A, 0, 4096).succeeded(4096));

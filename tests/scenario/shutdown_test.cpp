@@ -56,56 +56,45 @@ std::vector<std::string> told(Rig& rig, unsigned lun, bool mirrored)
 const std::string main_server = name_of(server_address(0));
 const std::string slave_server = name_of(server_address(1));
 
-struct NoticeRow {
-    const char* name;
-    unsigned lun;
-    bool mirrored;
-    bool slave_known;
-    bool own_boot_server;  // at host 9
-    std::vector<std::string> servers;
-};
-
-class ShutdownNotice : public testing::TestWithParam<NoticeRow> {};
-
-TEST_P(ShutdownNotice, Goes_once_to_every_server_of_the_disk)
-{
-    const NoticeRow& row = GetParam();
-    Plan plan;
-    plan.disks.assign(2, {.mirrored = row.mirrored});
-    plan.adjust_block = [&](formats::Boot_Param& block) {
-        for (formats::ServerRecord& slave : block.Slave_Server)
-            slave = row.slave_known ? server_address(1) : formats::ServerRecord{};
-        if (row.own_boot_server)
-            block.Boot_Server = machine::simulated_address(9, 7777);
-    };
-    Rig rig(plan);
-    rig.run([&] {
-        for (int time = 0; time < 2; ++time) {
-            rig.forget_packets();
-            Shutdown shutdown(rig, row.lun);
-            EXPECT_TRUE(row.lun == 0 || shutdown.done());
-            rig.machine.sleep_ms(10);
-            EXPECT_TRUE(shutdown.ok());
-            EXPECT_EQ(told(rig, row.lun, row.mirrored), row.servers);
-        }
-    });
-    EXPECT_EQ(rig.printed("\nQRN SCSI: SRB_FUNCTION_SHUTDOWN:" + std::to_string(row.lun)), 2u);
-    EXPECT_EQ(rig.printed("\nQRN_RW_HDD_Stop"), row.lun == 0 ? 2u : 0u);
-}
-
 // The boot server is told on the port of the main server.
 const std::string boot_server = name_of(machine::simulated_address(9, 6000));
 
-INSTANTIATE_TEST_SUITE_P(
-    Shutdown, ShutdownNotice,
-    testing::Values(NoticeRow{"plain", 1, false, false, true, {main_server}},
-                    NoticeRow{"slave_without_mirror", 1, false, true, true, {main_server}},
-                    NoticeRow{"mirror", 1, true, true, true, {main_server, slave_server}},
-                    NoticeRow{"mirror_lost", 1, true, false, true, {main_server}},
-                    NoticeRow{"first_disk", 0, false, false, false, {main_server}},
-                    NoticeRow{"boot_server", 0, false, false, true, {main_server, boot_server}},
-                    NoticeRow{"all", 0, true, true, true, {main_server, slave_server, boot_server}}),
-    [](const auto& info) { return info.param.name; });
+TEST(ShutdownNotice, Goes_once_to_every_server_of_the_disk)
+{
+    struct Row {
+        unsigned lun;
+        bool mirrored, slave_known;
+        bool own_boot_server;  // at host 9
+        std::vector<std::string> servers;
+    };
+    for (const Row& row :
+         {Row{1, false, false, true, {main_server}}, Row{1, false, true, true, {main_server}},
+          Row{1, true, true, true, {main_server, slave_server}}, Row{1, true, false, true, {main_server}},
+          Row{0, false, false, false, {main_server}}, Row{0, false, false, true, {main_server, boot_server}},
+          Row{0, true, true, true, {main_server, slave_server, boot_server}}}) {
+        Plan plan;
+        plan.disks.assign(2, {.mirrored = row.mirrored});
+        plan.adjust_block = [&](formats::Boot_Param& block) {
+            for (formats::ServerRecord& slave : block.Slave_Server)
+                slave = row.slave_known ? server_address(1) : formats::ServerRecord{};
+            if (row.own_boot_server)
+                block.Boot_Server = machine::simulated_address(9, 7777);
+        };
+        Rig rig(plan);
+        rig.run([&] {
+            for (int time = 0; time < 2; ++time) {
+                rig.forget_packets();
+                Shutdown shutdown(rig, row.lun);
+                EXPECT_TRUE(row.lun == 0 || shutdown.done());
+                rig.machine.sleep_ms(10);
+                EXPECT_TRUE(shutdown.ok());
+                EXPECT_EQ(told(rig, row.lun, row.mirrored), row.servers);
+            }
+        });
+        EXPECT_EQ(rig.printed("\nQRN SCSI: SRB_FUNCTION_SHUTDOWN:" + std::to_string(row.lun)), 2u);
+        EXPECT_EQ(rig.printed("\nQRN_RW_HDD_Stop"), row.lun == 0 ? 2u : 0u);
+    }
+}
 
 TEST(ShutdownOrder, Tells_each_disk_and_lets_the_first_one_end_last)
 {

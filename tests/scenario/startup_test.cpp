@@ -1,7 +1,6 @@
 // The order of the start, boot modes, and the driver's workers.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <regex>
 
 #include "machine/executive/executive.h"
@@ -15,14 +14,9 @@ constexpr char hdd_boot_change[] = "\nQRN SCSI: BusChangeDetected For HDD Boot";
 constexpr char workers_error[] = "\nQRN SCSI: pRW_List Init Error!";
 constexpr char arc_disk[] = "\\ArcName\\multi(0)disk(0)rdisk(0)";
 
-std::u16string wide(const std::string& text)
-{
-    return {text.begin(), text.end()};
-}
-
 std::optional<std::u16string> link_target(const std::string& name)
 {
-    return machine::executive().names.link_target(wide(name));
+    return machine::executive().names.link_target({name.begin(), name.end()});
 }
 
 void count_scans(Rig& rig, std::vector<std::size_t>& luns_found)
@@ -30,23 +24,12 @@ void count_scans(Rig& rig, std::vector<std::size_t>& luns_found)
     rig.scsi().set_scan_listener([&] { luns_found.push_back(rig.scsi().luns().size()); });
 }
 
-// Indices that the workers printed when they were created, in order of index.
-std::vector<int> workers_created(Rig& rig)
+// The workers with these indices, from 0, told that they were created, and no others.
+void expect_workers(Rig& rig, unsigned count)
 {
-    std::vector<int> indices;
-    for (int index = 0; index < 10; ++index)
-        if (rig.printed("\nQRN SCSI: QRN_RW_Thread " + std::to_string(index) + " Created"))
-            indices.push_back(index);
-    EXPECT_EQ(indices.size(), rig.log_count("QRN_RW_Thread"));
-    return indices;
-}
-
-std::vector<int> first_indices(int count)
-{
-    std::vector<int> indices;
-    for (int index = 0; index < count; ++index)
-        indices.push_back(index);
-    return indices;
+    for (unsigned index = 0; index < count; ++index)
+        EXPECT_EQ(rig.printed("\nQRN SCSI: QRN_RW_Thread " + std::to_string(index) + " Created"), 1u);
+    EXPECT_EQ(rig.log_count("QRN_RW_Thread"), count);
 }
 
 TEST(Startup, Messages_tell_the_steps_in_their_order)
@@ -62,8 +45,7 @@ TEST(Startup, Messages_tell_the_steps_in_their_order)
         "\nQRN SCSI: Lun:1 800\\(1M\\) Local:80 0",
         "\nQRN SCSI: HwFindAdapter [0-9A-F]+ 2",
         "\nQRN SCSI: HwInitialize [0-9A-F]+",
-        "\nQRN SCSI: Enum Device Type 4",
-    };
+        "\nQRN SCSI: Enum Device Type 4"};
     std::vector<std::string> messages;
     for (const auto& entry : rig.machine.log().entries())
         if (entry.text.find("_Thread") == std::string::npos)
@@ -97,100 +79,41 @@ TEST(Startup, Load_mark_counts_only_when_it_is_complete_and_comes_from_low_memor
     }
 }
 
-struct BootModeRow {
-    std::uint32_t mode;
-    unsigned disks;  // all of them presented
-    bool transport;
-    bool searches_image;
-    std::size_t luns_at_first;
-    bool calls_back;
-    bool makes_links;
-};
-
-class BootMode : public testing::TestWithParam<BootModeRow> {};
-
-TEST_P(BootMode, Decides_on_image_search_first_scan_callback_and_links)
+TEST(Startup, Boot_mode_decides_on_image_search_first_scan_callback_and_links)
 {
-    const BootModeRow& row = GetParam();
-    Rig rig({.disks = std::vector<DiskPlan>(row.disks), .boot_mode = row.mode, .transport = row.transport});
-    std::vector<std::size_t> luns_found;
-    count_scans(rig, luns_found);
-    rig.run([&] { rig.machine.sleep_ms(1500); });
-    EXPECT_EQ(rig.logged("Find HDD Image"), row.searches_image);
-    ASSERT_FALSE(luns_found.empty());
-    EXPECT_EQ(luns_found.front(), row.luns_at_first);
-    EXPECT_EQ(rig.printed(boot_callback), row.calls_back ? 1u : 0u);
-    EXPECT_EQ(rig.scsi().luns().size(), row.transport ? row.disks : 0u);
-    const std::string partition = std::string(arc_disk) + "partition(1)";
-    if (row.makes_links) {
-        EXPECT_EQ(link_target(arc_disk), u"\\Device\\Harddisk0\\Partition0");
-        EXPECT_EQ(link_target(partition), u"\\Device\\Harddisk0\\Partition1");
-    } else {
-        EXPECT_FALSE(link_target(arc_disk) || link_target(partition));
+    struct Row {
+        std::uint32_t mode;
+        unsigned disks;  // all of them presented
+        bool transport, searches_image;
+        std::size_t luns_at_first;
+        bool calls_back;  // and makes no links
+    };
+    for (const Row& row :
+         {Row{0, 2, true, false, 2, false}, Row{0, 4, true, false, 4, false},
+          Row{0, 2, false, true, 0, false}, Row{7, 2, true, true, 2, false}, Row{7, 1, false, true, 0, false},
+          Row{3, 2, true, false, 0, true}, Row{3, 2, false, true, 0, true},
+          Row{0x107, 1, true, false, 0, true}, Row{0x700, 4, true, false, 0, true}}) {
+        SCOPED_TRACE(testing::Message() << "mode " << row.mode << " transport " << row.transport);
+        Rig rig(
+            {.disks = std::vector<DiskPlan>(row.disks), .boot_mode = row.mode, .transport = row.transport});
+        std::vector<std::size_t> luns_found;
+        count_scans(rig, luns_found);
+        rig.run([&] { rig.machine.sleep_ms(1500); });
+        EXPECT_EQ(rig.logged("Find HDD Image"), row.searches_image);
+        ASSERT_FALSE(luns_found.empty());
+        EXPECT_EQ(luns_found.front(), row.luns_at_first);
+        EXPECT_EQ(rig.printed(boot_callback), row.calls_back ? 1u : 0u);
+        EXPECT_EQ(rig.scsi().bus_changes(), row.calls_back && row.transport ? 1u : 0u);
+        EXPECT_EQ(rig.scsi().luns().size(), row.transport ? row.disks : 0u);
+        const std::string partition = std::string(arc_disk) + "partition(1)";
+        if (row.calls_back) {
+            EXPECT_FALSE(link_target(arc_disk) || link_target(partition));
+        } else {
+            EXPECT_EQ(link_target(arc_disk), u"\\Device\\Harddisk0\\Partition0");
+            EXPECT_EQ(link_target(partition), u"\\Device\\Harddisk0\\Partition1");
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(Startup, BootMode,
-                         testing::Values(BootModeRow{.mode = 0,
-                                                     .disks = 2,
-                                                     .transport = true,
-                                                     .searches_image = false,
-                                                     .luns_at_first = 2,
-                                                     .calls_back = false,
-                                                     .makes_links = true},
-                                         BootModeRow{.mode = 0,
-                                                     .disks = 2,
-                                                     .transport = false,
-                                                     .searches_image = true,
-                                                     .luns_at_first = 0,
-                                                     .calls_back = false,
-                                                     .makes_links = true},
-                                         BootModeRow{.mode = 7,
-                                                     .disks = 2,
-                                                     .transport = true,
-                                                     .searches_image = true,
-                                                     .luns_at_first = 2,
-                                                     .calls_back = false,
-                                                     .makes_links = true},
-                                         BootModeRow{.mode = 7,
-                                                     .disks = 1,
-                                                     .transport = false,
-                                                     .searches_image = true,
-                                                     .luns_at_first = 0,
-                                                     .calls_back = false,
-                                                     .makes_links = true},
-                                         BootModeRow{.mode = 3,
-                                                     .disks = 2,
-                                                     .transport = true,
-                                                     .searches_image = false,
-                                                     .luns_at_first = 0,
-                                                     .calls_back = true,
-                                                     .makes_links = false},
-                                         BootModeRow{.mode = 3,
-                                                     .disks = 2,
-                                                     .transport = false,
-                                                     .searches_image = true,
-                                                     .luns_at_first = 0,
-                                                     .calls_back = true,
-                                                     .makes_links = false},
-                                         BootModeRow{.mode = 0x107,
-                                                     .disks = 1,
-                                                     .transport = true,
-                                                     .searches_image = false,
-                                                     .luns_at_first = 0,
-                                                     .calls_back = true,
-                                                     .makes_links = false},
-                                         BootModeRow{.mode = 0x700,
-                                                     .disks = 4,
-                                                     .transport = true,
-                                                     .searches_image = false,
-                                                     .luns_at_first = 0,
-                                                     .calls_back = true,
-                                                     .makes_links = false}),
-                         [](const auto& info) {
-                             return "Mode_" + std::to_string(info.param.mode) +
-                                    (info.param.transport ? "" : "_alone");
-                         });
 
 TEST(Startup, Disks_of_other_boot_modes_appear_by_one_bus_change_a_second_after_the_search)
 {
@@ -223,59 +146,27 @@ TEST(Startup, More_local_disks_than_disks_never_make_a_bus_change)
     EXPECT_EQ(rig.scsi().bus_changes(), 0u);
 }
 
-TEST(Startup, Complete_set_of_disks_needs_no_bus_change)
+TEST(Startup, Workers_are_as_many_as_set_or_as_a_disk_has_slots)
 {
-    Rig rig({.disks = std::vector<DiskPlan>(4)});
-    rig.run([&] { rig.machine.sleep_ms(5000); });
-    EXPECT_EQ(rig.scsi().bus_changes(), 0u);
-    EXPECT_EQ(rig.scsi().scans(), 1u);
+    struct Row {
+        std::vector<std::uint8_t> disk_flags;
+        std::optional<std::uint32_t> rw_threads;
+        unsigned expected;
+    };
+    for (const Row& row :
+         {Row{{4}, {}, 6}, Row{{2}, 2, 2}, Row{{1}, 1, 1}, Row{{4}, 8, 8}, Row{{4}, 9, 6}, Row{{4}, 0, 6},
+          Row{{5}, 2, 5}, Row{{2, 8, 3}, 1, 8}, Row{{0x2B}, 2, 4}, Row{{0x8F}, 1, 1}}) {
+        Plan plan{.disks = {}};
+        for (std::uint8_t flags : row.disk_flags)
+            plan.disks.push_back({.flags = flags});
+        if (row.rw_threads)
+            plan.settings["RW_THREADS"] = *row.rw_threads;
+        Rig rig(plan);
+        rig.run([&] { rig.machine.sleep_ms(1); });
+        expect_workers(rig, row.expected);
+        EXPECT_EQ(rig.log_count("QRN_Recv_Thread 0 Created"), 1u);
+    }
 }
-
-TEST(Startup, Links_that_cannot_be_made_do_not_matter)
-{
-    Rig rig;
-    rig.machine.faults().fail(machine::Operation::symbolic_link, arc_disk);
-    rig.run([&] {
-        EXPECT_FALSE(link_target(arc_disk));
-        EXPECT_TRUE(link_target(std::string(arc_disk) + "partition(1)"));
-        EXPECT_EQ(rig.scsi().luns().size(), 1u);
-    });
-}
-
-struct WorkersRow {
-    const char* name;
-    std::vector<std::uint8_t> disk_flags;
-    std::optional<std::uint32_t> rw_threads;
-    int expected;
-};
-
-class Workers : public testing::TestWithParam<WorkersRow> {};
-
-TEST_P(Workers, Are_as_many_as_set_or_as_a_disk_has_slots)
-{
-    const WorkersRow& row = GetParam();
-    Plan plan;
-    plan.disks.clear();
-    for (std::uint8_t flags : row.disk_flags)
-        plan.disks.push_back({.flags = flags});
-    if (row.rw_threads)
-        plan.settings["RW_THREADS"] = *row.rw_threads;
-    Rig rig(plan);
-    rig.run([&] { rig.machine.sleep_ms(1); });
-    EXPECT_EQ(workers_created(rig), first_indices(row.expected));
-    EXPECT_EQ(rig.log_count("QRN_Recv_Thread 0 Created"), 1u);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Startup, Workers,
-    testing::Values(WorkersRow{"default", {0x04}, {}, 6}, WorkersRow{"two_set", {0x02}, 2, 2},
-                    WorkersRow{"one_set", {0x01}, 1, 1}, WorkersRow{"eight_set", {0x04}, 8, 8},
-                    WorkersRow{"nine_is_too_many", {0x04}, 9, 6}, WorkersRow{"none_is_too_few", {0x04}, 0, 6},
-                    WorkersRow{"raised_by_five_slots", {0x05}, 2, 5},
-                    WorkersRow{"raised_by_the_largest", {0x02, 0x08, 0x03}, 1, 8},
-                    WorkersRow{"raised_by_default_slots", {0x2B}, 2, 4},
-                    WorkersRow{"one_slot_disk_needs_one", {0x8F}, 1, 1}),
-    [](const auto& info) { return info.param.name; });
 
 TEST(Startup, First_worker_without_memory_leaves_a_driver_without_threads)
 {
@@ -289,41 +180,23 @@ TEST(Startup, First_worker_without_memory_leaves_a_driver_without_threads)
     EXPECT_EQ(rig.log_count("_Thread"), 0u);
 }
 
-TEST(Startup, Later_worker_without_memory_leaves_those_before_it_at_work)
+TEST(Startup, Later_worker_without_memory_or_thread_leaves_those_before_it_at_work)
 {
-    Rig rig;
-    rig.machine.faults().fail(machine::Operation::pool_allocate, "QRNM", 2);
-    rig.run([&] {
-        Bytes data = pattern(0, 65536);
-        EXPECT_TRUE(rig.write(0, 0, data));
-        Bytes back(data.size());
-        EXPECT_TRUE(rig.read(0, 0, back));
-        EXPECT_EQ(back, data);
-    });
-    EXPECT_EQ(rig.printed(workers_error), 1u);
-    EXPECT_EQ(workers_created(rig), first_indices(2));
+    for (bool memory : {true, false}) {
+        Rig rig;
+        if (memory)
+            rig.machine.faults().fail(machine::Operation::pool_allocate, "QRNM", 2);
+        else
+            rig.machine.faults().fail(machine::Operation::thread_create, {}, 3, 100);
+        rig.run([&] {
+            Bytes data = pattern(0, 65536), back(data.size());
+            EXPECT_TRUE(rig.write(0, 0, data) && rig.read(0, 0, back));
+            EXPECT_EQ(back, data);
+        });
+        EXPECT_EQ(rig.printed(workers_error), memory ? 1u : 0u);
+        expect_workers(rig, 2);
+    }
 }
-
-TEST(Startup, Threads_that_cannot_be_created_leave_the_load_as_it_is)
-{
-    Rig rig;
-    rig.machine.faults().fail(machine::Operation::thread_create, {}, 3, 100);
-    rig.run([&] {
-        Bytes data(65536);
-        EXPECT_TRUE(rig.read(0, 0, data));
-    });
-    EXPECT_EQ(workers_created(rig), first_indices(2));
-}
-
-struct DiskRow {
-    const char* name;
-    std::uint8_t flags;
-    unsigned read_kb, write_kb;  // as handed over
-    unsigned read_bytes, write_bytes;
-    const char* message;
-};
-
-class DiskTable : public testing::TestWithParam<DiskRow> {};
 
 // Lengths of the packets to the disk; those of the cache negotiation are about engine sector 0.
 std::vector<unsigned> packet_lengths(const Rig& rig, std::uint8_t kind)
@@ -336,32 +209,31 @@ std::vector<unsigned> packet_lengths(const Rig& rig, std::uint8_t kind)
     return lengths;
 }
 
-TEST_P(DiskTable, Gives_packet_sizes_and_tells_the_disk)
+TEST(Startup, Disk_table_gives_packet_sizes_and_tells_the_disk)
 {
-    const DiskRow& row = GetParam();
-    Rig rig({.disks = {{.flags = row.flags, .read_kb = row.read_kb, .write_kb = row.write_kb}}});
-    rig.run([&] {
-        Bytes data(49152);
-        EXPECT_TRUE(rig.read(0, 0, data));
-        EXPECT_TRUE(rig.write(0, 0, data));
-    });
-    EXPECT_EQ(rig.printed(row.message), 1u) << rig.machine.log().text();
-    EXPECT_EQ(packet_lengths(rig, formats::kind_read),
-              std::vector<unsigned>(49152 / row.read_bytes, row.read_bytes));
-    EXPECT_EQ(packet_lengths(rig, formats::kind_write),
-              std::vector<unsigned>(49152 / row.write_bytes, row.write_bytes));
+    struct Row {
+        std::uint8_t flags;
+        unsigned read_kb, write_kb;  // as handed over
+        unsigned read_bytes, write_bytes;
+        const char* message;
+    };
+    for (const Row& row : {Row{0x00, 4, 4, 8192, 6144, "0 -1"}, Row{0x04, 16, 8, 16384, 8192, "4 -1"},
+                           Row{0x01, 1, 1, 1024, 1024, "1 -1"}, Row{0x13, 16, 8, 16384, 8192, "13 0"},
+                           Row{0x80, 8, 8, 8192, 8192, "80 0"}, Row{0x95, 8, 8, 8192, 8192, "95 0"},
+                           Row{0x2B, 8, 4, 8192, 4096, "2B -1"}}) {
+        Rig rig({.disks = {{.flags = row.flags, .read_kb = row.read_kb, .write_kb = row.write_kb}}});
+        rig.run([&] {
+            Bytes data(49152);
+            EXPECT_TRUE(rig.read(0, 0, data) && rig.write(0, 0, data));
+        });
+        EXPECT_EQ(rig.printed(std::string("\nQRN SCSI: Lun:0 800(1M) Local:") + row.message), 1u)
+            << rig.machine.log().text();
+        EXPECT_EQ(packet_lengths(rig, formats::kind_read),
+                  std::vector<unsigned>(49152 / row.read_bytes, row.read_bytes));
+        EXPECT_EQ(packet_lengths(rig, formats::kind_write),
+                  std::vector<unsigned>(49152 / row.write_bytes, row.write_bytes));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Startup, DiskTable,
-    testing::Values(DiskRow{"no_flags", 0x00, 4, 4, 8192, 6144, "\nQRN SCSI: Lun:0 800(1M) Local:0 -1"},
-                    DiskRow{"slots", 0x04, 16, 8, 16384, 8192, "\nQRN SCSI: Lun:0 800(1M) Local:4 -1"},
-                    DiskRow{"smallest", 0x01, 1, 1, 1024, 1024, "\nQRN SCSI: Lun:0 800(1M) Local:1 -1"},
-                    DiskRow{"cache", 0x13, 16, 8, 16384, 8192, "\nQRN SCSI: Lun:0 800(1M) Local:13 0"},
-                    DiskRow{"one_slot", 0x80, 8, 8, 8192, 8192, "\nQRN SCSI: Lun:0 800(1M) Local:80 0"},
-                    DiskRow{"cache_first", 0x95, 8, 8, 8192, 8192, "\nQRN SCSI: Lun:0 800(1M) Local:95 0"},
-                    DiskRow{"split", 0x2B, 8, 4, 8192, 4096, "\nQRN SCSI: Lun:0 800(1M) Local:2B -1"}),
-    [](const auto& info) { return info.param.name; });
 
 TEST(Startup, Absent_disk_between_others_is_left_out_of_the_table)
 {

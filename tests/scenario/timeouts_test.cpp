@@ -42,118 +42,57 @@ void answer_at(Rig& rig, std::vector<Answer> answers)
     });
 }
 
+constexpr Answer data(double ms, unsigned number)
+{
+    return {ms, Answer::data, number};
+}
+constexpr Answer ack(double ms, unsigned mask)
+{
+    return {ms, Answer::acknowledgement, mask};
+}
+
 struct Waits {
     const char* what;
-    std::uint16_t rack_level;
-    bool write;
     std::vector<Answer> answers;
-    double until_ms;
+    std::int64_t until_ms;
     std::string story;
+    std::uint16_t rack_level = 0x705;
 };
 
 TEST(TimeOuts, Waits_queries_and_resends_come_at_their_times)
 {
-    const Answer all{50, Answer::acknowledgement, 0xFFFF};
+    constexpr Answer all = ack(50, 0xFFFF);
     const Waits cases[] = {
-        {"silence", 0x705, false, {}, 2300, "read@0 query@110 read@1110 query@1220 read@2220"},
-        {"silence of a peer without queries", 0x704, false, {}, 2300, "read@0 read@1110 read@2220"},
-        {"silence for a write",
-         0x705,
-         true,
-         {},
-         1300,
-         "write:1,2,3,4,5@0 query@110 write:1,2,3,4,5@1110 query@1220"},
-        {"progress",
-         0x705,
-         false,
-         {{50, Answer::data, 1}},
-         2300,
-         "read@0 query@165 read@1165 query@1275 read@2275"},
-        {"progress twice",
-         0x705,
-         false,
-         {{50, Answer::data, 1}, {120, Answer::data, 2}},
-         1300,
-         "read@0 query@220 read@1220"},
-        {"progress during the long wait",
-         0x705,
-         false,
-         {{500, Answer::data, 1}},
-         2300,
-         "read@0 query@110 query@1165 read@2165 query@2275"},
-        {"a gap", 0x705, false, {{50, Answer::data, 3}}, 1200, "read@0 query@50 query@105 read@1105"},
-        {"two gaps",
-         0x705,
-         false,
-         {{20, Answer::data, 3}, {30, Answer::data, 5}},
-         1200,
-         "read@0 query@20 query@30 query@85 read@1085 query@1195"},
-        {"a gap of a peer without queries", 0x704, false, {{50, Answer::data, 3}}, 1200, "read@0 read@1105"},
+        {"silence", {}, 2300, "read@0 query@110 read@1110 query@1220 read@2220"},
+        {"silence of a peer without queries", {}, 2300, "read@0 read@1110 read@2220", 0x704},
+        {"silence for a write", {}, 1300, "write:1,2,3,4,5@0 query@110 write:1,2,3,4,5@1110 query@1220"},
+        {"progress", {data(50, 1)}, 2300, "read@0 query@165 read@1165 query@1275 read@2275"},
+        {"progress twice", {data(50, 1), data(120, 2)}, 1300, "read@0 query@220 read@1220"},
+        {"progress later", {data(500, 1)}, 2300, "read@0 query@110 query@1165 read@2165 query@2275"},
+        {"a gap", {data(50, 3)}, 1200, "read@0 query@50 query@105 read@1105"},
+        {"gaps", {data(20, 3), data(30, 5)}, 1200, "read@0 query@20 query@30 query@85 read@1085 query@1195"},
+        {"a gap of a peer without queries", {data(50, 3)}, 1200, "read@0 read@1105", 0x704},
         {"missing fragments of a write",
-         0x705,
-         true,
-         {{50, Answer::acknowledgement, 0xFFF5}},
+         {ack(50, 0xFFF5)},
          1200,
          "write:1,2,3,4,5@0 write:2,4@50 query@160 write:1,2,3,4,5@1160"},
-        {"a read not understood",
-         0x705,
-         false,
-         {{50, Answer::acknowledgement, 0}},
-         1200,
-         "read@0 read@50 query@160 read@1160"},
-        {"everything there, then nothing",
-         0x705,
-         true,
-         {all},
-         11300,
-         "write:1,2,3,4,5@0 write:1,2,3,4,5@11110 query@11220"},
-        {"everything there, then done",
-         0x705,
-         true,
-         {all, {9000, Answer::done, 0}},
-         12000,
-         "write:1,2,3,4,5@0"},
-        {"everything there, said again and again",
-         0x705,
-         true,
-         {all, {10000, Answer::acknowledgement, 0xFFFF}},
-         21100,
-         "write:1,2,3,4,5@0 write:1,2,3,4,5@21010"},
-        {"everything there, then data",
-         0x705,
-         false,
-         {all, {300, Answer::data, 1}},
-         1400,
-         "read@0 query@385 read@1385"},
-    };
+        {"a read not understood", {ack(50, 0)}, 1200, "read@0 read@50 query@160 read@1160"},
+        {"all there, then nothing", {all}, 11300, "write:1,2,3,4,5@0 write:1,2,3,4,5@11110 query@11220"},
+        {"all there, then done", {all, {9000, Answer::done, 0}}, 12000, "write:1,2,3,4,5@0"},
+        {"all there twice", {all, ack(10000, 0xFFFF)}, 21100, "write:1,2,3,4,5@0 write:1,2,3,4,5@21010"},
+        {"all there, then data", {all, data(300, 1)}, 1400, "read@0 query@385 read@1385"}};
     for (const Waits& waits : cases) {
         SCOPED_TRACE(waits.what);
         Rig rig({.rack_level = waits.rack_level});
         answer_at(rig, waits.answers);
         rig.run([&] {
             Pending request(rig);
-            waits.write ? request.write(0, 0, Bytes(6144)) : request.read(0, 0, 8192);
-            rig.machine.sleep_ms(static_cast<std::int64_t>(waits.until_ms));
+            waits.story.starts_with("write") ? request.write(0, 0, Bytes(6144)) : request.read(0, 0, 8192);
+            rig.machine.sleep_ms(waits.until_ms);
             EXPECT_EQ(story(rig), waits.story);
             rig.main.start();
             request.wait();
             EXPECT_TRUE(request.ok());
-        });
-    }
-}
-
-TEST(TimeOuts, The_setting_of_the_protocol_level_decides_about_queries)
-{
-    for (auto [level, queries] : {std::pair(0x704u, 0u), std::pair(0x705u, 1u), std::pair(0xFFFFu, 1u)}) {
-        Rig rig({.rack_level = 0x100, .settings = {{"RW_RACK", level}}});
-        rig.main.stop();
-        rig.run([&] {
-            Pending request(rig);
-            request.read(0, 0, 512);
-            rig.machine.sleep_ms(1000);
-            EXPECT_EQ(rig.sent(formats::sub_status_query, formats::kind_read).size(), queries) << level;
-            rig.main.start();
-            request.wait();
         });
     }
 }
@@ -177,8 +116,7 @@ TEST(TimeOuts, Budgets_end_a_request_except_on_the_system_disk)
         {"write of the system disk", 0, 0, true, 1, budget_59_ms},
         {"read of disk 0 in boot mode 7", 7, 0, false, 1, budget_59_ms},
         {"read of disk 0 in another boot mode", 5, 0, false, 1, budget_59_ms},
-        {"read of the system disk", 0, 0, false, 1, 0},
-    };
+        {"read of the system disk", 0, 0, false, 1, 0}};
     for (const Budget& budget : cases) {
         SCOPED_TRACE(budget.what);
         Rig rig({.disks = std::vector<DiskPlan>(2, {.retry_mins = budget.retry_mins}),
@@ -204,15 +142,10 @@ TEST(TimeOuts, Budgets_end_a_request_except_on_the_system_disk)
             EXPECT_TRUE(rig.packets().empty());
             other.read(1 - budget.lun, 5, 512).wait();
             EXPECT_TRUE(other.ok());
-            std::uint8_t answer[8];
-            machine::ScsiRequest read_capacity(rig.scsi());
-            read_capacity.lun = static_cast<std::uint8_t>(budget.lun);
-            read_capacity.cdb = {SCSIOP_READ_CAPACITY};
-            read_capacity.data = answer;
-            read_capacity.data_bytes = sizeof answer;
-            read_capacity.srb_flags = SRB_FLAGS_DATA_IN;
-            rig.execute(read_capacity);
-            EXPECT_EQ(read_capacity.sense(), (machine::Sense{0x02, 0x3A, 0x00}));
+            rig.scsi().scan();
+            ASSERT_EQ(rig.scsi().luns().size(), 2u);
+            EXPECT_EQ(rig.scsi().luns()[budget.lun].sectors, 0u);
+            EXPECT_EQ(rig.scsi().luns()[1 - budget.lun].sectors, 2048u);
         });
         EXPECT_EQ(rig.log_count("Time End"), budget.retry_mins != 0 ? 1u : 0u);
     }
@@ -302,11 +235,9 @@ struct Ending {
 
 TEST(TimeOuts, Shutdown_cuts_the_budget)
 {
-    const Ending cases[] = {
-        {"read of a data disk", 1, false, 4 * time_out_ms, 4},
-        {"write of a data disk", 1, true, 4 * time_out_ms, 4},
-        {"write of the system disk", 0, true, 22 * time_out_ms + 1000, 22},
-    };
+    const Ending cases[] = {{"read of a data disk", 1, false, 4 * time_out_ms, 4},
+                            {"write of a data disk", 1, true, 4 * time_out_ms, 4},
+                            {"write of the system disk", 0, true, 22 * time_out_ms + 1000, 22}};
     for (const Ending& ending : cases)
         for (std::uint8_t retry_mins : {std::uint8_t{1}, std::uint8_t{0}}) {
             SCOPED_TRACE(ending.what);
@@ -330,15 +261,13 @@ TEST(TimeOuts, Shutdown_cuts_the_budget)
 TEST(TimeOuts, Machine_without_its_system_disk_at_shutdown_is_reset)
 {
     using Access = machine::Ports::Access;
-    const std::vector<Access> until_reset = {
-        {true, 0x70, 0x03}, {true, 0x71, 0x51},  {true, 0x70, 0x05}, {true, 0x71, 0x52},
-        {true, 0x70, 0x0B}, {false, 0x71, 0x71}, {true, 0x70, 0x0B}, {true, 0x71, 0x33},
-        {true, 0x70, 0x0C}, {false, 0x71, 0xC0}, {true, 0x92, 0x01}, {true, 0x64, 0xFE},
-    };
-    const std::vector<Access> to_the_end = {
-        {true, 0xCF9, 0x02}, {true, 0xCF9, 0x0E},  {true, 0x92, 0x01},  {true, 0x64, 0xFE},
-        {true, 0x3C4, 0x01}, {false, 0x3C5, 0x00}, {true, 0x3C5, 0x20},
-    };
+    const std::vector<Access> until_reset = {{true, 0x70, 0x03},  {true, 0x71, 0x51}, {true, 0x70, 0x05},
+                                             {true, 0x71, 0x52},  {true, 0x70, 0x0B}, {false, 0x71, 0x71},
+                                             {true, 0x70, 0x0B},  {true, 0x71, 0x33}, {true, 0x70, 0x0C},
+                                             {false, 0x71, 0xC0}, {true, 0x92, 0x01}, {true, 0x64, 0xFE}};
+    const std::vector<Access> to_the_end = {{true, 0xCF9, 0x02}, {true, 0xCF9, 0x0E}, {true, 0x92, 0x01},
+                                            {true, 0x64, 0xFE},  {true, 0x3C4, 0x01}, {false, 0x3C5, 0x00},
+                                            {true, 0x3C5, 0x20}};
     for (bool reset_works : {true, false}) {
         Rig rig({.reset_ports_work = reset_works});
         rig.machine.ports().set_clock_register(0x0B, 0x71);

@@ -9,16 +9,6 @@ using namespace machine;
 
 namespace {
 
-constexpr unsigned worker_count = 4;
-
-MachineConfig config(SchedulerKind scheduler, std::uint64_t seed)
-{
-    MachineConfig config;
-    config.scheduler = scheduler;
-    config.seed = seed;
-    return config;
-}
-
 // Its IRP is never freed, as that of a driver that is never unloaded.
 class Channel {
 public:
@@ -36,8 +26,6 @@ public:
         control_.HeaderLength = sizeof(control_);
         control_.ControlCode = TestMiniport::complete_code;
     }
-    Channel(const Channel&) = delete;
-    Channel& operator=(const Channel&) = delete;
 
     void send(PSCSI_REQUEST_BLOCK finished, UCHAR lun)
     {
@@ -47,7 +35,6 @@ public:
         control_.ReturnCode = static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(finished));
         PIO_STACK_LOCATION location = IoGetNextIrpStackLocation(irp_);
         location->MajorFunction = IRP_MJ_SCSI;
-        location->MinorFunction = 0;
         location->Parameters.DeviceIoControl.IoControlCode = IOCTL_SCSI_EXECUTE_NONE;
         location->Parameters.Scsi.Srb = &srb_;
         IoSetCompletionRoutine(irp_, returned, this, TRUE, TRUE, TRUE);
@@ -69,23 +56,21 @@ private:
     SRB_IO_CONTROL control_{};
 };
 
-class ChannelTest : public PortTest {
+class ChannelTest : public PortTest, public testing::WithParamInterface<machine::MachineConfig> {
 protected:
-    using PortTest::PortTest;
+    ChannelTest() : PortTest(GetParam()) {}
 
-    // From now on transfers are finished by worker threads.
     void start_workers()
     {
         KeInitializeSemaphore(&waiting_, 0, 0x7FFFFFFF);
         channel_ = std::make_unique<Channel>(adapter().device());
-        for (unsigned worker = 0; worker < worker_count; ++worker)
+        for (int worker = 0; worker < 4; ++worker)
             machine.scheduler().spawn("worker", [this] { work(); });
     }
     void queue(PSCSI_REQUEST_BLOCK srb)
     {
-        const bool transfers = srb->Function == SRB_FUNCTION_EXECUTE_SCSI && srb->Cdb[0] != SCSIOP_INQUIRY &&
-                               srb->Cdb[0] != SCSIOP_READ_CAPACITY;
-        if (!transfers)
+        if (srb->Function != SRB_FUNCTION_EXECUTE_SCSI ||
+            (srb->Cdb[0] != SCSIOP_READ && srb->Cdb[0] != SCSIOP_WRITE))
             return miniport.answer(srb);
         {
             std::lock_guard hold(lock_);
@@ -106,93 +91,47 @@ protected:
             channel_->send(srb, srb->Lun);
         }
     }
-    // Clients that each write sectors of their own, with many requests in flight, and read them back.
-    void write_and_read_back(unsigned clients, unsigned rounds);
-
     KSEMAPHORE waiting_;
     std::mutex lock_;
     std::deque<PSCSI_REQUEST_BLOCK> pending_;
     std::unique_ptr<Channel> channel_;
 };
 
-void ChannelTest::write_and_read_back(unsigned clients, unsigned rounds)
+TEST_P(ChannelTest, Workers_complete_the_requests_of_many_clients_through_one_reused_irp)
 {
-    KSEMAPHORE ended;
-    KeInitializeSemaphore(&ended, 0, static_cast<LONG>(clients));
-    for (unsigned client = 0; client < clients; ++client) {
-        machine.scheduler().spawn("client", [&, client] {
-            const auto lun = static_cast<std::uint8_t>(client % 2);
-            std::vector<std::uint8_t> out(512), in(512);
-            for (unsigned round = 0; round < rounds; ++round) {
-                std::ranges::fill(out, static_cast<std::uint8_t>(client * 37 + round));
-                EXPECT_TRUE(port().write(lun, client, out.data(), 512));
-                EXPECT_TRUE(port().read(lun, client, in.data(), 512));
-                EXPECT_EQ(in, out);
-            }
-            KeReleaseSemaphore(&ended, 0, 1, FALSE);
-        });
-    }
-    for (unsigned client = 0; client < clients; ++client)
-        KeWaitForSingleObject(&ended, Executive, KernelMode, FALSE, nullptr);
-    EXPECT_EQ(port().in_flight(), 0U);
-}
-
-class SeededChannel : public ChannelTest, public testing::WithParamInterface<unsigned> {
-protected:
-    SeededChannel() : ChannelTest(config(SchedulerKind::simulated, GetParam())) {}
-};
-
-TEST_P(SeededChannel, Workers_complete_requests_through_one_reused_irp)
-{
+    constexpr unsigned clients = 12;
+    const unsigned rounds = GetParam().scheduler == SchedulerKind::real ? 500 : 20;
     miniport.start_io = [this](PSCSI_REQUEST_BLOCK srb) { queue(srb); };
     run([&] {
         start_workers();
-        write_and_read_back(12, 20);
-    });
-}
-INSTANTIATE_TEST_SUITE_P(Seeds, SeededChannel, testing::Range(1U, 21U));
-
-class RealChannel : public ChannelTest {
-protected:
-    RealChannel() : ChannelTest(config(SchedulerKind::real, 1)) {}
-};
-
-TEST_F(RealChannel, Workers_complete_requests_in_parallel_threads)
-{
-    miniport.start_io = [this](PSCSI_REQUEST_BLOCK srb) { queue(srb); };
-    run([&] {
-        start_workers();
-        write_and_read_back(12, 500);
-    });
-}
-
-TEST_F(ChannelTest, A_notice_passes_a_full_and_a_frozen_queue)
-{
-    miniport.start_io = [this](PSCSI_REQUEST_BLOCK srb) { miniport.hold(srb); };
-    run([&] {
-        channel_ = std::make_unique<Channel>(adapter().device());
-        port().set_auto_release(false);
-        std::vector<std::unique_ptr<ScsiRequest>> requests;
-        std::array<std::uint8_t, 512> sector{};
-        unsigned finished = 0;
-        for (unsigned index = 0; index < 400; ++index) {
-            requests.push_back(std::make_unique<ScsiRequest>(port()));
-            // The first one fails, past the end of the disk, and freezes the queue.
-            requests.back()->set_read(0, index == 0 ? 1000 : 0, sector.data(), 512);
-            requests.back()->done = [&](ScsiRequest&) { ++finished; };
-            port().submit(*requests.back());
+        KSEMAPHORE ended;
+        KeInitializeSemaphore(&ended, 0, clients);
+        for (unsigned client = 0; client < clients; ++client) {
+            machine.scheduler().spawn("client", [&, client] {
+                const auto lun = static_cast<std::uint8_t>(client % 2);
+                std::vector<std::uint8_t> out(512), in(512);
+                for (unsigned round = 0; round < rounds; ++round) {
+                    std::ranges::fill(out, static_cast<std::uint8_t>(client * 37 + round));
+                    EXPECT_TRUE(port().write(lun, client, out.data(), 512));
+                    EXPECT_TRUE(port().read(lun, client, in.data(), 512));
+                    EXPECT_EQ(in, out);
+                }
+                KeReleaseSemaphore(&ended, 0, 1, FALSE);
+            });
         }
-        ASSERT_EQ(miniport.held.size(), 254U);
-        while (!miniport.held.empty()) {
-            PSCSI_REQUEST_BLOCK srb = miniport.held.front();
-            miniport.held.pop_front();
-            channel_->send(srb, 0);
-        }
-        EXPECT_EQ(finished, 254U);
-        EXPECT_TRUE(port().frozen(0));
-        port().release_queue(0);
-        EXPECT_EQ(miniport.held.size(), 146U);
+        for (unsigned client = 0; client < clients; ++client)
+            KeWaitForSingleObject(&ended, Executive, KernelMode, FALSE, nullptr);
+        EXPECT_EQ(port().in_flight(), 0U);
     });
 }
+
+std::vector<MachineConfig> configurations()
+{
+    std::vector<MachineConfig> all{{.scheduler = SchedulerKind::real}};
+    for (std::uint64_t seed = 1; seed <= 20; ++seed)
+        all.push_back({.seed = seed});
+    return all;
+}
+INSTANTIATE_TEST_SUITE_P(RealAndSeeds, ChannelTest, testing::ValuesIn(configurations()));
 
 }  // namespace

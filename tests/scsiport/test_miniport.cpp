@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "formats/endian.h"
 #include "machine/machine.h"
@@ -71,9 +70,7 @@ NTSTATUS NTAPI TestMiniport::entry(PDRIVER_OBJECT driver_object, PUNICODE_STRING
 ULONG NTAPI TestMiniport::hw_find_adapter(PVOID extension, PVOID, PVOID, PCHAR,
                                           PPORT_CONFIGURATION_INFORMATION config, PBOOLEAN again)
 {
-    void* const previous = std::exchange(active->device_extension, nullptr);
     Entered entered("HwFindAdapter", extension, PASSIVE_LEVEL);
-    ++active->find_calls;
     active->device_extension = extension;
     const auto* bytes = static_cast<const std::uint8_t*>(extension);
     if (std::any_of(bytes, bytes + device_extension_bytes, [](std::uint8_t byte) { return byte != 0; }))
@@ -84,10 +81,7 @@ ULONG NTAPI TestMiniport::hw_find_adapter(PVOID extension, PVOID, PVOID, PCHAR,
     config->MaximumNumberOfTargets = 1;
     config->MaximumNumberOfLogicalUnits = 4;
     *again = FALSE;
-    const ULONG result = active->find_adapter ? active->find_adapter(*config, *again) : SP_RETURN_FOUND;
-    if (result != SP_RETURN_FOUND)
-        active->device_extension = previous;
-    return result;
+    return active->find_adapter ? active->find_adapter(*config, *again) : SP_RETURN_FOUND;
 }
 
 BOOLEAN NTAPI TestMiniport::hw_initialize(PVOID extension)
@@ -143,14 +137,6 @@ void TestMiniport::complete(PSCSI_REQUEST_BLOCK srb, UCHAR srb_status)
     ScsiPortNotification(RequestComplete, device_extension, srb);
 }
 
-std::vector<SCSI_REQUEST_BLOCK> TestMiniport::seen_of(UCHAR function) const
-{
-    std::vector<SCSI_REQUEST_BLOCK> found;
-    std::copy_if(seen.begin(), seen.end(), std::back_inserter(found),
-                 [function](const SCSI_REQUEST_BLOCK& srb) { return srb.Function == function; });
-    return found;
-}
-
 void TestMiniport::answer(PSCSI_REQUEST_BLOCK srb)
 {
     if (srb->Function == SRB_FUNCTION_IO_CONTROL) {
@@ -178,10 +164,6 @@ void TestMiniport::hold(PSCSI_REQUEST_BLOCK srb)
 
 UCHAR TestMiniport::execute(SCSI_REQUEST_BLOCK& srb)
 {
-    if (srb.PathId != 0)
-        return SRB_STATUS_INVALID_PATH_ID;
-    if (srb.TargetId != 0)
-        return SRB_STATUS_INVALID_TARGET_ID;
     if (srb.Lun >= luns)
         return SRB_STATUS_INVALID_LUN;
     auto* data = static_cast<std::uint8_t*>(srb.DataBuffer);

@@ -50,8 +50,7 @@ public:
     NTSTATUS registration_status = 0;
     std::deque<PSCSI_REQUEST_BLOCK> held;
     std::vector<SCSI_REQUEST_BLOCK> seen;  // every SRB as it came to HwStartIo
-    std::vector<SCSI_REQUEST_BLOCK> seen_of(UCHAR function) const;
-    unsigned find_calls = 0, timer_calls = 0, resets = 0;
+    unsigned timer_calls = 0, resets = 0;
     // Rules that the port driver broke, in words; empty when all is well.
     std::string complaints;
 

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <random>
 
 #include "tests/server/workstation_model.h"
@@ -9,32 +8,33 @@ using namespace server_test;
 
 namespace {
 
-using Counter = std::uint64_t server::DroppedCounters::*;
-using formats::WireHeader;
+using H = formats::WireHeader;
+using Dropped = server::DroppedCounters;
 
 struct Case {
     const char* what;
-    Counter counted_as;
-    std::function<Bytes()> packet;
+    std::uint64_t Dropped::*counted_as;
+    Bytes packet;
 };
 
-Bytes patched(Bytes packet, const std::function<void(WireHeader&)>& change)
+// The packet with another value in one field of its header.
+template <typename Field>
+Bytes with(Bytes packet, Field H::*field, std::uint64_t value)
 {
-    WireHeader header{};
+    H header{};
     std::memcpy(&header, packet.data(), std::min(packet.size(), sizeof header));
-    change(header);
+    if constexpr (std::is_integral_v<Field>)
+        header.*field = static_cast<Field>(value);
+    else
+        (header.*field).set(static_cast<decltype((header.*field).get())>(value));
     std::memcpy(packet.data(), &header, std::min(packet.size(), sizeof header));
     return packet;
 }
 
-Bytes read_with(const std::function<void(WireHeader&)>& change)
+Bytes with_byte(Bytes packet, std::size_t at, std::uint8_t value)
 {
-    return patched(Packet(formats::kind_read, 0, 1024, 1).request(), change);
-}
-
-Bytes write_with(const std::function<void(WireHeader&)>& change)
-{
-    return patched(make_write(0, 3072, 1, 1).fragment(2), change);
+    packet[at] = value;
+    return packet;
 }
 
 Bytes cut(Bytes packet, std::size_t size)
@@ -43,84 +43,52 @@ Bytes cut(Bytes packet, std::size_t size)
     return packet;
 }
 
-using Dropped = server::DroppedCounters;
+const Bytes read = Packet(formats::kind_read, 0, 1024, 1).request();
+const Bytes fragment = make_write(0, 3072, 1, 1).fragment(2);
+const Bytes whole = make_write(0, 512, 1, 1).fragment(1);
+const Bytes query = make_write(0, 512, 1, 1).request(true);
 
 const Case cases[] = {
-    {"nothing", &Dropped::short_packet, [] { return Bytes(); }},
-    {"25 bytes", &Dropped::short_packet, [] { return cut(read_with([](WireHeader&) {}), 25); }},
-    {"write fragment of 33 bytes", &Dropped::short_packet,
-     [] { return cut(write_with([](WireHeader&) {}), 33); }},
-    {"read request of 27 bytes", &Dropped::bad_length, [] { return cut(read_with([](WireHeader&) {}), 27); }},
-    {"query of 34 bytes", &Dropped::bad_length,
-     [] { return cut(make_write(0, 512, 1, 1).request(true), 34); }},
-    {"unknown disk", &Dropped::unknown_disk,
-     [] { return read_with([](WireHeader& h) { h.Disk_Id[3] = 9; }); }},
-    {"mirror bit of the id", &Dropped::unknown_disk,
-     [] { return read_with([](WireHeader& h) { h.Disk_Id[2] ^= 0x10; }); }},
-    {"unknown kind", &Dropped::unknown_kind, [] { return read_with([](WireHeader& h) { h.Kind = 0x60; }); }},
-    {"an answer", &Dropped::unknown_kind, [] { return read_with([](WireHeader& h) { h.Kind = 0x5F; }); }},
-    {"unknown subcode", &Dropped::unknown_kind,
-     [] { return read_with([](WireHeader& h) { h.Sub_Code = 2; }); }},
-    {"poll reply nobody asked for", &Dropped::unknown_kind,
-     [] {
-         Bytes reply(226);
-         reply[0] = 0x02;
-         reply[1] = 0x38;
-         return reply;
-     }},
-    {"length 0", &Dropped::bad_length, [] { return read_with([](WireHeader& h) { h.Length.set(0); }); }},
-    {"length 513", &Dropped::bad_length, [] { return read_with([](WireHeader& h) { h.Length.set(513); }); }},
-    {"length 16896", &Dropped::bad_length,
-     [] { return read_with([](WireHeader& h) { h.Length.set(16896); }); }},
-    {"length 65024 of a write", &Dropped::bad_length,
-     [] { return write_with([](WireHeader& h) { h.Length.set(65024); }); }},
-    {"read of sector 0 that is no negotiation", &Dropped::bad_offset,
-     [] { return read_with([](WireHeader& h) { h.Byte_Offset.set(0); }); }},
-    {"write of sector 0", &Dropped::bad_offset,
-     [] {
-         return patched(make_write(0, 512, 1, 1).fragment(1), [](WireHeader& h) { h.Byte_Offset.set(0); });
-     }},
-    {"offset within a sector", &Dropped::bad_offset,
-     [] { return read_with([](WireHeader& h) { h.Byte_Offset.set(513); }); }},
-    {"read across the end", &Dropped::bad_offset,
-     [] { return read_with([](WireHeader& h) { h.Byte_Offset.set(1 << 20); }); }},
-    {"read behind the end", &Dropped::bad_offset,
-     [] { return read_with([](WireHeader& h) { h.Byte_Offset.set((1 << 20) + 512); }); }},
-    {"read at the greatest offset", &Dropped::bad_offset,
-     [] { return read_with([](WireHeader& h) { h.Byte_Offset.set(0xFFFFFFFFFE00); }); }},
-    {"write across the end", &Dropped::bad_offset,
-     [] { return write_with([](WireHeader& h) { h.Byte_Offset.set((1 << 20) - 512); }); }},
-    {"query behind the end", &Dropped::bad_offset,
-     [] {
-         return patched(make_write(0, 512, 1, 1).request(true),
-                        [](WireHeader& h) { h.Byte_Offset.set((1 << 20) + 512); });
-     }},
-    {"fragment 0", &Dropped::bad_fragment, [] { return write_with([](WireHeader& h) { h.Frag_Num = 0; }); }},
-    {"fragment 4 of 3", &Dropped::bad_fragment,
-     [] { return write_with([](WireHeader& h) { h.Frag_Num = 4; }); }},
-    {"fragment 255", &Dropped::bad_fragment,
-     [] { return write_with([](WireHeader& h) { h.Frag_Num = 255; }); }},
-    {"4 fragments of 3072 bytes", &Dropped::bad_fragment,
-     [] { return write_with([](WireHeader& h) { h.Frag_Cnt.set(4); }); }},
-    {"no fragments", &Dropped::bad_fragment,
-     [] { return write_with([](WireHeader& h) { h.Frag_Cnt.set(0); }); }},
-    {"3 fragments in the low byte only", &Dropped::bad_fragment,
-     [] { return write_with([](WireHeader& h) { h.Frag_Cnt.set(0x103); }); }},
-    {"fragment at another offset", &Dropped::bad_fragment,
-     [] { return write_with([](WireHeader& h) { h.Frag_Off.set(1385); }); }},
-    {"fragment of another size", &Dropped::bad_fragment,
-     [] { return write_with([](WireHeader& h) { h.Frag_Size.set(1387); }); }},
-    {"fragment with a byte less", &Dropped::bad_fragment,
-     [] { return cut(write_with([](WireHeader&) {}), 34 + 1385); }},
-    {"fragment with a byte more", &Dropped::bad_fragment,
-     [] { return cut(write_with([](WireHeader&) {}), 34 + 1387); }},
+    {"nothing", &Dropped::short_packet, {}},
+    {"25 bytes", &Dropped::short_packet, cut(read, 25)},
+    {"write fragment of 33 bytes", &Dropped::short_packet, cut(fragment, 33)},
+    {"read request of 27 bytes", &Dropped::bad_length, cut(read, 27)},
+    {"query of 34 bytes", &Dropped::bad_length, cut(query, 34)},
+    {"unknown disk", &Dropped::unknown_disk, with_byte(read, 3, 9)},
+    {"mirror bit of the id", &Dropped::unknown_disk, with_byte(read, 2, 0x10)},
+    {"unknown kind", &Dropped::unknown_kind, with(read, &H::Kind, 0x60)},
+    {"an answer", &Dropped::unknown_kind, with(read, &H::Kind, 0x5F)},
+    {"unknown subcode", &Dropped::unknown_kind, with(read, &H::Sub_Code, 2)},
+    {"poll reply nobody asked for", &Dropped::unknown_kind, with_byte(with_byte(Bytes(226), 0, 2), 1, 0x38)},
+    {"length 0", &Dropped::bad_length, with(read, &H::Length, 0)},
+    {"length 513", &Dropped::bad_length, with(read, &H::Length, 513)},
+    {"length 16896", &Dropped::bad_length, with(read, &H::Length, 16896)},
+    {"length 65024 of a write", &Dropped::bad_length, with(fragment, &H::Length, 65024)},
+    {"read of sector 0 that is no negotiation", &Dropped::bad_offset, with(read, &H::Byte_Offset, 0)},
+    {"write of sector 0", &Dropped::bad_offset, with(whole, &H::Byte_Offset, 0)},
+    {"offset within a sector", &Dropped::bad_offset, with(read, &H::Byte_Offset, 513)},
+    {"read across the end", &Dropped::bad_offset, with(read, &H::Byte_Offset, 1 << 20)},
+    {"read behind the end", &Dropped::bad_offset, with(read, &H::Byte_Offset, (1 << 20) + 512)},
+    {"read at the greatest offset", &Dropped::bad_offset, with(read, &H::Byte_Offset, 0xFFFFFFFFFE00)},
+    {"write across the end", &Dropped::bad_offset, with(fragment, &H::Byte_Offset, (1 << 20) - 512)},
+    {"query behind the end", &Dropped::bad_offset, with(query, &H::Byte_Offset, (1 << 20) + 512)},
+    {"fragment 0", &Dropped::bad_fragment, with(fragment, &H::Frag_Num, 0)},
+    {"fragment 4 of 3", &Dropped::bad_fragment, with(fragment, &H::Frag_Num, 4)},
+    {"fragment 255", &Dropped::bad_fragment, with(fragment, &H::Frag_Num, 255)},
+    {"4 fragments of 3072 bytes", &Dropped::bad_fragment, with(fragment, &H::Frag_Cnt, 4)},
+    {"no fragments", &Dropped::bad_fragment, with(fragment, &H::Frag_Cnt, 0)},
+    {"3 fragments in the low byte only", &Dropped::bad_fragment, with(fragment, &H::Frag_Cnt, 0x103)},
+    {"fragment at another offset", &Dropped::bad_fragment, with(fragment, &H::Frag_Off, 1385)},
+    {"fragment of another size", &Dropped::bad_fragment, with(fragment, &H::Frag_Size, 1387)},
+    {"fragment with a byte less", &Dropped::bad_fragment, cut(fragment, 34 + 1385)},
+    {"fragment with a byte more", &Dropped::bad_fragment, cut(fragment, 34 + 1387)},
 };
 
 TEST(Hostile_packets, Are_counted_and_dropped_and_touch_nothing)
 {
     for (const Case& one : cases) {
         ServerFixture server;
-        const auto answers = server.exchange(one.packet());
+        const auto answers = server.exchange(one.packet);
         EXPECT_TRUE(answers.empty()) << one.what;
         EXPECT_EQ(server.protocol.dropped().*one.counted_as, 1u) << one.what;
         EXPECT_EQ(server.store.writes + server.store.accesses_outside, 0u) << one.what;
@@ -138,9 +106,8 @@ TEST(Hostile_packets, Writes_to_a_readonly_disk_are_dropped)
     server::DiskOptions options{.readonly = true};
     std::memcpy(options.disk_id, disk_id, 4);
     protocol.add_disk(options, store);
-    Packet packet = make_write(0, 512, 1, 1);
-    protocol.receive(peer(7, 1), packet.fragment(1));
-    protocol.receive(peer(7, 1), packet.request(true));
+    protocol.receive(peer(7, 1), whole);
+    protocol.receive(peer(7, 1), query);
     EXPECT_TRUE(sink.sent.empty());
     EXPECT_EQ(protocol.dropped().readonly, 2u);
     EXPECT_EQ(store.writes, 0u);

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <stdexcept>
-
 #include "tests/server/workstation_model.h"
 
 using namespace server_test;
@@ -19,43 +17,6 @@ struct Notices : ServerFixture, testing::Test {
         return reply;
     }
 };
-
-TEST_F(Notices, Cache_negotiation_answers_the_512_byte_read_of_sector_0)
-{
-    Packet packet(formats::kind_read, 0, 512, 0);
-    packet.header.Byte_Offset.set(0);
-    for (const Bytes& answer : exchange(packet.request()))
-        packet.receive(answer);
-    EXPECT_TRUE(packet.complete());
-    EXPECT_EQ(Bytes(packet.data.begin() + 132, packet.data.begin() + 136), Bytes(4));
-    EXPECT_STREQ(reinterpret_cast<const char*>(packet.data.data()) + 4, "no RAM cache");
-
-    server::DiskOptions cached{.cache_mb = 0x1234};
-    std::memcpy(cached.disk_id, other_disk_id, 4);
-    protocol.add_disk(cached, store);
-    Packet other(formats::kind_read, 0, 512, 0);
-    std::memcpy(other.header.Disk_Id, other_disk_id, 4);
-    other.header.Byte_Offset.set(0);
-    for (const Bytes& answer : exchange(other.request()))
-        other.receive(answer);
-    EXPECT_EQ(Bytes(other.data.begin() + 132, other.data.begin() + 136), Bytes({0x34, 0x12, 0, 0}));
-    EXPECT_EQ(protocol.counters(1).negotiations, 1u);
-}
-
-TEST_F(Notices, Shutdown_flushes_what_was_written_and_only_that)
-{
-    Packet notice(formats::kind_shutdown, 0, 512, 0);
-    notice.header.Byte_Offset.set(0);
-    EXPECT_TRUE(exchange(notice.request()).empty());
-    EXPECT_EQ(counters().flushes, 0u);
-    Packet write = make_write(0, 512, 1, 1);
-    exchange(write.fragment(1));
-    exchange(notice.request());
-    exchange(notice.request());
-    EXPECT_EQ(counters().flushes, 1u);
-    EXPECT_EQ(counters().shutdowns, 3u);
-    EXPECT_EQ(protocol.dropped().bad_length + protocol.dropped().bad_offset, 0u);
-}
 
 TEST_F(Notices, A_status_poll_names_the_poller_and_takes_only_its_own_reply)
 {
@@ -109,16 +70,6 @@ TEST_F(Notices, Retry_limit_reaches_unfinished_and_unserved_packets_and_no_other
     };
     EXPECT_TRUE(matches(unfinished, sent[0]));
     EXPECT_TRUE(matches(unserved, sent[1]));
-}
-
-TEST_F(Notices, Ids_that_packets_could_not_tell_apart_are_refused)
-{
-    for (const auto& id : {Bytes{0, 0, 0, 0}, Bytes{0x51, 0x52, 0x00, 0x01}, Bytes{0x01, 0x38, 5, 5},
-                           Bytes{0x02, 0x38, 5, 5}}) {
-        server::DiskOptions options;
-        std::copy(id.begin(), id.end(), options.disk_id);
-        EXPECT_THROW(protocol.add_disk(options, store), std::invalid_argument);
-    }
 }
 
 }  // namespace

@@ -17,23 +17,6 @@ struct Reads : ServerFixture, testing::Test {
     }
 };
 
-TEST_F(Reads, First_fragment_of_1024_bytes_is_byte_exact)
-{
-    Packet packet(kind_read, 0x102, 1024, 0x0304, 5);
-    packet.header.Tag.set(0xB0A1);
-    packet.header.Pkt_Index = 9;
-    packet.header.Disk_Parm[1] = 0x77;
-    const auto answers = exchange(packet.request());
-    ASSERT_EQ(answers.size(), 1u);
-    Bytes header = {0x51, 0x52, 0x00, 0x01, 0x00, 0x5D, 0xB0, 0xA1, 0x04, 0x03, 0x05, 0x09,
-                    0x00, 0x77, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x02, 0x06, 0x00,
-                    0x04, 0x00, 0x00, 0x00, 0x04, 0x00, 0x00, 0x01, 0x00, 0x01};
-    const Bytes data = stored(0x102, 1024);
-    header.insert(header.end(), data.begin(), data.end());
-    EXPECT_EQ(answers[0], header);
-    EXPECT_EQ(sink.sent.size(), 0u);
-}
-
 TEST_F(Reads, Every_length_at_both_ends_of_the_disk_arrives_whole)
 {
     const std::uint64_t sectors = store.size_bytes() / 512;
@@ -92,21 +75,6 @@ TEST_F(Reads, Two_zero_answers_complete_a_hole_in_any_order_and_one_never_does)
     }
 }
 
-TEST_F(Reads, A_lost_zero_answer_is_made_good_by_a_query)
-{
-    store.holes_known = true;
-    for (const std::size_t arrived : {0u, 1u})
-        for (const std::size_t arrives_later : {0u, 1u}) {
-            Packet packet(kind_read, 32, 8192, 1);
-            packet.receive(exchange(packet.request())[arrived]);
-            const auto again = exchange(packet.request(true));
-            ASSERT_EQ(again.size(), 2u);
-            packet.receive(again[arrives_later]);
-            packet.receive(again[1 - arrives_later]);
-            EXPECT_TRUE(packet.complete());
-        }
-}
-
 // The hole is written to between two answers to one read; whatever is lost and in whatever order the
 // rest arrives, the read completes with old and new bytes only.
 TEST_F(Reads, A_hole_filled_while_it_is_read_gives_old_or_new_bytes)
@@ -138,14 +106,6 @@ TEST_F(Reads, A_hole_filled_while_it_is_read_gives_old_or_new_bytes)
         for (std::size_t i = 0; i < packet.data.size(); ++i)
             ASSERT_TRUE(packet.data[i] == 0 || packet.data[i] == write.data[i]) << "byte " << i;
     } while (std::next_permutation(order.begin(), order.end()));
-}
-
-TEST_F(Reads, A_failing_store_is_silent_and_counted)
-{
-    store.fails = true;
-    Packet packet(kind_read, 0, 512, 1);
-    EXPECT_TRUE(exchange(packet.request()).empty());
-    EXPECT_EQ(counters().store_errors, 1u);
 }
 
 }  // namespace

@@ -38,19 +38,6 @@ struct Writes : ServerFixture, testing::Test {
     }
 };
 
-TEST_F(Writes, Write_done_is_byte_exact)
-{
-    Packet packet = make_write(0x203, 512, 0x1122, 1);
-    packet.header.Worker_Byte = 0x0B;
-    packet.header.Tag.set(0xCDEF);
-    const auto sent = exchange(packet.fragment(1));
-    ASSERT_EQ(sent.size(), 1u);
-    const Bytes expected = {0x51, 0x52, 0x00, 0x01, 0x00, 0x5F, 0xCD, 0xEF, 0x22, 0x11, 0x0B, 0x00, 0x00,
-                            0x00, 0x00, 0x00, 0xFF, 0xFF, 0x00, 0x00, 0x00, 0x04, 0x08, 0x00, 0x02, 0x00};
-    EXPECT_EQ(sent[0], expected);
-    EXPECT_EQ(stored(0x203, 512), packet.data);
-}
-
 TEST_F(Writes, Fragments_in_every_order_complete_a_write_once)
 {
     std::uint16_t seq = 0;
@@ -85,41 +72,6 @@ TEST_F(Writes, A_gap_is_reported_after_the_last_fragment_of_each_send)
     EXPECT_EQ(answers(packet.fragment(3)), "done");
     EXPECT_EQ(stored(0, 16384), packet.data);
     EXPECT_EQ(counters().acknowledgements, 2u);
-}
-
-// Fragments that overtake each other cost one resend of what had not yet come, however many they are.
-TEST_F(Writes, Reports_of_gaps_die_out)
-{
-    Packet packet = make_write(0, 16384, 1, 1);
-    std::vector<Bytes> arriving = packet.send();
-    std::reverse(arriving.begin(), arriving.end());
-    unsigned reports = 0;
-    for (std::size_t i = 0; i < arriving.size() && i < 1000; ++i)
-        for (const Bytes& answer : exchange(arriving[i])) {
-            reports += answer[5] == 0x5B ? 1 : 0;
-            if (packet.receive(answer) == Packet::Effect::resend_now)
-                for (const Bytes& again : packet.send())
-                    arriving.push_back(again);
-        }
-    EXPECT_TRUE(packet.complete());
-    EXPECT_EQ(store.writes, 1u);
-    EXPECT_EQ(reports, 2u) << "the second for the resend that was not needed, which nobody waits for";
-    EXPECT_EQ(arriving.size(), 12u + 11);
-}
-
-TEST_F(Writes, Status_queries_are_answered_in_every_state)
-{
-    Packet packet = make_write(0, 3072, 1, 1);
-    EXPECT_EQ(answers(packet.request(true)), "ack 1 2 3");
-    answers(packet.fragment(2));
-    EXPECT_EQ(answers(packet.request(true)), "ack 1 3");
-    answers(packet.fragment(1));
-    EXPECT_EQ(answers(packet.request(true)), "ack 3");
-    EXPECT_EQ(answers(packet.fragment(3)), "done");
-    EXPECT_EQ(answers(packet.request(true)), "done");
-    Packet other = make_write(0, 3072, 2, 1);
-    EXPECT_EQ(answers(other.request(true)), "ack 1 2 3");
-    EXPECT_EQ(store.writes, 1u);
 }
 
 TEST_F(Writes, A_late_copy_never_undoes_a_newer_write)
@@ -239,30 +191,6 @@ TEST_F(Writes, A_failed_store_leaves_the_write_undone_until_it_is_sent_again)
         EXPECT_EQ(stored(5, length), packet.data);
     }
     EXPECT_EQ(counters().store_errors, 2u);
-}
-
-TEST(Completed_writes, Are_remembered_up_to_the_capacity_and_forgotten_oldest_first)
-{
-    server::CompletedWrites completed(8);
-    const std::uint32_t content[server::fragments_max] = {};
-    const auto key = [](std::uint64_t number) {
-        server::WriteKey key;
-        key.words[0] = number;
-        return key;
-    };
-    EXPECT_EQ(completed.find(key(1), 0), nullptr);
-    for (std::uint64_t number = 0; number < 1000; ++number) {
-        completed.add(key(number), content, 0);
-        if (number % 3 == 0 && number >= 2)
-            completed.forget(*completed.find(key(number - 2), 0));
-        for (std::uint64_t back = 0; back < 12 && back <= number; ++back) {
-            const std::uint64_t then = number - back;
-            const bool was_forgotten = (then + 2) % 3 == 0 && then + 2 <= number;
-            ASSERT_EQ(completed.find(key(then), 0) != nullptr, back < 8 && !was_forgotten)
-                << then << " at " << number;
-        }
-    }
-    EXPECT_EQ(completed.find(key(999), server::history_ms + 1), nullptr);
 }
 
 }  // namespace

@@ -33,33 +33,6 @@ protected:
 
 }  // namespace
 
-TEST(NbdAddress, Uris_are_what_clients_take)
-{
-    EXPECT_EQ(NbdAddress::parse("unix:/run/qrn.sock").uri("lun0"), "nbd+unix:///lun0?socket=/run/qrn.sock");
-    EXPECT_EQ(NbdAddress::parse("unix:/a b&c").uri("lun0"), "nbd+unix:///lun0?socket=/a%20b%26c");
-    EXPECT_EQ(NbdAddress::parse("tcp:127.0.0.1:10809").uri("lun3"), "nbd://127.0.0.1:10809/lun3");
-    EXPECT_EQ(NbdAddress::parse("tcp:[::1]:1").uri("lun1"), "nbd://[::1]:1/lun1");
-}
-
-TEST(NbdAddress, What_cannot_be_listened_on_is_refused)
-{
-    for (const std::string text :
-         {"", "unix:", "tcp:", "tcp:127.0.0.1", "tcp:127.0.0.1:", "tcp:127.0.0.1:65536", "tcp:127.0.0.1:1x",
-          "tcp:127.0.0.1:-1", "tcp::1", "tcp:host:1", "tcp:1.2.3:4", "udp:127.0.0.1:1", "127.0.0.1:1"})
-        EXPECT_THROW(NbdAddress::parse(text), std::invalid_argument) << text;
-    EXPECT_THROW(NbdAddress::parse("unix:/" + std::string(107, 'x')), std::invalid_argument);
-    EXPECT_NO_THROW(NbdAddress::parse("unix:/" + std::string(106, 'x')));
-}
-
-TEST(NbdAddress, Port_0_becomes_the_port_in_use)
-{
-    auto address = NbdAddress::parse("tcp:127.0.0.1:0");
-    const UniqueFd listener = address.listen();
-    EXPECT_NE(address.text(), "tcp:127.0.0.1:0");
-    auto same = NbdAddress::parse(address.text());
-    EXPECT_THROW(same.listen(), std::system_error);
-}
-
 TEST_F(SocketPath, Stale_unix_socket_is_replaced_and_a_live_one_is_not)
 {
     auto first = NbdAddress::parse("unix:" + path);

@@ -1,8 +1,6 @@
 // A LUN's queue on the real port driver, over a miniport that holds, answers or fails SRBs as told.
 #include "station/lun_device.h"
 
-#include <algorithm>
-#include <numeric>
 #include <set>
 
 #include "tests/scsiport/port_test.h"
@@ -33,22 +31,8 @@ protected:
     {
         return Job(Transfer::Operation::read, at, bytes);
     }
-    static Job write(std::uint32_t at, std::uint32_t bytes)
-    {
-        Job job(Transfer::Operation::write, at, bytes);
-        std::iota(job.buffer.begin(), job.buffer.end(), std::uint8_t{3});
-        return job;
-    }
 
-    Lun() : miniport_of_this_size(miniport)
-    {
-        miniport.start_io = [this](PSCSI_REQUEST_BLOCK srb) {
-            if (srb->Cdb[0] == SCSIOP_SYNCHRONIZE_CACHE)
-                miniport.complete(srb, SRB_STATUS_SUCCESS);
-            else
-                miniport.answer(srb);
-        };
-    }
+    Lun() : miniport_of_this_size(miniport) {}
 
     // Opens a queue to LUN 1 in the booted machine.
     void with_queue(std::function<void(BlockQueue&)> body)
@@ -93,43 +77,14 @@ private:
 
 }  // namespace
 
-TEST_F(Lun, Any_length_becomes_srbs_of_the_largest_transfer_and_a_rest)
-{
-    with_queue([&](BlockQueue& queue) {
-        Job job = write(3 * 512, 2 * largest_bytes + 512);
-        queue.submit(job);
-        EXPECT_EQ(job.ended, 1u);
-        EXPECT_EQ(job.error, 0u);
-        ASSERT_EQ(miniport.seen.size(), 3u);
-        EXPECT_EQ(miniport.seen[1].Cdb[0], SCSIOP_WRITE);
-        EXPECT_EQ(miniport.seen[1].Cdb[5], 3 + largest_bytes / 512);
-        EXPECT_EQ(miniport.seen[2].DataTransferLength, 512u);
-        const auto at = miniport.disks[1].begin() + 3 * 512;
-        EXPECT_TRUE(std::equal(job.buffer.begin(), job.buffer.end(), at));
-
-        Job back = read(3 * 512, 2 * largest_bytes + 512);
-        queue.submit(back);
-        EXPECT_EQ(back.buffer, job.buffer);
-        Job flush(Transfer::Operation::flush);
-        queue.submit(flush);
-        EXPECT_EQ(flush.ended, 1u);
-        EXPECT_EQ(miniport.seen.back().Cdb[0], SCSIOP_SYNCHRONIZE_CACHE);
-    });
-    EXPECT_EQ(statistics.reads, 1u);
-    EXPECT_EQ(statistics.writes, 1u);
-    EXPECT_EQ(statistics.flushes, 1u);
-    EXPECT_EQ(statistics.sectors_read, 17u);
-    EXPECT_EQ(statistics.sectors_written, 17u);
-    EXPECT_EQ(statistics.queue, 0u);
-}
-
 TEST_F(Lun, Transfers_run_side_by_side_and_each_ends_once_with_its_last_piece)
 {
     hold_transfers();
     with_queue([&](BlockQueue& queue) {
         std::vector<std::unique_ptr<Job>> jobs;
         for (std::uint32_t i = 0; i < 20; ++i) {
-            jobs.push_back(std::make_unique<Job>(write(i * 8 * largest_bytes, 3 * largest_bytes)));
+            jobs.push_back(
+                std::make_unique<Job>(Transfer::Operation::write, i * 8 * largest_bytes, 3 * largest_bytes));
             queue.submit(*jobs.back());
         }
         EXPECT_EQ(statistics.queue, 20u);

@@ -46,7 +46,6 @@ public:
     }
 
     std::vector<std::uint8_t> disk;
-    std::uint32_t next_error = 0;  // of the next transfers
 
 private:
     class Queue : public station::BlockQueue {
@@ -73,10 +72,10 @@ private:
     void carry_out(station::Transfer& transfer)
     {
         std::uint8_t* const at = disk.data() + static_cast<std::size_t>(transfer.offset);
-        transfer.error = next_error;
-        if (!transfer.error && transfer.operation == station::Transfer::Operation::read)
+        transfer.error = 0;
+        if (transfer.operation == station::Transfer::Operation::read)
             std::memcpy(transfer.data, at, transfer.length);
-        if (!transfer.error && transfer.operation == station::Transfer::Operation::write)
+        if (transfer.operation == station::Transfer::Operation::write)
             std::memcpy(at, transfer.data, transfer.length);
         transfer.done(transfer);
     }

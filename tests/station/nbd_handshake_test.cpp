@@ -59,133 +59,108 @@ Answer dialogue(const Bytes& input, std::size_t first_piece, std::size_t piece =
     return answer;
 }
 
+using State = NbdHandshake::State;
+
 struct Dialogue {
     const char* name;
     Bytes input;
     Bytes output;  // after the greeting
-    NbdHandshake::State state;
+    State state;
     const char* chosen = "";
     std::size_t left_over = 0;  // bytes behind the handshake's end
 };
 
+// The client's flags and then this.
+Bytes after_flags(const Bytes& input, std::uint32_t flags = 3)
+{
+    return Writer().u32(flags).add(input);
+}
+Bytes by_name(const std::string& name)
+{
+    return option(1, Writer().text(name));
+}
+Bytes refusal(std::uint32_t option, std::uint32_t type, const std::string& text)
+{
+    return option_reply(option, type, Writer().text(text));
+}
+Bytes joined(std::initializer_list<Bytes> parts)
+{
+    Writer all;
+    for (const Bytes& part : parts)
+        all.add(part);
+    return all;
+}
+
 std::vector<Dialogue> dialogues()
 {
-    using State = NbdHandshake::State;
-    const auto text_reply = [](std::uint32_t option, std::uint32_t type, const std::string& text) {
-        return option_reply(option, type, Writer().text(text));
-    };
+    const Bytes with_zeroes = Writer().add(size_and_flags).zeroes(124);
     const Bytes info = Writer().u16(0).add(size_and_flags);
+    const Bytes info_of_lun1 = Writer().u16(0).u64(2 * disk_bytes).u16(261);
+    const Bytes malformed = refusal(7, 0x80000003, "malformed option");
+    const auto go = [](const Bytes& data) { return after_flags(option(7, data)); };
+    const auto chose = [](std::uint32_t number, const Bytes& about) {
+        return joined(
+            {option_reply(number, 3, about), option_reply(number, 3, block_sizes), option_reply(number, 1)});
+    };
     return {
-        {"EXPORT_NAME", Writer().add(fixed_no_zeroes).add(option(1, Writer().text("lun0"))), size_and_flags,
-         State::transmission, "lun0"},
-        {"EXPORT_NAME with zeroes", Writer().u32(1).add(option(1, Writer().text("lun0"))),
-         Writer().add(size_and_flags).zeroes(124), State::transmission, "lun0"},
-        {"EXPORT_NAME of a client of the old newstyle, default export", Writer().u32(0).add(option(1)),
-         Writer().add(size_and_flags).zeroes(124), State::transmission, "lun0"},
-        {"EXPORT_NAME of nothing there",
-         Writer().add(fixed_no_zeroes).add(option(1, Writer().text("lun7"))),
-         {},
-         State::closed},
-        {"EXPORT_NAME of a disk without medium",
-         Writer().add(fixed_no_zeroes).add(option(1, Writer().text("lun2"))),
-         {},
-         State::closed},
-        {"requests right behind the handshake stay untouched",
-         Writer().add(fixed_no_zeroes).add(option(1, Writer().text("lun0"))).add(request(0, 1, 0, 512)),
-         size_and_flags, State::transmission, "lun0", 28},
-        {"GO", Writer().add(fixed_no_zeroes).add(option(7, choice("lun0"))),
-         Writer().add(option_reply(7, 3, info)).add(option_reply(7, 3, block_sizes)).add(option_reply(7, 1)),
-         State::transmission, "lun0"},
-        {"GO of the default export with all wishes, one unknown",
-         Writer().add(fixed_no_zeroes).add(option(7, choice("", {1, 2, 3, 99}))),
-         Writer()
-             .add(option_reply(7, 3, info))
-             .add(option_reply(7, 3, Writer().u16(1).text("lun0")))
-             .add(option_reply(7, 3, Writer().u16(2).text("QRN.Disk one")))
-             .add(option_reply(7, 3, block_sizes))
-             .add(option_reply(7, 1)),
+        {"EXPORT_NAME", after_flags(by_name("lun0")), size_and_flags, State::transmission, "lun0"},
+        {"with zeroes", after_flags(by_name("lun0"), 1), with_zeroes, State::transmission, "lun0"},
+        {"old newstyle, default export", after_flags(option(1), 0), with_zeroes, State::transmission, "lun0"},
+        {"EXPORT_NAME of nothing there", after_flags(by_name("lun7")), {}, State::closed},
+        {"EXPORT_NAME without medium", after_flags(by_name("lun2")), {}, State::closed},
+        {"requests right behind stay untouched",
+         after_flags(joined({by_name("lun0"), request(0, 1, 0, 512)})), size_and_flags, State::transmission,
+         "lun0", 28},
+        {"GO of the default export with all wishes, one unknown", go(choice("", {1, 2, 3, 99})),
+         joined({option_reply(7, 3, info), option_reply(7, 3, Writer().u16(1).text("lun0")),
+                 option_reply(7, 3, Writer().u16(2).text("QRN.Disk one")), option_reply(7, 3, block_sizes),
+                 option_reply(7, 1)}),
          State::transmission, "lun0"},
         {"INFO, then GO of another",
-         Writer().add(fixed_no_zeroes).add(option(6, choice("lun0"))).add(option(7, choice("lun1"))),
-         Writer()
-             .add(option_reply(6, 3, info))
-             .add(option_reply(6, 3, block_sizes))
-             .add(option_reply(6, 1))
-             .add(option_reply(7, 3, Writer().u16(0).u64(2 * disk_bytes).u16(261)))
-             .add(option_reply(7, 3, block_sizes))
-             .add(option_reply(7, 1)),
-         State::transmission, "lun1"},
-        {"GO of nothing there leaves the dialogue open",
-         Writer().add(fixed_no_zeroes).add(option(7, choice("disk"))),
-         text_reply(7, 0x80000006, "no such export"), State::negotiating},
-        {"GO of a disk without medium", Writer().add(fixed_no_zeroes).add(option(7, choice("lun2"))),
-         text_reply(7, 0x80000006, "no medium in lun2"), State::negotiating},
-        {"GO whose name is longer than its data",
-         Writer().add(fixed_no_zeroes).add(option(7, Writer().u32(5).text("lun0"))),
-         text_reply(7, 0x80000003, "malformed option"), State::negotiating},
-        {"GO with fewer wishes than announced",
-         Writer().add(fixed_no_zeroes).add(option(7, Writer().u32(4).text("lun0").u16(2).u16(3))),
-         text_reply(7, 0x80000003, "malformed option"), State::negotiating},
-        {"GO with bytes behind",
-         Writer().add(fixed_no_zeroes).add(option(7, Writer().add(choice("lun0")).u16(0))),
-         text_reply(7, 0x80000003, "malformed option"), State::negotiating},
-        {"GO without data", Writer().add(fixed_no_zeroes).add(option(7)),
-         text_reply(7, 0x80000003, "malformed option"), State::negotiating},
-        {"GO with a name beyond the protocol's limit",
-         Writer().add(fixed_no_zeroes).add(option(7, choice(std::string(4097, 'x')))),
-         text_reply(7, 0x80000009, "export name too long"), State::negotiating},
-        {"LIST, then ABORT", Writer().add(fixed_no_zeroes).add(option(3)).add(option(2)),
-         Writer()
-             .add(option_reply(3, 2, Writer().u32(4).text("lun0")))
-             .add(option_reply(3, 2, Writer().u32(4).text("lun1")))
-             .add(option_reply(3, 2, Writer().u32(4).text("lun2")))
-             .add(option_reply(3, 1))
-             .add(option_reply(2, 1)),
+         after_flags(joined({option(6, choice("lun0")), option(7, choice("lun1"))})),
+         joined({chose(6, info), chose(7, info_of_lun1)}), State::transmission, "lun1"},
+        {"GO of nothing there", go(choice("disk")), refusal(7, 0x80000006, "no such export"),
+         State::negotiating},
+        {"GO without medium", go(choice("lun2")), refusal(7, 0x80000006, "no medium in lun2"),
+         State::negotiating},
+        {"name longer than data", go(Writer().u32(5).text("lun0")), malformed, State::negotiating},
+        {"fewer wishes than announced", go(Writer().u32(4).text("lun0").u16(2).u16(3)), malformed,
+         State::negotiating},
+        {"GO with bytes behind", go(Writer().add(choice("lun0")).u16(0)), malformed, State::negotiating},
+        {"GO without data", go({}), malformed, State::negotiating},
+        {"name beyond the limit", go(choice(std::string(4097, 'x'))),
+         refusal(7, 0x80000009, "export name too long"), State::negotiating},
+        {"LIST, then ABORT", after_flags(joined({option(3), option(2)})),
+         joined({option_reply(3, 2, Writer().u32(4).text("lun0")),
+                 option_reply(3, 2, Writer().u32(4).text("lun1")),
+                 option_reply(3, 2, Writer().u32(4).text("lun2")), option_reply(3, 1), option_reply(2, 1)}),
          State::closed},
-        {"LIST with data", Writer().add(fixed_no_zeroes).add(option(3, Writer().u32(0))),
-         text_reply(3, 0x80000003, "this option carries no data"), State::negotiating},
-        {"STARTTLS and an option nobody knows",
-         Writer().add(fixed_no_zeroes).add(option(5)).add(option(4711, Writer().text("data"))),
-         Writer().add(option_reply(5, 0x80000001)).add(option_reply(4711, 0x80000001)), State::negotiating},
-        {"the largest option that is read", Writer().add(fixed_no_zeroes).add(option(99, Bytes(64 << 10))),
+        {"the largest option that is read", after_flags(option(99, Bytes(64 << 10))),
          option_reply(99, 0x80000001), State::negotiating},
         {"an option beyond the limit",
-         Writer().add(fixed_no_zeroes).text("IHAVEOPT").u32(99).u32((64 << 10) + 1).zeroes(10),
+         after_flags(Writer().text("IHAVEOPT").u32(99).u32((64 << 10) + 1).zeroes(10)),
          {},
          State::closed,
          "",
          10},
-        {"wrong option magic",
-         Writer().add(fixed_no_zeroes).text("IHAVEOPS").u32(7).u32(0),
-         {},
-         State::closed},
-        {"unknown client flags", Writer().u32(4).add(option(3)), {}, State::closed, "", 16},
-        {"a client of the old newstyle that sends other options",
-         Writer().u32(0).add(option(3)),
-         {},
-         State::closed},
+        {"wrong magic", after_flags(Writer().text("IHAVEOPS").u32(7).u32(0)), {}, State::closed},
+        {"unknown client flags", after_flags(option(3), 4), {}, State::closed, "", 16},
+        {"old newstyle with other options", after_flags(option(3), 0), {}, State::closed},
     };
 }
 
 }  // namespace
 
-TEST(NbdHandshake, Dialogues_byte_by_byte)
+TEST(NbdHandshake, Dialogues_are_the_same_in_whatever_pieces_bytes_arrive)
 {
     for (const Dialogue& each : dialogues()) {
         SCOPED_TRACE(each.name);
         const Answer answer = dialogue(each.input, SIZE_MAX);
-        EXPECT_EQ(answer.output, Bytes(Writer().add(greeting).add(each.output)));
+        const Bytes expected = Writer().add(greeting).add(each.output);
+        EXPECT_EQ(answer.output, expected);
         EXPECT_EQ(answer.state, each.state);
         EXPECT_EQ(answer.chosen, each.chosen);
         EXPECT_EQ(answer.taken, each.input.size() - each.left_over);
-    }
-}
-
-TEST(NbdHandshake, Pieces_in_which_bytes_arrive_make_no_difference)
-{
-    for (const Dialogue& each : dialogues()) {
-        SCOPED_TRACE(each.name);
-        const Bytes expected = Writer().add(greeting).add(each.output);
         EXPECT_EQ(dialogue(each.input, 1, 1).output, expected);
         for (std::size_t split = 1; split < std::min<std::size_t>(each.input.size(), 200); ++split)
             ASSERT_EQ(dialogue(each.input, split).output, expected) << "split after byte " << split;

@@ -147,18 +147,6 @@ TEST(NbdReceiver, Stream_reads_the_same_however_it_is_cut)
     }
 }
 
-TEST(NbdReceiver, Payload_beyond_every_limit_is_skipped_and_the_stream_goes_on)
-{
-    constexpr std::uint32_t bytes = 40 << 20;
-    Client client;
-    client.arrive(request(1, 7, 0, bytes), SIZE_MAX);
-    const Bytes piece(1 << 20, 0x25);
-    for (int i = 0; i < 40; ++i)
-        client.arrive(piece, SIZE_MAX);
-    client.arrive(request(3, 8, 0, 0), SIZE_MAX);
-    EXPECT_EQ(client.events, (std::vector<std::string>{"request 7", "payload ", "request 8"}));
-}
-
 TEST(NbdReceiver, Wrong_magic_breaks_the_stream_for_good)
 {
     Client client;

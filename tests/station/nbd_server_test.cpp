@@ -60,15 +60,6 @@ protected:
 
 }  // namespace
 
-TEST_F(Server, Client_before_the_start_waits_and_is_served_then)
-{
-    const UniqueFd early = connected();
-    ask(early);
-    server->start();
-    EXPECT_EQ(received(early, greeting_bytes + export_bytes + reply_bytes),
-              greeting_bytes + export_bytes + reply_bytes);
-}
-
 TEST_F(Server, Client_beyond_the_limit_is_refused_and_place_comes_free_again)
 {
     server->start();

@@ -1,4 +1,3 @@
-#include <array>
 #include <vector>
 
 #include "machine/transport/simulated_network.h"
@@ -7,124 +6,103 @@
 
 namespace {
 
-using machine::simulated_address;
-
-class EntryPoints : public testing::Test {
-protected:
+TEST(ControlRequest, Lengths_and_codes_are_checked)
+{
     machine::Machine machine;
     machine::SimulatedNetwork network{machine.scheduler(), 1};
     machine::Transport& transport = machine.add_transport(network);
-    formats::ServerRecord server = simulated_address(1);
-};
-
-TEST_F(EntryPoints, Packets_go_out_as_header_then_data_and_come_in_whole)
-{
-    std::vector<std::uint8_t> at_server;
-    network.attach(server, [&](const formats::ServerRecord& from, std::span<const std::uint8_t> packet) {
-        EXPECT_EQ(from.Port.get(), network.workstation().Port.get());
-        at_server.assign(packet.begin(), packet.end());
-        const std::uint8_t answer[] = {9, 8, 7};
-        network.send_from(server, answer);
-    });
+    const struct {
+        ULONG code, input_bytes, output_bytes;
+        NTSTATUS status;
+        ULONG_PTR information;
+    } cases[] = {
+        {handshake_code, 360, 20, STATUS_SUCCESS, 20},
+        {handshake_code, 400, 64, STATUS_SUCCESS, 20},
+        {handshake_code, 359, 20, STATUS_INVALID_PARAMETER, 0},
+        {handshake_code, 0, 20, STATUS_INVALID_PARAMETER, 0},
+        {handshake_code, 360, 19, STATUS_BUFFER_TOO_SMALL, 0},
+        {handshake_code, 360, 0, STATUS_BUFFER_TOO_SMALL, 0},
+        {no_server_code, 360, 0, STATUS_SUCCESS, 0},
+        {no_server_code, 359, 0, STATUS_INVALID_PARAMETER, 0},
+        {0x8000108, 360, 20, STATUS_INVALID_DEVICE_REQUEST, 0},
+    };
     machine.run([&] {
-        const Handover entry = shake_hands();
-        std::uint8_t header[] = {1, 2, 3};
-        std::uint8_t data[] = {4, 5};
-        entry.send(&server, header, sizeof header, data, sizeof data);
-        void* packet = nullptr;
-        EXPECT_EQ(entry.receive(&packet), 3u);
-        EXPECT_EQ(static_cast<std::uint8_t*>(packet)[2], 7);
-        EXPECT_EQ(transport.unreleased(), 1u);
-        std::fill_n(static_cast<std::uint8_t*>(packet), 240, std::uint8_t{0x11});
-        entry.release(packet);
-        EXPECT_EQ(transport.unreleased(), 0u);
+        for (const auto& wanted : cases) {
+            std::vector<std::uint8_t> input(wanted.input_bytes), output(wanted.output_bytes, 0xEE);
+            const ControlResult result =
+                control(wanted.code, input.data(), wanted.input_bytes, output.data(), wanted.output_bytes);
+            SCOPED_TRACE(testing::Message() << std::hex << wanted.code << std::dec << ", "
+                                            << wanted.input_bytes << ", " << wanted.output_bytes);
+            EXPECT_EQ(result.final, wanted.status);
+            EXPECT_EQ(result.information, wanted.information);
+            for (std::size_t i = wanted.information; i < output.size(); ++i)
+                EXPECT_EQ(output[i], 0xEE) << "output written beyond the answer, at " << i;
+        }
     });
-    EXPECT_EQ(at_server, (std::vector<std::uint8_t>{1, 2, 3, 4, 5}));
-}
-
-TEST_F(EntryPoints, A_request_without_data_may_carry_any_data_pointer)
-{
-    std::size_t bytes_at_server = 0;
-    network.attach(server, [&](const auto&, auto packet) { bytes_at_server = packet.size(); });
-    machine.run([&] {
-        const Handover entry = shake_hands();
-        std::array<std::uint8_t, 26> header{};
-        entry.send(&server, header.data(), header.size(), &machine, 0);
-        entry.send(&server, header.data(), header.size(), nullptr, 0);
-        machine.sleep_ms(1);
-    });
-    EXPECT_EQ(bytes_at_server, 26u);
-    EXPECT_EQ(network.counters(machine::Direction::to_server).delivered, 2u);
-}
-
-// One broken rule each; the text that its violation must contain.
-struct Misuse {
-    const char* message;
-    void (*commit)(const Handover&, formats::ServerRecord&, machine::SimulatedNetwork&);
-};
-
-class MisusedEntryPoints : public testing::TestWithParam<Misuse> {};
-
-TEST_P(MisusedEntryPoints, Is_a_violation)
-{
-    machine::Machine machine;
-    machine::SimulatedNetwork network{machine.scheduler(), 1};
-    machine.add_transport(network);
-    formats::ServerRecord server = simulated_address(1);
-    const std::string message =
-        violation_in(machine, [&] { GetParam().commit(shake_hands(), server, network); });
-    EXPECT_NE(message.find(GetParam().message), std::string::npos) << "got: " << message;
+    EXPECT_EQ(transport.handshakes(), 2u);
+    EXPECT_EQ(transport.no_server_notices(), 1u);
 }
 
 std::uint8_t big_buffer[70000];
 
-INSTANTIATE_TEST_SUITE_P(
-    All, MisusedEntryPoints,
-    testing::Values(
-        Misuse{"do not fit a datagram",
-               [](const Handover& entry, formats::ServerRecord& server, machine::SimulatedNetwork&) {
-                   entry.send(&server, big_buffer, 34, big_buffer, 65507 - 33);
-               }},
-        Misuse{"do not fit a datagram",
-               [](const Handover& entry, formats::ServerRecord& server, machine::SimulatedNetwork&) {
-                   entry.send(&server, big_buffer, 34, big_buffer, 0xFFFFFFFF);
-               }},
-        Misuse{"a pointer is null",
-               [](const Handover& entry, formats::ServerRecord& server, machine::SimulatedNetwork&) {
-                   entry.send(&server, nullptr, 26, nullptr, 0);
-               }},
-        Misuse{"a pointer is null",
-               [](const Handover& entry, formats::ServerRecord& server, machine::SimulatedNetwork&) {
-                   entry.send(&server, big_buffer, 34, nullptr, 1);
-               }},
-        Misuse{"IRQL too high",
-               [](const Handover& entry, formats::ServerRecord&, machine::SimulatedNetwork& network) {
-                   network.inject({big_buffer, 26});
-                   KSPIN_LOCK lock;
-                   KeInitializeSpinLock(&lock);
-                   KIRQL old_irql;
-                   KeAcquireSpinLock(&lock, &old_irql);
-                   void* packet;
-                   entry.receive(&packet);
-               }},
-        Misuse{"no packet is out", [](const Handover& entry, formats::ServerRecord&,
-                                      machine::SimulatedNetwork&) { entry.release(big_buffer); }},
-        Misuse{"released twice",
-               [](const Handover& entry, formats::ServerRecord&, machine::SimulatedNetwork& network) {
-                   network.inject({big_buffer, 26});
-                   network.inject({big_buffer, 26});
-                   void *first, *second;
-                   entry.receive(&first);
-                   entry.receive(&second);
-                   entry.release(first);
-                   entry.release(first);
-               }},
-        Misuse{"not handed out",
-               [](const Handover& entry, formats::ServerRecord&, machine::SimulatedNetwork& network) {
-                   network.inject({big_buffer, 26});
-                   void* packet;
-                   entry.receive(&packet);
-                   entry.release(static_cast<std::uint8_t*>(packet) + 1);
-               }}));
+// What a driver that breaks a rule works with.
+struct Misuser {
+    Handover entry;
+    formats::ServerRecord server;
+    machine::SimulatedNetwork& network;
+
+    void send(void* header, ULONG header_bytes, void* data, ULONG data_bytes)
+    {
+        entry.send(&server, header, header_bytes, data, data_bytes);
+    }
+    std::uint8_t* receive()
+    {
+        network.inject({big_buffer, 26});
+        void* packet = nullptr;
+        entry.receive(&packet);
+        return static_cast<std::uint8_t*>(packet);
+    }
+};
+
+TEST(EntryPoints, Misuse_is_a_violation)
+{
+    const struct {
+        const char* message;
+        void (*commit)(Misuser&);
+    } cases[] = {
+        {"do not fit a datagram", [](Misuser& m) { m.send(big_buffer, 34, big_buffer, 65507 - 33); }},
+        {"do not fit a datagram", [](Misuser& m) { m.send(big_buffer, 34, big_buffer, 0xFFFFFFFF); }},
+        {"a pointer is null", [](Misuser& m) { m.send(nullptr, 26, nullptr, 0); }},
+        {"a pointer is null", [](Misuser& m) { m.send(big_buffer, 34, nullptr, 1); }},
+        {"IRQL too high",
+         [](Misuser& m) {
+             KSPIN_LOCK lock;
+             KeInitializeSpinLock(&lock);
+             KIRQL old_irql;
+             KeAcquireSpinLock(&lock, &old_irql);
+             m.receive();
+         }},
+        {"no packet is out", [](Misuser& m) { m.entry.release(big_buffer); }},
+        {"released twice",
+         [](Misuser& m) {
+             std::uint8_t* const first = m.receive();
+             m.receive();
+             m.entry.release(first);
+             m.entry.release(first);
+         }},
+        {"not handed out", [](Misuser& m) { m.entry.release(m.receive() + 1); }},
+    };
+    for (const auto& wrong : cases) {
+        machine::Machine machine;
+        machine::SimulatedNetwork network{machine.scheduler(), 1};
+        machine.add_transport(network);
+        const std::string message = violation_in(machine, [&] {
+            Misuser misuser{shake_hands(), machine::simulated_address(1), network};
+            wrong.commit(misuser);
+        });
+        EXPECT_NE(message.find(wrong.message), std::string::npos)
+            << "wanted: " << wrong.message << "; got: " << message;
+    }
+}
 
 }  // namespace

@@ -113,44 +113,6 @@ TEST_F(UdpLinkTest, Every_packet_has_room_for_a_polls_reply_of_its_own)
     });
 }
 
-TEST_F(UdpLinkTest, Separate_and_empty_datagrams_and_the_largest_one)
-{
-    run([&] {
-        peer.answer({});
-        peer.answer(numbered_packet(1, 1));
-        peer.answer(numbered_packet(2, 65507));
-        for (const std::size_t bytes : {1, 65507}) {
-            const Held packet = receive();
-            EXPECT_EQ(packet.content(), numbered_packet(bytes == 1 ? 1 : 2, bytes));
-            link->release(packet.place);
-        }
-    });
-}
-
-TEST_F(UdpLinkTest, A_poll_is_answered_in_its_own_buffer_to_the_record_behind_the_reply)
-{
-    machine->add_transport(*link);
-    run([&] {
-        const Handover entry = shake_hands();
-        Packet poll(sizeof(formats::PollRequest));
-        poll[0] = formats::poll_mark[0];
-        poll[1] = formats::poll_mark[1];
-        std::memcpy(poll.data() + offsetof(formats::PollRequest, Poller), &peer.record, sizeof peer.record);
-        peer.answer(poll);
-        void* packet = nullptr;
-        ASSERT_EQ(entry.receive(&packet), poll.size());
-        auto* const reply = static_cast<std::uint8_t*>(packet);
-        std::memcpy(reply + sizeof(formats::PollReply), reply + offsetof(formats::PollRequest, Poller),
-                    sizeof(formats::ServerRecord));
-        reply[0] = formats::poll_reply_mark[0];
-        std::iota(reply + 8, reply + sizeof(formats::PollReply), std::uint8_t{0});
-        entry.send(reply + sizeof(formats::PollReply), reply, sizeof(formats::PollReply), nullptr, 0);
-        const Packet sent(reply, reply + sizeof(formats::PollReply));
-        entry.release(packet);
-        EXPECT_EQ(peer.receive(), sent);
-    });
-}
-
 TEST_F(UdpLinkTest, Gathered_fragments_leave_when_their_thread_blocks)
 {
     run([&] {
@@ -188,31 +150,6 @@ TEST_F(UdpLinkTest, A_packet_released_twice_or_at_a_wrong_place_is_a_violation)
         });
         EXPECT_NE(message.find("not handed out"), std::string::npos) << wrong.what << ": " << message;
     }
-}
-
-TEST_F(UdpLinkTest, A_receiver_ends_without_a_packet_when_the_link_goes)
-{
-    std::uint32_t bytes = 1;
-    void* packet = &bytes;
-    std::atomic<bool> about_to_wait = false;
-    std::thread receiver([&] {
-        about_to_wait = true;
-        bytes = link->receive(&packet);
-    });
-    while (!about_to_wait)
-        std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    link.reset();
-    receiver.join();
-    EXPECT_EQ(bytes, 0u);
-    EXPECT_EQ(packet, nullptr);
-}
-
-TEST(UdpLinkAddress, A_local_address_that_is_none_or_foreign_is_refused)
-{
-    machine::Machine machine(real_machine());
-    for (const char* address : {"", "localhost", "1.2.3", "192.0.2.1"})
-        EXPECT_THROW(machine::UdpLink(machine.scheduler(), address), std::system_error) << address;
 }
 
 TEST(UdpLinkPower, A_machine_is_switched_off_while_its_receiver_waits)

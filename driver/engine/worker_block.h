@@ -1,0 +1,51 @@
+// A worker's block: its packet in flight and its bounce area.
+#pragma once
+
+#include <nt.h>
+
+#include "driver/engine/block_object.h"
+#include "driver/startup/disk_table.h"
+#include "formats/wire.h"
+
+constexpr ULONG Bounce_Bytes = 65536;  // the largest chunk
+
+// Copy of a disk's four tuning bytes.
+struct Disk_Parms_Bytes {
+    UCHAR Read_KB;
+    UCHAR Write_KB;
+    UCHAR Disk_Flags;
+    UCHAR Retry_Mins;
+};
+static_assert(sizeof(Disk_Parms_Bytes) == 4);
+
+// How the packets of one disk and direction are made and where they go.
+struct Pkt_Setup {
+    formats::ServerRecord* pServer;  // a record of Boot_Param; sends use a copy (net/servers.h)
+    Seq_Counters* pCounters;
+    Disk_Parms_Bytes Disk_Parms;
+    ULONG Pkt_Size;    // bytes per network packet
+    ULONG Split_Size;  // bytes per chunk
+    QRNH_OBJ_RW* pMC_Write;
+};
+static_assert(sizeof(Pkt_Setup) == 24);
+
+// A worker and its packet in flight. Only its own thread touches a block, but for the fields that
+// Ack_Lock guards and those that match answers: the receive thread reads Hdr, pData and Length under
+// Ack_Lock while Frag_Mask is not 0, and the worker changes them only while it is 0.
+struct RW_Entry {
+    LIST_ENTRY Link;  // in pRW_List
+    KSPIN_LOCK Ack_Lock;
+    KEVENT Ack_Event;          // synchronization: the packet is complete or needs attention
+    volatile LONG Retry_Left;  // Ack_Lock: time-outs that the packet in flight may still have
+    volatile ULONG Frag_Mask;  // Ack_Lock: bit k-1 set while fragment k is unanswered; 0: complete
+    volatile ULONG Ack_State;  // Ack_Lock: kind of the last answer, and a count of answers above
+    ULONG Lun;
+    UCHAR* pData;        // next byte of the current piece
+    ULONG Sector;        // engine sector at pData
+    RW_Entry* pWr_Slot;  // slot block of the write chunk in progress, or null
+    Pkt_Setup Setup;
+    formats::WireHeader Hdr;  // Worker_Byte's low 3 bits are this worker's index, for ever
+    alignas(8) UCHAR Bounce[Bounce_Bytes];
+
+    ULONG Index() const { return Hdr.Worker_Byte & formats::worker_index_mask; }
+};
