@@ -12,6 +12,7 @@ import tempfile
 import time
 
 IMAGE_MB = 256
+SPARSE_GB = 32  # of a disk for caches
 # name, fio's and iscsi-perf's way to say it, as in workload.h
 WORKLOADS = [
     ("read 64K seq depth 8", "read", "64k", 8),
@@ -78,10 +79,10 @@ class Driver:
         self.programs, self.directory, self.bench = programs, directory, bench
 
     @contextlib.contextmanager
-    def server(self):
+    def server(self, disk="disk.img,slots=8"):
         block = f"{self.directory}/boot.block"
         command = [f"{self.programs}/qrn-server", "--listen", "127.0.0.1:0", "--boot-block", block,
-                   "--disk", f"{self.directory}/disk.img,slots=8"]
+                   "--disk", f"{self.directory}/{disk}"]
         with running(command, "ready", f"{self.directory}/server.out"):
             yield block
 
@@ -93,6 +94,19 @@ class Driver:
         """The reference: the same packets to the same server, with no driver in between."""
         with self.server() as block:
             return json_lines([f"{self.bench}/qrn-bench-exchange", block, str(seconds)])
+
+    def cached(self, seconds, cache_mb):
+        """Figures of a disk that is cached, by name; those that are no rate in their own unit."""
+        with self.server(f"sparse.img,slots=8,cache_mb={cache_mb}") as block:
+            command = [f"{self.bench}/qrn-bench-cache", block, str(seconds), str(cache_mb)]
+            output = subprocess.run(command, check=True, capture_output=True, text=True).stdout
+        figures = {}
+        for row in map(json.loads, output.splitlines()):
+            if "workload" in row:
+                figures[row["workload"]] = row["us_per_request"]
+            else:
+                figures[row["measure"]] = next(value for key, value in row.items() if key != "measure")
+        return figures
 
     def through_nbd(self, seconds):
         socket = f"{self.directory}/station.sock"
@@ -165,6 +179,31 @@ def print_table(rounds):
                       f"{describe(workload, theirs):>23}  {mine / theirs:6.2f}")
 
 
+SMALL_CACHE_MB, LARGE_CACHE_MB = 16, 16384
+CACHE_HITS = [("hit read 64K depth 1", 1), ("hit read 64K depth 8", 8), ("hit write 64K depth 8", 8)]
+
+
+def print_cache_table(rounds):
+    """What a RAM cache costs and gives; times are of one request, at depth 8 of an eighth of eight."""
+    sizes = {"small": SMALL_CACHE_MB, "large": LARGE_CACHE_MB}
+
+    def figure(size, name):
+        return median_of(rounds[f"{size} cache"], name)
+
+    print(f"\n{'RAM cache of':<42}" + "".join(f"{f'{mb} MB':>14}" for mb in sizes.values()) + f"{'ratio':>8}")
+    for name, depth in CACHE_HITS:
+        each = {size: figure(size, name) / depth for size in sizes}
+        print(f"{name:<42}" + "".join(f"{us:>11.1f} us" for us in each.values())
+              + f"{each['large'] / each['small']:8.2f}")
+        copies = {size: figure(size, "two copies of 64K") / each[size] for size in sizes}
+        print(f"{'  against two copies of 64K':<42}" + "".join(f"{ratio:>14.2f}" for ratio in copies.values()))
+    for name in ("hit read 4K depth 1", "4K: a command alone", "4K: the cache layer alone"):
+        us = [figure(size, name) for size in sizes]
+        print(f"{name:<42}" + "".join(f"{value:>11.2f} us" for value in us) + f"{us[1] / us[0]:8.2f}")
+    for name, unit in (("set-up", "ms"), ("bookkeeping", "KB/GB"), ("bookkeeping in non-paged pool", "KB/GB")):
+        print(f"{name:<42}" + "".join(f"{figure(size, name):>{13 - len(unit)}.1f} {unit}" for size in sizes))
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("bench")
@@ -180,6 +219,8 @@ def main():
             with open(f"{directory}/{image}", "wb") as file:
                 for _ in range(IMAGE_MB):
                     file.write(os.urandom(1 << 20))
+        with open(f"{directory}/sparse.img", "wb") as file:
+            file.truncate(SPARSE_GB << 30)
         driver = Driver(options.programs, directory, options.bench)
         measurements = {
             "bare UDP": lambda: driver.bare(seconds),
@@ -187,6 +228,8 @@ def main():
             "NBD": lambda: driver.through_nbd(seconds),
             "nbdkit file": lambda: plain_nbd(directory, seconds),
             "iSCSI target": lambda: iscsi(directory, seconds),
+            "small cache": lambda: driver.cached(seconds, SMALL_CACHE_MB),
+            "large cache": lambda: driver.cached(seconds, LARGE_CACHE_MB),
         }
         rounds = {name: [] for name in measurements}
         for number in range(options.rounds):
@@ -194,6 +237,7 @@ def main():
                 progress(f"round {number + 1} of {options.rounds}: {name}")
                 rounds[name].append(measure())
         print_table(rounds)
+        print_cache_table(rounds)
     finally:
         shutil.rmtree(directory, ignore_errors=True)
 

@@ -1,5 +1,6 @@
 # The driver's sources, for the host build and for qrndisk.sys alike.
 set(QRN_DRIVER_SOURCES
+    common/sector_flags.cpp
     startup/driver_entry.cpp
     startup/low_memory.cpp
     startup/boot_record.cpp
@@ -19,6 +20,21 @@ set(QRN_DRIVER_SOURCES
     engine/route.cpp
     engine/local_cache.cpp
     engine/image_route.cpp
+    cache/lru_ring.cpp
+    cache/page_pool.cpp
+    cache/memory_object.cpp
+    cache/cache_layer.cpp
+    cache/cache_index.cpp
+    cache/server_object.cpp
+    cache/cache_setup.cpp
+    cache/cache_stats.cpp
+    image/file_io.cpp
+    image/image_header.cpp
+    image/image_map.cpp
+    image/image_block.cpp
+    image/image_setup.cpp
+    image/image_sync.cpp
+    image/net_image.cpp
     net/servers.cpp
     net/packet.cpp
     net/exchange.cpp

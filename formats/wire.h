@@ -33,6 +33,7 @@ constexpr unsigned fragment_bytes_max = 1386;
 constexpr unsigned packet_bytes_max = 16384;
 constexpr unsigned worker_index_mask = 7;
 constexpr unsigned worker_sector_unit = 8;  // one sector in the high 5 bits of Worker_Byte
+constexpr unsigned worker_sector_mask = 31;
 
 // Answers match a packet in flight by Disk_Id (bytes 0 to 3) and by bytes 6 to 15.
 constexpr unsigned match_offset = 6;

@@ -1,5 +1,6 @@
 #include "machine/machine.h"
 
+#include "machine/disk/disk_device.h"
 #include "machine/executive/driver_object.h"
 #include "machine/executive/executive.h"
 #include "machine/loader/driver_image.h"
@@ -21,6 +22,7 @@ struct Machine::Parts {
     std::unique_ptr<DriverObject> driver;
     std::unique_ptr<ScsiPort> scsi;
     std::unique_ptr<Transport> transport;
+    std::vector<std::unique_ptr<DiskDevice>> local_disks;
 };
 
 Machine::Machine(MachineConfig config) : parts_(std::make_unique<Parts>(config))
@@ -83,6 +85,11 @@ Transport& Machine::add_transport(Link& link)
 {
     parts_->transport = std::make_unique<Transport>(link);
     return *parts_->transport;
+}
+
+void Machine::add_local_disk(LocalDisk& disk, unsigned number)
+{
+    parts_->local_disks.push_back(std::make_unique<DiskDevice>(disk, number));
 }
 
 std::int32_t Machine::boot(DriverImage& image)

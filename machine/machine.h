@@ -26,6 +26,7 @@ class DriverImage;  // machine/loader/driver_image.h
 class ScsiPort;     // machine/scsiport/scsi_port.h
 class Transport;    // machine/transport/transport.h
 class Link;         // machine/transport/link.h
+class LocalDisk;    // machine/disk/local_disk.h
 
 enum class SchedulerKind { simulated, real };
 
@@ -37,10 +38,16 @@ struct MachineConfig {
     std::vector<MemoryRange> memory_ranges = {};
     // Memory that stands above 4 GB without being managed; 0: none.
     std::uint64_t unmanaged_above_4g_bytes = 0;
+    // Whole pages that can be mapped though nothing answers there: reads give ones, writes are lost.
+    std::vector<MemoryRange> unanswered_ranges = {};
+    // How many bytes of memory windows can be open at once; a mapping beyond fails. 0: what the process can.
+    std::uint64_t window_bytes_max = 0;
     // The system itself addresses memory above 4 GB (Mm64BitPhysicalAddress).
     bool mm64bit = false;
     // The BIOS data area's count of base memory, in KB.
     std::uint16_t base_memory_kb = 600;
+    // What local time is behind universal time, in minutes; east of Greenwich it is negative.
+    std::int32_t time_zone_bias_minutes = 0;
 
     // A machine whose forced reset through the ports works ends with Outcome::reset; on one where it
     // does not, the driver goes on to its bug check.
@@ -79,6 +86,10 @@ public:
     // no transport. The link carries its packets and must live as long as the machine.
     Transport& add_transport(Link& link);
     Transport* transport();
+
+    // The disk appears under the name PhysicalDrive<number>, with a filter above it. It must live as long
+    // as the machine, and can be given to the next one after.
+    void add_local_disk(LocalDisk& disk, unsigned number);
 
     // Loads the driver: DriverEntry in a system thread, then the bus scan, then the boot-driver
     // reinitialisation callbacks. Call from inside run(). Returns DriverEntry's status.

@@ -21,7 +21,8 @@ formats::Disk_Info make_disk(const ServedDisk& served, unsigned lun, std::uint32
     disk.Read_KB = packet_kb(served.read_kb);
     disk.Write_KB = packet_kb(served.write_kb);
     disk.Disk_Flags =
-        static_cast<std::uint8_t>(served.slots | (served.delay_load ? formats::disk_flag_delay_load : 0));
+        static_cast<std::uint8_t>(served.slots | (served.delay_load ? formats::disk_flag_delay_load : 0) |
+                                  (served.cache_mb ? formats::disk_flag_ram_cache : 0));
     disk.Retry_Mins = static_cast<std::uint8_t>(served.retry_mins);
     return disk;
 }

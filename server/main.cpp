@@ -15,6 +15,7 @@
 
 #include "server/block_store.h"
 #include "server/boot_parameters.h"
+#include "server/image_check.h"
 #include "server/options.h"
 #include "server/protocol.h"
 #include "server/statistics.h"
@@ -63,6 +64,7 @@ public:
 
 private:
     void open_disks();
+    BlockStore* open_image(const ServedDisk& served);
     void receive(const Peer& from, std::span<const std::uint8_t> packet);
     void note_workstation(const Peer& address);
     void take_poll_reply(const Peer& from, std::span<const std::uint8_t> packet);
@@ -78,7 +80,7 @@ private:
     UdpSocket socket_;
     Protocol protocol_;
     Peer self_;
-    std::vector<std::unique_ptr<BlockStore>> stores_;
+    std::vector<std::unique_ptr<BlockStore>> stores_, images_;
     std::vector<std::uint64_t> disk_bytes_;
     std::vector<Peer> workstations_;  // heard of lately; only kept for polls
     std::vector<PolledWorkstation> polled_;
@@ -116,8 +118,19 @@ void Server::open_disks()
         std::memcpy(disk.disk_id, served.id, sizeof disk.disk_id);
         set_disk_parm(disk.disk_parm, lun);
         disk.readonly = served.readonly;
-        protocol_.add_disk(disk, *stores_.back());
+        disk.cache_mb = served.cache_mb;
+        protocol_.add_disk(disk, *stores_.back(), open_image(served));
     }
+}
+
+// Of the disk that was opened last.
+BlockStore* Server::open_image(const ServedDisk& served)
+{
+    if (served.image_path.empty())
+        return nullptr;
+    images_.push_back(open_file_store(served.image_path, true));
+    check_image_area(*images_.back(), served.image_path, disk_bytes_.back() / formats::sector_bytes);
+    return images_.back().get();
 }
 
 void Server::run()

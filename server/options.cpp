@@ -30,6 +30,11 @@ A --disk is a raw image file or a block device, with options behind commas (so i
                    the same program on a copy of the disk, with the same id= and without mirror=
   delay_load       not ready until the first disk has been written to in earnest; not for the first
   readonly         writes are dropped
+  cache_mb=N       the workstation keeps a cache of N MB for the disk in its memory, 1 to 65535.
+                   Writes stay there until their room is needed, and are lost when the workstation
+                   stops: for disks whose writes need not outlive it
+  image=AREA       an image area of the same disk, as "qrn-image create" makes it: workstations that
+                   boot from a local disk copy it there
 
 Four disks at most, the first is LUN 0. A writable disk is locked against other servers.
 
@@ -98,6 +103,10 @@ bool apply(ServedDisk& disk, std::string_view subject, std::string_view name, st
         disk.slots = parse_number<unsigned>(where, value, 1, 8);
     else if (name == "retry_mins")
         disk.retry_mins = parse_number<unsigned>(where, value, 0, 255);
+    else if (name == "cache_mb")
+        disk.cache_mb = parse_number<unsigned>(where, value, 1, 65535);
+    else if (name == "image" && !value.empty())
+        disk.image_path = value;
     else if (name == "mirror")
         disk.mirror = parse_address(where, value, 1);
     else if (name == "delay_load" && value.empty())
@@ -193,6 +202,9 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
         std::cout << app.help() << '\n';
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
+        // What is unknown may well be what is missing, misspelt.
+        if (const auto unknown = app.remaining(); !unknown.empty())
+            throw UsageError("unknown argument " + unknown.front());
         throw UsageError(error.what());
     }
     options.listen = parse_address("--listen", listen, 0);

@@ -21,6 +21,8 @@ struct ServedDisk {
     std::optional<formats::ServerRecord> mirror;
     bool delay_load = false;
     bool readonly = false;
+    std::string image_path;  // area of which workstations make local copies; empty: none
+    unsigned cache_mb = 0;   // RAM cache at the workstation; 0: none
 };
 
 struct Options {

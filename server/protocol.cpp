@@ -19,15 +19,6 @@ bool length_valid(unsigned length)
     return length != 0 && length <= formats::packet_bytes_max && length % formats::sector_bytes == 0;
 }
 
-bool range_valid(const WireHeader& header, const Disk& disk)
-{
-    const std::uint64_t offset = header.Byte_Offset.get();
-    const std::uint64_t length = header.Length.get();
-    return offset >= formats::sector_bytes && offset % formats::sector_bytes == 0 &&
-           offset - formats::sector_bytes <= disk.size_bytes() &&
-           length <= disk.size_bytes() - (offset - formats::sector_bytes);
-}
-
 bool fragment_valid(const WireHeader& header, std::size_t data_bytes)
 {
     const unsigned length = header.Length.get();
@@ -46,6 +37,15 @@ bool begins_with(std::span<const std::uint8_t> packet, const std::uint8_t (&mark
 }
 
 }  // namespace
+
+bool range_valid(const WireHeader& header, const BlockStore& store)
+{
+    const std::uint64_t offset = header.Byte_Offset.get();
+    const std::uint64_t length = header.Length.get();
+    return offset >= formats::sector_bytes && offset % formats::sector_bytes == 0 &&
+           offset - formats::sector_bytes <= store.size_bytes() &&
+           length <= store.size_bytes() - (offset - formats::sector_bytes);
+}
 
 Disk* Protocol::Parts::find_disk(const std::uint8_t (&id)[4])
 {
@@ -66,17 +66,11 @@ void Protocol::Parts::dispatch(const Peer& from, Disk& disk, const WireHeader& h
     }
     switch (header.Kind) {
     case formats::kind_read:
+        return read_disk(from, disk, header);
     case formats::kind_sync_read:
-        ++(is_query ? disk.counters.status_queries : disk.counters.read_requests);
-        if (header.Byte_Offset.get() == 0 && header.Length.get() == formats::sector_bytes)
-            negotiate(from, disk, header);
-        else if (!range_valid(header, disk))
-            ++dropped.bad_offset;
-        else
-            read(from, disk, header);
-        return;
+        return read_image(from, disk, header);
     case formats::kind_write:
-        if (!range_valid(header, disk)) {
+        if (!range_valid(header, *disk.store)) {
             ++dropped.bad_offset;
         } else if (disk.options.readonly) {
             ++dropped.readonly;
@@ -164,7 +158,7 @@ Protocol::Protocol(PacketSink& sink) : parts_(new Parts(sink)) {}
 
 Protocol::~Protocol() = default;
 
-unsigned Protocol::add_disk(const DiskOptions& options, BlockStore& store)
+unsigned Protocol::add_disk(const DiskOptions& options, BlockStore& store, BlockStore* image)
 {
     const std::span<const std::uint8_t> id = options.disk_id;
     if (std::ranges::all_of(id, [](std::uint8_t byte) { return byte == 0; }))
@@ -176,6 +170,7 @@ unsigned Protocol::add_disk(const DiskOptions& options, BlockStore& store)
     parts_->disks.push_back(std::make_unique<Disk>());
     parts_->disks.back()->options = options;
     parts_->disks.back()->store = &store;
+    parts_->disks.back()->image = image;
     return static_cast<unsigned>(parts_->disks.size() - 1);
 }
 

@@ -36,18 +36,19 @@ struct DiskOptions {
     std::uint8_t disk_id[4] = {};  // formats::disk_id_mirror in byte 2 marks a mirrored disk
     std::uint8_t disk_parm[4] = {};
     bool readonly = false;       // writes are dropped and counted
-    std::uint32_t cache_mb = 0;  // cache word of the negotiation answer; 0: none
+    std::uint32_t cache_mb = 0;  // cache word of the negotiation answer, up to 65535; 0: none
 };
 
 struct DiskCounters {
     std::uint64_t read_requests = 0, read_bytes = 0, write_fragments = 0, writes_completed = 0,
                   written_bytes = 0, repeated_writes = 0, status_queries = 0, acknowledgements = 0,
-                  zero_answers = 0, negotiations = 0, shutdowns = 0, flushes = 0, store_errors = 0;
+                  zero_answers = 0, negotiations = 0, shutdowns = 0, flushes = 0, store_errors = 0,
+                  sync_reads = 0, sync_bytes = 0;  // of the image area
 };
 
 struct DroppedCounters {
     std::uint64_t short_packet = 0, unknown_disk = 0, unknown_kind = 0, bad_length = 0, bad_offset = 0,
-                  bad_fragment = 0, readonly = 0;
+                  bad_fragment = 0, readonly = 0, no_image = 0;
 };
 
 class Protocol {
@@ -55,9 +56,10 @@ public:
     explicit Protocol(PacketSink& sink);
     ~Protocol();
 
-    // Disks are told apart by Disk_Id. The store must outlive the protocol. Returns the disk's index.
-    // Throws std::invalid_argument for an id that is zero, taken, or begins like a status poll.
-    unsigned add_disk(const DiskOptions& options, BlockStore& store);
+    // Disks are told apart by Disk_Id. Image is the disk's image area, of which workstations make their
+    // local copies, or null. The stores must outlive the protocol. Returns the disk's index. Throws
+    // std::invalid_argument for an id that is zero, taken, or begins like a status poll.
+    unsigned add_disk(const DiskOptions& options, BlockStore& store, BlockStore* image = nullptr);
 
     // The time from any fixed start, as of the packets that follow. It only ages what the server
     // remembers of completed and unfinished writes; without it nothing ages.

@@ -26,6 +26,7 @@ struct Unserved {
 struct Disk {
     DiskOptions options;
     BlockStore* store;
+    BlockStore* image;  // null: none
     DiskCounters counters;
     AssemblyTable assemblies;
     CompletedWrites completed;
@@ -33,12 +34,10 @@ struct Disk {
     std::array<Unserved, 32> unserved;
     std::size_t unserved_count = 0;
     std::size_t unserved_next = 0;
-
-    std::uint64_t size_bytes() const { return store->size_bytes(); }
 };
 
-// Image offset of a checked request: engine sectors count from 1.
-inline std::uint64_t image_offset(const WireHeader& header)
+// Place in the store of a checked request: engine sectors count from 1.
+inline std::uint64_t store_offset(const WireHeader& header)
 {
     return header.Byte_Offset.get() - formats::sector_bytes;
 }
@@ -51,6 +50,9 @@ inline WireHeader answer_to(const WireHeader& request, std::uint8_t kind)
     answer.Kind = kind;
     return answer;
 }
+
+// Whole sectors of the store, by their engine sector numbers.
+bool range_valid(const WireHeader& header, const BlockStore& store);
 
 inline std::span<const std::uint8_t> bytes_of(const WireHeader& header, unsigned byte_count)
 {
@@ -72,11 +74,13 @@ struct Protocol::Parts {
     Disk* find_disk(const std::uint8_t (&id)[4]);
     void dispatch(const Peer& from, Disk& disk, const WireHeader& header, std::span<const std::uint8_t> data);
 
-    void read(const Peer& from, Disk& disk, const WireHeader& request);
+    void read_disk(const Peer& from, Disk& disk, const WireHeader& request);
+    void read_image(const Peer& from, Disk& disk, const WireHeader& request);
+    void read(const Peer& from, Disk& disk, BlockStore& store, const WireHeader& request,
+              std::uint64_t& byte_count);
     void negotiate(const Peer& from, Disk& disk, const WireHeader& request);
     void send_zeros(const Peer& to, const WireHeader& request);
-    void send_data(const Peer& to, const WireHeader& request, std::span<const std::uint8_t> data,
-                   DiskCounters& counters);
+    std::uint64_t send_data(const Peer& to, const WireHeader& request, std::span<const std::uint8_t> data);
 
     void write_fragment(const Peer& from, Disk& disk, const WireHeader& header,
                         std::span<const std::uint8_t> data);

@@ -1,22 +1,48 @@
-// Reads: data in fragments, zeros for holes, the cache negotiation.
+// Reads of a disk and of its image area: data in fragments, zeros for holes, the cache negotiation.
 #include "server/protocol_parts.h"
 
 namespace server {
 
-void Protocol::Parts::read(const Peer& from, Disk& disk, const WireHeader& request)
+void Protocol::Parts::read_disk(const Peer& from, Disk& disk, const WireHeader& request)
 {
+    const bool is_query = request.Sub_Code == formats::sub_status_query;
+    ++(is_query ? disk.counters.status_queries : disk.counters.read_requests);
+    if (request.Byte_Offset.get() == 0 && request.Length.get() == formats::sector_bytes)
+        negotiate(from, disk, request);
+    else
+        read(from, disk, *disk.store, request, disk.counters.read_bytes);
+}
+
+// A workstation that asks for an image that is not there goes on asking.
+void Protocol::Parts::read_image(const Peer& from, Disk& disk, const WireHeader& request)
+{
+    const bool is_query = request.Sub_Code == formats::sub_status_query;
+    ++(is_query ? disk.counters.status_queries : disk.counters.sync_reads);
+    if (disk.image)
+        return read(from, disk, *disk.image, request, disk.counters.sync_bytes);
+    ++dropped.no_image;
+    note_unserved(from, disk, request);
+}
+
+void Protocol::Parts::read(const Peer& from, Disk& disk, BlockStore& store, const WireHeader& request,
+                           std::uint64_t& byte_count)
+{
+    if (!range_valid(request, store)) {
+        ++dropped.bad_offset;
+        return;
+    }
     const unsigned length = request.Length.get();
-    if (disk.store->hole(image_offset(request), length)) {
+    if (store.hole(store_offset(request), length)) {
         ++disk.counters.zero_answers;
-        disk.counters.read_bytes += length;
+        byte_count += length;
         return send_zeros(from, request);
     }
     const auto data = sink.data_buffer().first(length);
-    if (!disk.store->read(image_offset(request), data)) {
+    if (!store.read(store_offset(request), data)) {
         ++disk.counters.store_errors;
         return note_unserved(from, disk, request);
     }
-    send_data(from, request, data, disk.counters);
+    byte_count += send_data(from, request, data);
 }
 
 void Protocol::Parts::negotiate(const Peer& from, Disk& disk, const WireHeader& request)
@@ -24,14 +50,14 @@ void Protocol::Parts::negotiate(const Peer& from, Disk& disk, const WireHeader& 
     ++disk.counters.negotiations;
     const auto data = sink.data_buffer().first(sizeof(formats::NegotiationReply));
     formats::NegotiationReply reply{};
-    reply.Cache_Word.set(disk.options.cache_mb & 0xFFFF);
+    reply.Cache_Word.set(disk.options.cache_mb);
     constexpr char with_cache[] = "RAM cache", without_cache[] = "no RAM cache";
     if (disk.options.cache_mb != 0)
         std::memcpy(reply.Text, with_cache, sizeof with_cache);
     else
         std::memcpy(reply.Text, without_cache, sizeof without_cache);
     std::memcpy(data.data(), &reply, sizeof reply);
-    send_data(from, request, data, disk.counters);
+    disk.counters.read_bytes += send_data(from, request, data);
 }
 
 // A zero answer fills the whole packet at the workstation, but leaves the bit of its own number
@@ -52,9 +78,9 @@ void Protocol::Parts::send_zeros(const Peer& to, const WireHeader& request)
     }
 }
 
-// Sends the fragments that the workstation does not have by the mask in its request.
-void Protocol::Parts::send_data(const Peer& to, const WireHeader& request, std::span<const std::uint8_t> data,
-                                DiskCounters& counters)
+// Sends the fragments that the workstation does not have by the mask in its request. Returns their bytes.
+std::uint64_t Protocol::Parts::send_data(const Peer& to, const WireHeader& request,
+                                         std::span<const std::uint8_t> data)
 {
     const auto length = static_cast<unsigned>(data.size());
     const unsigned count = formats::fragment_count(length);
@@ -62,6 +88,7 @@ void Protocol::Parts::send_data(const Peer& to, const WireHeader& request, std::
     WireHeader answer = answer_to(request, formats::kind_read_data);
     answer.Zero = 0;
     answer.Frag_Cnt.set(static_cast<std::uint16_t>(count));
+    std::uint64_t sent_bytes = 0;
     for (unsigned i = 0; i < count; ++i) {
         if ((has >> i & 1) != 0)
             continue;
@@ -71,8 +98,9 @@ void Protocol::Parts::send_data(const Peer& to, const WireHeader& request, std::
         answer.Frag_Size.set(static_cast<std::uint16_t>(size));
         answer.Frag_Num = static_cast<std::uint8_t>(i + 1);
         sink.send(to, bytes_of(answer, formats::header_bytes), data.subspan(offset, size));
-        counters.read_bytes += size;
+        sent_bytes += size;
     }
+    return sent_bytes;
 }
 
 }  // namespace server

@@ -83,7 +83,7 @@ void Protocol::Parts::complete_write(const Peer& from, Disk& disk, const WireHea
                                      const WriteKey& key, std::span<const std::uint8_t> data,
                                      const std::uint32_t (&content)[fragments_max])
 {
-    if (!disk.store->write(image_offset(header), data)) {
+    if (!disk.store->write(store_offset(header), data)) {
         ++disk.counters.store_errors;
         return note_unserved(from, disk, header);
     }

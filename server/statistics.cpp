@@ -24,6 +24,8 @@ Json disk_json(const ServedDisk& disk, std::uint64_t size_bytes, const DiskCount
             {"id", fmt::format("{:02x}{:02x}{:02x}{:02x}", id[0], id[1], id[2], id[3])},
             {"size_bytes", size_bytes},
             {"readonly", disk.readonly},
+            {"cache_mb", disk.cache_mb},
+            {"image", disk.image_path},
             {"read_requests", counters.read_requests},
             {"read_bytes", counters.read_bytes},
             {"write_fragments", counters.write_fragments},
@@ -34,6 +36,8 @@ Json disk_json(const ServedDisk& disk, std::uint64_t size_bytes, const DiskCount
             {"acknowledgements", counters.acknowledgements},
             {"zero_answers", counters.zero_answers},
             {"negotiations", counters.negotiations},
+            {"sync_reads", counters.sync_reads},
+            {"sync_bytes", counters.sync_bytes},
             {"shutdowns", counters.shutdowns},
             {"flushes", counters.flushes},
             {"store_errors", counters.store_errors}};
@@ -44,7 +48,7 @@ Json dropped_json(const DroppedCounters& dropped)
     return {{"short_packet", dropped.short_packet}, {"unknown_disk", dropped.unknown_disk},
             {"unknown_kind", dropped.unknown_kind}, {"bad_length", dropped.bad_length},
             {"bad_offset", dropped.bad_offset},     {"bad_fragment", dropped.bad_fragment},
-            {"readonly", dropped.readonly}};
+            {"readonly", dropped.readonly},         {"no_image", dropped.no_image}};
 }
 
 Json socket_json(const SocketCounters& socket)
@@ -112,13 +116,16 @@ std::string Statistics::summary() const
                             static_cast<double>(counters.read_bytes) / 1e6, counters.writes_completed,
                             static_cast<double>(counters.written_bytes) / 1e6, counters.status_queries,
                             counters.repeated_writes, counters.store_errors);
+        if (!options.disks[lun].image_path.empty())
+            text += fmt::format("LUN {} {}: {} reads {:.1f} MB\n", lun, options.disks[lun].image_path,
+                                counters.sync_reads, static_cast<double>(counters.sync_bytes) / 1e6);
     }
     const DroppedCounters& dropped = protocol.dropped();
     text +=
         fmt::format("packets: {} received in {} calls, {} sent in {} calls, {} dropped\n",
                     socket.packets_received, socket.receive_calls, socket.packets_sent, socket.send_calls,
                     dropped.short_packet + dropped.unknown_disk + dropped.unknown_kind + dropped.bad_length +
-                        dropped.bad_offset + dropped.bad_fragment + dropped.readonly);
+                        dropped.bad_offset + dropped.bad_fragment + dropped.readonly + dropped.no_image);
     return text;
 }
 

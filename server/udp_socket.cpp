@@ -121,7 +121,7 @@ UdpSocket::UdpSocket(const Peer& address)
         const int error = errno;
         close(socket_);
         errno = error;
-        fail("bind");
+        fail("the listen address");
     }
     // Larger buffers than the system's limit need a privilege; joined runs need a recent kernel. Both
     // only make the server faster.

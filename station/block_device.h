@@ -7,15 +7,16 @@
 
 namespace station {
 
-// One read, write or flush. Belongs to the queue from submit() until done is called.
+// One read, write, flush, or write of zeros without data. Belongs to the queue from submit() until done is
+// called.
 struct Transfer {
-    enum class Operation { read, write, flush };
+    enum class Operation { read, write, flush, zero };
 
     Operation operation = Operation::read;
-    std::uint64_t offset = 0;  // bytes; a multiple of 512
-    std::uint32_t length = 0;  // bytes; a multiple of 512; 0 for a flush
-    std::uint8_t* data = nullptr;
-    std::uint32_t error = 0;  // 0, or an error of the block protocol; valid when done
+    std::uint64_t offset = 0;      // bytes; a multiple of 512
+    std::uint32_t length = 0;      // bytes; a multiple of 512; 0 for a flush
+    std::uint8_t* data = nullptr;  // of a read or write
+    std::uint32_t error = 0;       // 0, or an error of the block protocol; valid when done
 
     // Called once, in any thread, at up to DISPATCH_LEVEL; must not wait. The transfer is the
     // caller's again from here on.

@@ -19,7 +19,10 @@ std::uint32_t largest_piece_bytes(const machine::ScsiPort& port)
     return std::max(bytes - bytes % formats::sector_bytes, std::uint32_t{formats::sector_bytes});
 }
 
-// A command without data; the driver answers it at once, for acknowledged writes are on the server.
+// What every write of zeros sends.
+constexpr std::uint8_t zeroes[64 << 10] = {};
+
+// A command without data; the driver answers it at once.
 void set_synchronize_cache(machine::ScsiRequest& request, std::uint8_t lun)
 {
     request.lun = lun;
@@ -101,15 +104,20 @@ LunQueue::Piece& LunQueue::next_piece()
     free_pieces_.pop_back();
     piece.transfer = &transfer;
 
-    const std::uint32_t bytes = std::min(piece_bytes_, transfer.length - transfer.issued);
+    const bool zero = transfer.operation == Transfer::Operation::zero;
+    const std::uint32_t piece_bytes =
+        zero ? std::min<std::uint32_t>(piece_bytes_, sizeof zeroes) : piece_bytes_;
+    const std::uint32_t bytes = std::min(piece_bytes, transfer.length - transfer.issued);
     const auto lba = static_cast<std::uint32_t>((transfer.offset + transfer.issued) / formats::sector_bytes);
-    std::uint8_t* const data = transfer.data + transfer.issued;
     switch (transfer.operation) {
     case Transfer::Operation::read:
-        piece.request.set_read(lun_, lba, data, bytes);
+        piece.request.set_read(lun_, lba, transfer.data + transfer.issued, bytes);
         break;
     case Transfer::Operation::write:
-        piece.request.set_write(lun_, lba, data, bytes);
+        piece.request.set_write(lun_, lba, transfer.data + transfer.issued, bytes);
+        break;
+    case Transfer::Operation::zero:
+        piece.request.set_write(lun_, lba, zeroes, bytes);
         break;
     case Transfer::Operation::flush:
         set_synchronize_cache(piece.request, lun_);
@@ -169,6 +177,7 @@ void LunQueue::count(const Transfer& transfer)
         statistics_.sectors_read += transfer.length / formats::sector_bytes;
         break;
     case Transfer::Operation::write:
+    case Transfer::Operation::zero:
         ++statistics_.writes;
         statistics_.sectors_written += transfer.length / formats::sector_bytes;
         break;

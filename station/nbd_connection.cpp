@@ -27,6 +27,24 @@ struct NbdConnection::Slot : Transfer, Reply {
     BufferPool::Buffer buffer;
 };
 
+namespace {
+
+Transfer::Operation operation_of(nbd::Command command)
+{
+    switch (command) {
+    case nbd::Command::read:
+        return Transfer::Operation::read;
+    case nbd::Command::write:
+        return Transfer::Operation::write;
+    case nbd::Command::write_zeroes:
+        return Transfer::Operation::zero;
+    default:
+        return Transfer::Operation::flush;
+    }
+}
+
+}  // namespace
+
 NbdConnection::NbdConnection(UniqueFd socket, const Exports& exports, ConnectionLimits limits)
     : socket_(std::move(socket)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), exports_(exports),
       limits_(limits), sender_(socket_.get(), wake_.get()), buffers_(limits.buffer_bytes)
@@ -178,9 +196,9 @@ bool NbdConnection::start_request()
     if (!slot)
         return false;
     std::uint32_t error = check_request(request, disk_bytes_);
-    if (!error && request.length) {
+    if (!error && request.buffer_bytes()) {
         try {
-            slot->buffer = buffers_.take(request.length);
+            slot->buffer = buffers_.take(request.buffer_bytes());
             if (!slot->buffer)
                 return false;
         } catch (const std::bad_alloc&) {
@@ -206,9 +224,7 @@ bool NbdConnection::start_request()
         return true;
     }
 
-    slot->operation = request.command == nbd::Command::read    ? Transfer::Operation::read
-                      : request.command == nbd::Command::write ? Transfer::Operation::write
-                                                               : Transfer::Operation::flush;
+    slot->operation = operation_of(request.command);
     slot->error = 0;
     slot->offset = request.offset;
     slot->length = request.length;

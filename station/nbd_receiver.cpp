@@ -11,23 +11,29 @@ using namespace nbd;
 
 std::uint32_t check_request(const NbdRequest& request, std::uint64_t disk_bytes)
 {
-    if (request.flags != 0)  // none was offered
+    // Zeros are always written, so a wish for no hole is granted as it is.
+    const bool zeroes = request.command == Command::write_zeroes;
+    if ((request.flags & ~(zeroes ? command_no_hole : 0)) != 0)
         return error_invalid;
+    std::uint32_t bytes_max = request_bytes_max;
     switch (request.command) {
     case Command::flush:
         return request.offset == 0 && request.length == 0 ? 0 : error_invalid;
+    case Command::write_zeroes:
+        bytes_max = UINT32_MAX;
+        break;
     case Command::read:
     case Command::write:
         break;
     default:
         return error_invalid;
     }
-    if (request.length == 0 || request.length > request_bytes_max)
+    if (request.length == 0 || request.length > bytes_max)
         return error_invalid;
     if (request.length % formats::sector_bytes != 0 || request.offset % formats::sector_bytes != 0)
         return error_invalid;
     if (request.offset > disk_bytes || request.length > disk_bytes - request.offset)
-        return request.command == Command::write ? error_no_space : error_invalid;
+        return request.command == Command::read ? error_invalid : error_no_space;
     return 0;
 }
 

@@ -21,6 +21,8 @@ struct NbdRequest {
 
     // Bytes that follow the request's header, whatever becomes of the request.
     std::uint32_t payload_bytes() const { return command == nbd::Command::write ? length : 0; }
+    // Bytes that the request moves between client and disk.
+    std::uint32_t buffer_bytes() const { return command == nbd::Command::read ? length : payload_bytes(); }
 };
 
 // 0, or the error that answers the request of a client of a disk of this size.

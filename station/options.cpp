@@ -20,6 +20,9 @@ constexpr std::uint32_t memory_mb_min = 16;
 constexpr std::uint32_t memory_mb_max = 0xE0000000u / (1 << 20) - 1;
 constexpr std::uint32_t above_4g_mb_max = 60 << 10;
 
+// PAE_SIZE when --reg does not say.
+constexpr std::uint32_t pae_size_mb = 3327;
+
 constexpr char setting_names[][12] = {"TRANS_SIZE", "RW_THREADS", "HOT_RETRYS", "PAE_SIZE", "RW_RACK"};
 
 constexpr char description[] =
@@ -34,6 +37,12 @@ Settings for --reg, in decimal or with 0x:
   PAE_SIZE     MB of memory from which memory above 4 GB is looked for (default 3327)
   RW_RACK      protocol level of the servers (default: what the boot block says)
 
+A local disk is a file, or a block device, with a partition for a copy of LUN 0, which the driver fills
+from its server's image area (image= of qrn-server) in the background, and one for what is written, which
+is forgotten at the next start. "qrn-image disk" makes one. The driver begins to copy when the system
+writes 64 KB at once; for that the station writes back the last 64 KB of LUN 0 when it starts. When no
+server answers, it starts with what the local disk has.
+
 Once the disks are there, the station prints "ready" and the URI of each export. In the table of
 --status, and in that printed at the end, requests are those of clients, time-outs those of packets.
 
@@ -42,7 +51,7 @@ operating system, the statistics are printed, and the exit status is 0. Another 
 more later, ends it at once.
 
 Exit status 2: an argument is wrong or cannot be used; 1: the driver does not load, shows no disk,
-or stopped the machine.
+or stopped the machine, or a local disk has nothing to start with and no server answers.
 )";
 
 std::uint32_t number(const std::string& text, const std::string& what)
@@ -84,6 +93,13 @@ void set_memory(Options& options, const std::string& text)
     options.above_4g_mb = number(rest.substr(sizeof above - 1), "--memory above4g");
     if (options.above_4g_mb > above_4g_mb_max)
         throw OptionError("--memory: at most " + std::to_string(above_4g_mb_max) + " MB above 4 GB");
+    std::uint32_t gate_mb = pae_size_mb;
+    for (const auto& [name, value] : options.settings)
+        if (name == "PAE_SIZE")
+            gate_mb = value;
+    if (options.above_4g_mb != 0 && options.memory_mb < gate_mb)
+        throw OptionError("--memory: the driver looks for memory above 4 GB only from " +
+                          std::to_string(gate_mb) + " MB of other memory on (see PAE_SIZE)");
 }
 
 formats::Boot_Param read_boot_block(const std::string& path)
@@ -112,7 +128,8 @@ std::string one_line(std::string text)
 std::optional<Options> parse_options(int argc, char** argv)
 {
     Options options;
-    std::string boot_block, memory, handover = "low-memory", nbd = "tcp:127.0.0.1:10809";
+    std::string boot_block, handover = "low-memory", nbd = "tcp:127.0.0.1:10809";
+    std::optional<std::string> memory;
     std::vector<std::string> settings;
 
     CLI::App app(description, "qrn-station");
@@ -137,14 +154,19 @@ std::optional<Options> parse_options(int argc, char** argv)
         ->allow_extra_args(false);
     app.add_option("--memory", memory,
                    "memory that the system manages (default 512), and\n"
-                   "memory above 4 GB that it leaves to the driver")
+                   "memory above 4 GB that it leaves to the driver's\n"
+                   "caches, with at least 3327 MB of the other")
         ->option_text("MB[,above4g=MB]");
+    app.add_option("--local-disk", options.local_disk,
+                   "boot from this local disk, with its images of the\n"
+                   "block's disks (see below)")
+        ->option_text("FILE");
     app.add_option("--log", options.log, "append every message of the driver to this file")
         ->option_text("FILE");
     app.add_option("--stats-json", options.stats_json,
                    "write statistics to this file, every second and at\nthe end")
         ->option_text("FILE");
-    app.add_flag("--status", options.status, "show the statistics, live");
+    app.add_flag("--status", options.status, "show the statistics, live")->disable_flag_override();
 
     try {
         app.parse(argc, argv);
@@ -152,7 +174,9 @@ std::optional<Options> parse_options(int argc, char** argv)
         std::cout << app.help();
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
-        throw OptionError(one_line(error.what()));
+        // What is unknown may well be what is missing, misspelt.
+        const auto unknown = app.remaining();
+        throw OptionError(one_line(unknown.empty() ? error.what() : "unknown argument " + unknown.front()));
     }
     options.handover = handover == "transport" ? Handover::transport : Handover::low_memory;
     options.boot_block = read_boot_block(boot_block);
@@ -167,8 +191,8 @@ std::optional<Options> parse_options(int argc, char** argv)
     }
     for (const std::string& each : settings)
         options.settings.push_back(setting(each));
-    if (!memory.empty())
-        set_memory(options, memory);
+    if (memory)
+        set_memory(options, *memory);
     return options;
 }
 

@@ -25,6 +25,7 @@ struct Options {
     std::uint32_t above_4g_mb = 0;
     std::optional<std::string> log;
     std::optional<std::string> stats_json;
+    std::optional<std::string> local_disk;
     bool status = false;
 };
 

@@ -18,6 +18,7 @@ namespace {
 
 constexpr std::uint64_t megabyte = 1 << 20;
 constexpr auto statistics_interval = 1000ms;
+constexpr unsigned progress_steps = 5;  // in which the file shows a local image that is being filled
 constexpr auto client_patience = 3000ms;
 
 machine::MachineConfig machine_config(const Options& options)
@@ -74,11 +75,15 @@ void complain(const std::string& message)
 }  // namespace
 
 Workstation::Workstation(const Options& options, StopSignal& stop)
-    : options_(options), stop_(stop), driver_(load_driver(options.driver)), machine_(machine_config(options)),
+    : options_(options), stop_(stop), block_(options.boot_block), driver_(load_driver(options.driver)),
+      machine_(machine_config(options)),
+      low_memory_next_(std::uint64_t{machine_.config().base_memory_kb} * 1024),
       server_(listening_server(options.nbd, exports_))
 {
-    link_ = std::make_unique<machine::UdpLink>(machine_.scheduler(),
-                                               all_servers_local(options.boot_block) ? "127.0.0.1" : "0.0.0.0");
+    link_ = std::make_unique<machine::UdpLink>(
+        machine_.scheduler(), all_servers_local(options.boot_block) ? "127.0.0.1" : "0.0.0.0");
+    if (options.local_disk)
+        open_local_disk();
     try {
         if (options.log)
             log_.emplace(*options.log);
@@ -94,33 +99,68 @@ Workstation::Workstation(const Options& options, StopSignal& stop)
     machine_.log().set_sink(
         [this](const machine::DebugLog::Entry& entry) {
             follow_driver_message(entry.text, luns_);
+            synchronisation_.follow(entry.text, machine_.now_ms());
             if (log_)
                 log_->write(entry.text);
         },
         false);
+    if (local_disk_)
+        boot_locally();
     hand_over_boot_block();
     fill_registry();
+}
+
+void Workstation::open_local_disk()
+{
+    try {
+        local_disk_file_.emplace(*options_.local_disk);
+        local_disk_.emplace(*options_.local_disk);
+        poll_.emplace(link_->port());
+    } catch (const std::exception& error) {
+        throw OptionError("--local-disk: " + std::string(error.what()));
+    }
+}
+
+// As the code in the boot sector of a local disk would: what it leaves in memory is how the driver knows.
+void Workstation::boot_locally()
+{
+    const auto from_server = first_sector_of_server(block_);
+    const auto first_sector = from_server ? from_server : local_disk_file_->first_sector();
+    if (!first_sector)
+        throw std::runtime_error("no server answers, and " + *options_.local_disk +
+                                 " has no image that could be booted");
+    if (!from_server)
+        complain("no server answers; the image on the local disk is used as it is");
+    machine_.add_local_disk(*local_disk_, local_disk_number(block_));
+    block_ = local_boot_block(block_, from_server.has_value());
+    write_low_memory(image_descriptor(*first_sector));
 }
 
 void Workstation::hand_over_boot_block()
 {
     machine::Transport& transport = machine_.add_transport(*link_);
     if (options_.handover == Handover::transport) {
-        transport.block() = options_.boot_block;
+        transport.block() = block_;
         return;
     }
     transport.block() = {};
-    transport.block().Boot_Flags = options_.boot_block.Boot_Flags;
+    transport.block().Boot_Flags = block_.Boot_Flags;
 
     formats::BootRecord record{};
     std::memcpy(record.Signature, formats::boot_record_signature, sizeof record.Signature);
     record.Bound.set(formats::boot_record_bound_max);
     record.Kind.set(formats::boot_record_kind);
-    record.Rack_Level.set(options_.boot_block.Rack_Level.get());
-    record.Param = options_.boot_block;
-    const std::uint64_t base_memory_bytes = std::uint64_t{machine_.config().base_memory_kb} * 1024;
-    machine_.memory().write(base_memory_bytes,
-                            {reinterpret_cast<const std::uint8_t*>(&record), sizeof record});
+    record.Rack_Level.set(block_.Rack_Level.get());
+    record.Param = block_;
+    write_low_memory({reinterpret_cast<const std::uint8_t*>(&record), sizeof record});
+}
+
+// On the next 16-byte boundary.
+void Workstation::write_low_memory(std::span<const std::uint8_t> bytes)
+{
+    machine_.memory().write(low_memory_next_, bytes);
+    low_memory_next_ +=
+        (bytes.size() + formats::paragraph_bytes - 1) / formats::paragraph_bytes * formats::paragraph_bytes;
 }
 
 void Workstation::fill_registry()
@@ -164,10 +204,28 @@ int Workstation::live()
         return 1;
     if (!wait_for_luns())
         return 1;
+    if (local_disk_)
+        begin_synchronisation();
     announce();
     watch();
     shut_down();
     return 0;
+}
+
+// The driver waits for the first write of 64 KB, as a sign that the system has come up. Here nobody may ever
+// write, so the end of LUN 0 is written back as it is, before a client can change it; and only to the
+// temporary image.
+void Workstation::begin_synchronisation()
+{
+    std::vector<std::uint8_t> data(formats::chunk_bytes);
+    constexpr std::uint32_t sectors = formats::chunk_sectors;
+    const auto luns = machine_.scsi().luns();
+    if ((block_.Boot_Flags & formats::boot_flag_no_image_sync) || !local_disk_file_->has_temporary_image() ||
+        luns.empty() || luns[0].lun != 0 || luns[0].sectors < sectors)
+        return;
+    const std::uint32_t lba = luns[0].sectors - sectors;
+    if (machine_.scsi().read(0, lba, data.data(), formats::chunk_bytes))
+        machine_.scsi().write(0, lba, data.data(), formats::chunk_bytes);
 }
 
 bool Workstation::start_driver()
@@ -208,9 +266,9 @@ bool Workstation::wait_for_luns()
 // In the other boot modes the driver shows its disks at a later bus scan.
 bool Workstation::luns_may_come_later() const
 {
-    const std::uint32_t mode = options_.boot_block.Boot_Mode.get();
+    const std::uint32_t mode = block_.Boot_Mode.get();
     return mode != formats::boot_mode_network && mode != formats::boot_mode_local_image &&
-           options_.boot_block.Disk_Nums > options_.boot_block.Local_Nums;
+           block_.Disk_Nums > block_.Local_Nums;
 }
 
 // After every bus scan. A client keeps the disk it chose.
@@ -242,9 +300,11 @@ void Workstation::announce()
 
 void Workstation::watch()
 {
-    while (!stop_.wait_for(statistics_interval)) {
-        write_statistics();
-        if (options_.status)
+    for (unsigned step = 1; !stop_.wait_for(statistics_interval / progress_steps); ++step) {
+        const bool interval_over = step % progress_steps == 0;
+        if (interval_over || synchronisation_.wants_poll())
+            write_statistics();
+        if (interval_over && options_.status)
             view_.show(status());
     }
 }
@@ -266,10 +326,18 @@ StationStatus Workstation::status()
     StationStatus status;
     status.uptime_ms = machine_.now_ms();
     status.driver = driver_->name();
+    const void* const caches = driver_->exported("QRN_Cache_Stats");
     {
         std::lock_guard guard(found_lock_);
         for (const machine::LunInfo& each : found_)
-            status.luns.push_back({each.lun, each.sectors, &luns_[each.lun]});
+            status.luns.push_back(
+                {each.lun, each.sectors, &luns_[each.lun], cache_statistics(caches, each.lun)});
+    }
+    if (poll_) {
+        if (synchronisation_.wants_poll())
+            if (const auto reply = poll_->ask())
+                synchronisation_.take(*reply, machine_.now_ms());
+        status.synchronisation = synchronisation_.status(machine_.now_ms());
     }
     status.link = link_->counters();
     status.connections = server_.counters();

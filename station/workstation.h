@@ -7,12 +7,15 @@
 #include <optional>
 #include <vector>
 
+#include "machine/disk/local_disk.h"
 #include "machine/loader/driver_image.h"
 #include "machine/machine.h"
 #include "machine/scsiport/scsi_port.h"
 #include "machine/transport/udp_link.h"
 #include "station/driver_messages.h"
 #include "station/exports.h"
+#include "station/local_boot.h"
+#include "station/local_datagrams.h"
 #include "station/message_log.h"
 #include "station/nbd_server.h"
 #include "station/options.h"
@@ -30,7 +33,10 @@ public:
     int run();
 
 private:
+    void open_local_disk();
+    void boot_locally();
     void hand_over_boot_block();
+    void write_low_memory(std::span<const std::uint8_t> bytes);
     void fill_registry();
 
     // In a kernel thread of the machine.
@@ -39,6 +45,7 @@ private:
     bool wait_for_luns();
     bool luns_may_come_later() const;
     void find_luns();
+    void begin_synchronisation();
     void announce();
     void watch();
     void shut_down();
@@ -48,11 +55,17 @@ private:
 
     const Options& options_;
     StopSignal& stop_;
+    formats::Boot_Param block_;
     AllLunStatistics luns_;
+    Synchronisation synchronisation_;
     std::optional<MessageLog> log_;
     std::unique_ptr<machine::DriverImage> driver_;
-    std::unique_ptr<machine::UdpLink> link_;  // outlives the machine
+    std::unique_ptr<machine::UdpLink> link_;  // link and local disk outlive the machine
+    std::optional<LocalDiskFile> local_disk_file_;
+    std::optional<machine::LocalDisk> local_disk_;
+    std::optional<StatusPoll> poll_;
     machine::Machine machine_;
+    std::uint64_t low_memory_next_;  // first byte of conventional memory that is free for a loader
     Exports exports_;
     NbdServer server_;
     StatusView view_;

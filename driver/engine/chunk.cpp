@@ -124,8 +124,6 @@ static void Run_Srb(RW_Entry* pEntry, const Chunk& Picked)
         Left -= Done;
         pEntry->pData += Done;
         pEntry->Sector += static_cast<ULONG>(Done >> 9);
-        pEntry->Hdr.Worker_Byte =
-            static_cast<UCHAR>(pEntry->Hdr.Worker_Byte + (Done >> 9) * formats::worker_sector_unit);
     }
     auto Processed = static_cast<SIZE_T>(pEntry->pData - pEntry->Bounce);
     pEntry->pData = pCaller;
@@ -133,7 +131,6 @@ static void Run_Srb(RW_Entry* pEntry, const Chunk& Picked)
         RtlCopyMemory(pCaller, pEntry->Bounce, Processed);
     Give_Slot_Block_Back(pEntry->pWr_Slot);
     pEntry->pWr_Slot = nullptr;
-    pEntry->Hdr.Worker_Byte &= formats::worker_index_mask;
 }
 
 // After the last chunk the record belongs to its owner again.

@@ -1,15 +1,23 @@
-// The local image step of routing, in boot mode 7 only.
+// The local image step of routing, in boot mode 7 only, from the first piece on that a worker routes: the
+// local disk is opened, and each disk's image made, when they are first needed. Worker threads,
+// PASSIVE_LEVEL.
+//
+// The order of sources for a read of disk 0 is: the disk's part of the temporary image, the system image, RAM
+// cache and server. What a write could not put into the first went to the last, and the system image between
+// them no longer counts for those chunks.
 #pragma once
 
 #include "driver/engine/worker_block.h"
 
 struct RW_Req;
 
-// The image synchronisation: null while it was never started, Sync_Ended once its start has been
-// claimed or after its end, otherwise its work area, whose first dword is the stop flag.
-extern PVOID volatile pSync_State;
-inline const PVOID Sync_Ended = reinterpret_cast<PVOID>(~static_cast<ULONG_PTR>(0));
-
-// Routes the first Bytes of the piece at the entry's pData and Sector. Positive: bytes done; -m: the
-// first m bytes go to the next backend. Worker threads, PASSIVE_LEVEL.
+// Routes the first Bytes, all that is left of the chunk, at the entry's pData and Sector. Positive: bytes
+// done, or that the record has failed; -m: the first m bytes go to the next backend.
 LONG Img_Route(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes);
+
+// RAM cache or server took a write that the images did not.
+void Img_Written_Past(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes);
+
+// The server failed a read that the images had passed on. Positive: bytes done all the same, from a system
+// image that now will not be checked.
+LONG Img_Server_Lost(RW_Entry* pEntry, const RW_Req* pReq, LONG Bytes);

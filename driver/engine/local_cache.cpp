@@ -1,8 +1,70 @@
 #include "driver/engine/local_cache.h"
 
+#include "driver/cache/cache_setup.h"
+#include "driver/common/locks.h"
+#include "driver/net/exchange.h"
+#include "driver/startup/boot_param.h"
+#include "driver/startup/memory_probe.h"
+
+using formats::NegotiationReply;
+
+// The query names this workstation's memory in the place of a tag. Bit 15 is never part of it.
+static USHORT Memory_Tag()
+{
+    constexpr ULONG Size_Mask = 0xFFFF7FFF;
+    LONG MB = Phys_Mem_Probe();
+    ULONG Size_MB = static_cast<ULONG>(MB < 0 ? -MB : MB);
+    return static_cast<USHORT>((Size_MB & Size_Mask) ^ Boot_Param.Tag_Key.get());
+}
+
+// Asks the disk's server: a read of the sector before the disk. No answer is one of zeros.
+static void Query(RW_Entry* pEntry, NegotiationReply& Reply)
+{
+    formats::WireHeader& Hdr = pEntry->Hdr;
+    UCHAR Sub_Code = Hdr.Sub_Code;
+    UCHAR Kind = Hdr.Kind;
+    pEntry->Sector = 0;
+    Hdr.Sub_Code = formats::sub_request;
+    Hdr.Kind = formats::kind_read;
+    pEntry->pData = reinterpret_cast<UCHAR*>(&Reply);
+    Hdr.Pkt_Index = 0;
+    Hdr.Tag.set(Memory_Tag());
+    if (Net_Send_Wait(pEntry, sizeof Reply) <= 0)
+        RtlZeroMemory(&Reply, sizeof Reply);
+    Hdr.Sub_Code = Sub_Code;
+    Hdr.Kind = Kind;
+}
+
+static void Print_Reply(const NegotiationReply& Reply)
+{
+    char Text[sizeof Reply.Text + 1];
+    RtlCopyMemory(Text, Reply.Text, sizeof Reply.Text);
+    Text[sizeof Reply.Text] = 0;
+    DbgPrint("\nQRN Local_Cache Info: %08X %d %s", Reply.Cache_Word.get(), Reply.Value.get(), Text);
+}
+
+static LONG Negotiate(RW_Entry* pEntry, Local_Cache_Record& Record)
+{
+    NegotiationReply Reply;
+    Query(pEntry, Reply);
+    Print_Reply(Reply);
+    bool Wanted = (pEntry->Setup.Disk_Parms.Disk_Flags & formats::disk_flag_ram_cache) != 0;
+    if (Wanted && Reply.Cache_Word.get() != 0 && !Record.pMC_Write)
+        Record.pMC_Write = QRN_MC_Init(Reply.Cache_Word.get() & 0xFFFF, pEntry->Lun);
+    return Record.pMC_Write ? Cache_In_Use : Cache_None;
+}
+
 LONG Local_Init(RW_Entry* pEntry)
 {
-    const Local_Cache_Record& Record = Local_Cache[pEntry->Lun];
+    Local_Cache_Record& Record = Local_Cache[pEntry->Lun];
+    if (Record.State == Cache_Unknown) {
+        {
+            Mutex_Guard Guard(Record.Lock);
+            if (Record.State == Cache_Unknown)
+                Record.State = Negotiate(pEntry, Record);
+        }
+        DbgPrint("\nQRN Local Init: Lun:%d %d %X %X", pEntry->Lun, Record.State, Record.pMC_Write, 0);
+    }
     pEntry->Setup.pMC_Write = Record.pMC_Write;
     return Record.State;
 }

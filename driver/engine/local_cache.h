@@ -1,8 +1,9 @@
-// A disk's RAM cache, as the workers see it.
+// Whether a disk has a RAM cache here, which its server is asked once.
 #pragma once
 
 #include "driver/engine/worker_block.h"
 
-// Puts the disk's cache object, or null, into the entry and returns the disk's Cache_State. Called at
-// every admission of a request, after Pkt_Init. Worker threads, PASSIVE_LEVEL.
+// Settles it for the entry's disk if that has not happened, which may take as long as the server takes, puts
+// the disk's cache object, or null, into the entry and returns the disk's Cache_State. Called at every
+// admission of a request, after Pkt_Init. Worker threads, PASSIVE_LEVEL.
 LONG Local_Init(RW_Entry* pEntry);

@@ -20,6 +20,11 @@ static LONG Route_Cache(RW_Entry* pEntry, const RW_Req* pReq, LONG Bytes)
                        : pCache->Read(Ctx, pEntry->Sector, pEntry->pData, Bytes);
 }
 
+static bool Images_Take_Part()
+{
+    return Boot_Param.Boot_Mode.get() == formats::boot_mode_local_image && pSaved_MBR;
+}
+
 // Bytes done: all of them, or on failure all that is left of the chunk.
 static LONG Route_Network(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes, LONG Left)
 {
@@ -27,18 +32,24 @@ static LONG Route_Network(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes, LONG Left)
         Pkt_Tag(pEntry, Write_Slot_Index(pEntry), Left);
     if (Net_Send_Wait(pEntry, Bytes) > 0)
         return Bytes;
+    LONG Done = Images_Take_Part() ? Img_Server_Lost(pEntry, pReq, Bytes) : -Bytes;
+    if (Done > 0)
+        return Done;
     pReq->Status = Req_Failed;
     return Left;
 }
 
 LONG Route_Piece(RW_Entry* pEntry, RW_Req* pReq, LONG Left)
 {
-    LONG Done = -Left;
-    if (Boot_Param.Boot_Mode.get() == formats::boot_mode_local_image && pSaved_MBR)
-        Done = Img_Route(pEntry, pReq, Left);
-    if (Done < 0 && pEntry->Setup.pMC_Write)
+    bool Images = Images_Take_Part();
+    LONG Done = Images ? Img_Route(pEntry, pReq, Left) : -Left;
+    if (Done > 0)
+        return Done;
+    if (pEntry->Setup.pMC_Write)
         Done = Route_Cache(pEntry, pReq, -Done);
     if (Done < 0)
         Done = Route_Network(pEntry, pReq, -Done, Left);
+    if (Images && pReq->Write && pReq->Status != Req_Failed)
+        Img_Written_Past(pEntry, pReq, Done);
     return Done;
 }

@@ -1,7 +1,8 @@
 #include "driver/miniport/completion.h"
 
 #include "driver/common/delay.h"
-#include "driver/engine/image_route.h"
+#include "driver/common/locks.h"
+#include "driver/image/image_sync.h"
 #include "driver/miniport/adapter.h"
 #include "driver/miniport/request.h"
 #include "driver/miniport/scsi_commands.h"
@@ -19,10 +20,10 @@ static NTSTATUS NTAPI Chan_Done(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
 
 static bool Take_Channel(Hw_Ext* pExt, bool Wait)
 {
-    LARGE_INTEGER Now;
-    Now.QuadPart = 0;
-    return KeWaitForSingleObject(&pExt->Chan_Free, Executive, KernelMode, FALSE, Wait ? nullptr : &Now) ==
-           STATUS_SUCCESS;
+    if (!Wait)
+        return Mutex_Try(pExt->Chan_Free);
+    Mutex_Take(pExt->Chan_Free);
+    return true;
 }
 
 void Chan_Send(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb, ULONG Lun)
@@ -69,10 +70,8 @@ void Req_Complete(RW_Req* pReq, ULONG Lun)
 void QRN_RW_HDD_Stop()
 {
     DbgPrint("\nQRN_RW_HDD_Stop");
-    PVOID pState = pSync_State;
-    if (pState == nullptr || pState == Sync_Ended)
+    if (!Sync_Stop())
         return;
-    *static_cast<volatile ULONG*>(pState) = 1;
     for (LONG Poll = 0; Poll < Stop_Polls && pSync_State != Sync_Ended; ++Poll)
         Sleep_Ms(Stop_Poll_Ms);
 }

@@ -243,6 +243,34 @@ void Place_Packet(RW_Entry* pEntry, ULONG Sector, LONG Bytes)
     pEntry->Hdr.Length.set(static_cast<USHORT>(Bytes));
 }
 
+// Several runs of one chunk may go to the network one after another under one tag. Where a run begins in the
+// chunk, in sectors, tells its packets apart: the low five bits stand in Worker_Byte, the rest adds to
+// Pkt_Index. Both are put back at the end of the scope.
+class Run_Mark {
+public:
+    explicit Run_Mark(RW_Entry* pEntry)
+        : Hdr_(pEntry->Hdr), Worker_Byte_(Hdr_.Worker_Byte), Pkt_Index_(Hdr_.Pkt_Index)
+    {
+        if (pEntry->pData < pEntry->Bounce || pEntry->pData >= pEntry->Bounce + Bounce_Bytes)
+            return;
+        auto Secs = static_cast<ULONG>(pEntry->pData - pEntry->Bounce) / formats::sector_bytes;
+        Hdr_.Worker_Byte = static_cast<UCHAR>(Worker_Byte_ + Secs * formats::worker_sector_unit);
+        Hdr_.Pkt_Index = static_cast<UCHAR>(Pkt_Index_ + (Secs & ~formats::worker_sector_mask));
+    }
+    ~Run_Mark()
+    {
+        Hdr_.Worker_Byte = Worker_Byte_;
+        Hdr_.Pkt_Index = Pkt_Index_;
+    }
+    Run_Mark(const Run_Mark&) = delete;
+    Run_Mark& operator=(const Run_Mark&) = delete;
+
+private:
+    formats::WireHeader& Hdr_;
+    UCHAR Worker_Byte_;
+    UCHAR Pkt_Index_;
+};
+
 }  // namespace
 
 LONG Net_Send_Wait(RW_Entry* pEntry, LONG Bytes)
@@ -250,7 +278,7 @@ LONG Net_Send_Wait(RW_Entry* pEntry, LONG Bytes)
     if (!Ndis_Handover.QRN_Send)
         return -1;  // a machine without transport will never have one
     UCHAR* pStart = pEntry->pData;
-    UCHAR First_Index = pEntry->Hdr.Pkt_Index;
+    Run_Mark Mark(pEntry);
     ULONG Sector = pEntry->Sector;
     LONG Result = 0;
     for (LONG Left = Bytes; Left > 0;) {
@@ -267,6 +295,5 @@ LONG Net_Send_Wait(RW_Entry* pEntry, LONG Bytes)
         Result += Packet_Bytes;
     }
     pEntry->pData = pStart;
-    pEntry->Hdr.Pkt_Index = First_Index;
     return Result;
 }

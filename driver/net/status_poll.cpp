@@ -1,5 +1,7 @@
 #include "driver/net/status_poll.h"
 
+#include "driver/image/image_setup.h"
+#include "driver/image/image_sync.h"
 #include "driver/net/servers.h"
 #include "driver/startup/disk_table.h"
 #include "formats/wire.h"
@@ -30,6 +32,13 @@ static void Report_Cache(ULONG Lun, UCHAR (&Report)[16])
         RtlZeroMemory(Report, sizeof Report);
 }
 
+static void Report_Image(formats::PollReply& Report)
+{
+    const QRNH_IMG_RW* pImage = pQRNH_Img_Sys;
+    Report.Image_Units.set(pImage ? Img_Chunks(pImage->Header()) : 0);
+    Report.Image_Position.set(pImage ? pImage->Header().Sync_Pos.get() : 0);
+}
+
 void Answer_Poll(UCHAR* pBuffer)
 {
     const formats::PollRequest Poll = *reinterpret_cast<const formats::PollRequest*>(pBuffer);
@@ -43,9 +52,7 @@ void Answer_Poll(UCHAR* pBuffer)
         Report_Disk(Lun, pReply->Disks[Lun]);
         Report_Cache(Lun, pReply->Cache[Lun]);
     }
-    // No system image is open.
-    pReply->Image_Units.set(0);
-    pReply->Image_Position.set(0);
+    Report_Image(*pReply);
     RtlCopyMemory(pBuffer + sizeof(formats::PollReply), &Poll.Poller, sizeof Poll.Poller);
     Send_To(Poll.Poller, pReply, sizeof(formats::PollReply), nullptr, 0);
 }

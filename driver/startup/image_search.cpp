@@ -4,26 +4,14 @@
 #include "driver/common/pool.h"
 #include "driver/startup/boot_param.h"
 #include "driver/startup/low_memory.h"
+#include "formats/image_descriptor.h"
 
 UCHAR* pSaved_MBR;
 KEVENT Img_Lock;
 
 namespace {
 
-struct HDD_Desc {
-    std::uint8_t Jump;
-    formats::Le16 Displacement;  // from the byte behind it to the partition sector
-    std::uint8_t Reserved_3;
-    char Mark[4];
-    formats::Le32 Kind;
-};
-static_assert(sizeof(HDD_Desc) == 12);
-static_assert(offsetof(HDD_Desc, Displacement) == 1);
-static_assert(offsetof(HDD_Desc, Mark) == 4);
-static_assert(offsetof(HDD_Desc, Kind) == 8);
-
-constexpr ULONG Jump_Bytes = 3;
-constexpr ULONG Desc_Kind = 0x1044;
+using HDD_Desc = formats::ImageDescriptor;
 
 // Fields of the first partition entry of a partition sector.
 constexpr ULONG First_Partition_Start = 454;
@@ -36,7 +24,8 @@ constexpr UCHAR Image_Disk_Flags = formats::disk_flag_split_writes | 4;
 bool Is_Descriptor(const UCHAR* pMemory)
 {
     auto pDesc = reinterpret_cast<const HDD_Desc*>(pMemory);
-    return Bytes_Equal(pDesc->Mark, "QRNH", sizeof pDesc->Mark) && pDesc->Kind.get() == Desc_Kind;
+    return Bytes_Equal(pDesc->Mark, formats::image_descriptor_mark, sizeof pDesc->Mark) &&
+           pDesc->Kind.get() == formats::image_descriptor_kind;
 }
 
 // A copy of the partition sector; zeros when the descriptor points outside low memory.
@@ -47,7 +36,7 @@ UCHAR* Save_Partition_Sector(const Low_Memory& Memory, ULONG Offset)
     if (!pSector)
         return nullptr;
     auto pDesc = reinterpret_cast<const HDD_Desc*>(Memory.At(Offset));
-    ULONG Source = Offset + Jump_Bytes + pDesc->Displacement.get();
+    ULONG Source = Offset + formats::image_descriptor_jump_bytes + pDesc->Displacement.get();
     if (Source + formats::sector_bytes <= formats::low_memory_bytes)
         RtlCopyMemory(pSector, Memory.At(Source), formats::sector_bytes);
     else

@@ -1,5 +1,6 @@
 #include "driver/startup/lun_init.h"
 
+#include "driver/cache/cache_setup.h"
 #include "driver/engine/worker.h"
 #include "driver/startup/boot_param.h"
 #include "driver/startup/disk_table.h"
@@ -72,6 +73,7 @@ static void Disk_Init(ULONG Lun)
 void Lun_Init(PUNICODE_STRING pService_Key)
 {
     Settings_Read(pService_Key);
+    Cache_Setup_Init();
     for (ULONG Lun = 0; Lun < formats::disk_count_max; ++Lun)
         Disk_Init(Lun);
     Workers_Start(RW_THREADS);

@@ -29,6 +29,12 @@ static void Phys_Span_Set(const Phys_Span& Span)
     Phys_High = Span.High;
 }
 
+void Phys_Low_Raise(ULONG Bytes)
+{
+    Spin_Guard Guard(Phys_Lock);
+    Phys_Low += Bytes;
+}
+
 ULONG PAE_Flag()
 {
     UNICODE_STRING Path;

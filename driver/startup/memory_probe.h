@@ -13,6 +13,8 @@ struct Phys_Span {
     ULONGLONG High;
 };
 Phys_Span Phys_Span_Get();
+// Page allocations start so much higher until the next Phys_Mem_Probe.
+void Phys_Low_Raise(ULONG Bytes);
 
 // Value of PhysicalAddressExtension, 0 when it cannot be read. PASSIVE_LEVEL.
 ULONG PAE_Flag();

@@ -33,6 +33,13 @@ VOID NTAPI KeQuerySystemTime(PLARGE_INTEGER time)
     time->QuadPart = system_boot_time() + scheduler().now();
 }
 
+VOID NTAPI ExSystemTimeToLocalTime(PLARGE_INTEGER system_time, PLARGE_INTEGER local_time)
+{
+    self();
+    const Ticks bias = executive().config.time_zone_bias_minutes * 60 * ticks_per_second;
+    local_time->QuadPart = system_time->QuadPart - bias;
+}
+
 VOID NTAPI KeStallExecutionProcessor(ULONG microseconds)
 {
     self();

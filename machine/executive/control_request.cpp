@@ -63,6 +63,7 @@ void finish_irp(PIRP irp)
             violation("a device returned more bytes than the output buffer has");
         std::memcpy(irp->UserBuffer, irp->AssociatedIrp.SystemBuffer, result.Information);
     }
+    free_transfer_list(*irp, result);
     if (irp->AssociatedIrp.SystemBuffer)
         executive().system.free(irp->AssociatedIrp.SystemBuffer, system_buffer_tag);
     PIO_STATUS_BLOCK status_block = irp->UserIosb;

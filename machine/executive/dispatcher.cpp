@@ -3,6 +3,7 @@
 #include <nt.h>
 
 #include <string>
+#include <utility>
 
 #include "machine/executive/checks.h"
 #include "machine/executive/clock.h"
@@ -11,6 +12,8 @@
 using namespace machine;
 
 namespace {
+
+constexpr std::uint64_t defer_cycles = 200'000;  // less than 100 us
 
 enum ObjectType : UCHAR { notification_event = 0, synchronization_event = 1, semaphore = 5, thread = 6 };
 
@@ -45,6 +48,31 @@ void satisfy_waits(DISPATCHER_HEADER& header)
     }
 }
 
+// Dispatcher lock held.
+void satisfy_released(Thread& thread)
+{
+    if (DISPATCHER_HEADER* semaphore_header = std::exchange(thread.released, nullptr))
+        satisfy_waits(*semaphore_header);
+}
+
+// The same for a release, which may be left for later.
+void satisfy_or_defer(Thread& thread, DISPATCHER_HEADER& header)
+{
+    if (IsListEmpty(&header.WaitListHead))
+        return;
+    const bool mine = header.Type == semaphore || thread.taken == &header;
+    if (!mine || !scheduler().defers_wakes() || thread.kind != Thread::Kind::spawned) {
+        satisfy_waits(header);
+        return;
+    }
+    const std::uint64_t now = __builtin_ia32_rdtsc();
+    if (thread.released && (thread.released != &header || now - thread.released_at > defer_cycles))
+        satisfy_released(thread);
+    else if (!thread.released)
+        thread.released_at = now;
+    thread.released = &header;
+}
+
 void check_may_wait(const Thread& thread, const char* routine)
 {
     if (thread.kind == Thread::Kind::callback || thread.irql >= DISPATCH_LEVEL)
@@ -65,9 +93,19 @@ Ticks deadline_of(LONGLONG interval)
 
 namespace machine {
 
+void wake_waiters()
+{
+    Thread& thread = self();
+    if (!thread.released)
+        return;
+    DispatcherLock lock;
+    satisfy_released(thread);
+}
+
 void signal_thread_object(Thread& ended)
 {
     DispatcherLock lock;
+    satisfy_released(ended);
     ended.header.SignalState = 1;
     satisfy_waits(ended.header);
 }
@@ -86,14 +124,14 @@ VOID NTAPI KeInitializeEvent(PRKEVENT event, EVENT_TYPE type, BOOLEAN state)
 
 LONG NTAPI KeSetEvent(PRKEVENT event, KPRIORITY, BOOLEAN)
 {
-    enter_at_most(DISPATCH_LEVEL, "KeSetEvent");
+    Thread& caller = enter_at_most(DISPATCH_LEVEL, "KeSetEvent");
     check_event(event, "KeSetEvent");
     LONG old;
     {
         DispatcherLock lock;
         old = event->Header.SignalState;
         event->Header.SignalState = 1;
-        satisfy_waits(event->Header);
+        satisfy_or_defer(caller, event->Header);
     }
     scheduler().preemption_point();
     return old;
@@ -137,7 +175,7 @@ VOID NTAPI KeInitializeSemaphore(PRKSEMAPHORE object, LONG count, LONG limit)
 
 LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE object, KPRIORITY, LONG adjustment, BOOLEAN)
 {
-    enter_at_most(DISPATCH_LEVEL, "KeReleaseSemaphore");
+    Thread& caller = enter_at_most(DISPATCH_LEVEL, "KeReleaseSemaphore");
     if (!object || object->Header.Type != semaphore)
         bad_object("KeReleaseSemaphore");
     LONG old;
@@ -148,7 +186,7 @@ LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE object, KPRIORITY, LONG adjustment, B
         over = adjustment <= 0 || old > object->Limit - adjustment;
         if (!over) {
             object->Header.SignalState = old + adjustment;
-            satisfy_waits(object->Header);
+            satisfy_or_defer(caller, object->Header);
         }
     }
     if (over)
@@ -182,6 +220,8 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPROCESSOR_MODE
     scheduler().preemption_point();
 
     DispatcherLock lock;
+    if (header->Type == synchronization_event)
+        caller.taken = header;
     if (header->SignalState > 0) {
         consume(*header);
         return STATUS_SUCCESS;
@@ -193,6 +233,7 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPROCESSOR_MODE
     block.Thread = caller.object();
     block.Object = object;
     InsertTailList(&header->WaitListHead, &block.WaitListEntry);
+    satisfy_released(caller);
     if (scheduler().block(deadline))
         return STATUS_SUCCESS;
     RemoveEntryList(&block.WaitListEntry);
@@ -201,10 +242,11 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPROCESSOR_MODE
 
 NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER interval)
 {
-    const Thread& caller = enter_at_most(APC_LEVEL, "KeDelayExecutionThread");
+    Thread& caller = enter_at_most(APC_LEVEL, "KeDelayExecutionThread");
     check_may_wait(caller, "KeDelayExecutionThread");
     scheduler().preemption_point();
     DispatcherLock lock;
+    satisfy_released(caller);
     scheduler().block(deadline_of(interval->QuadPart));
     return STATUS_SUCCESS;
 }

@@ -11,13 +11,25 @@ namespace {
 constexpr std::uint64_t mb = 1024 * 1024;
 constexpr std::int64_t from_1601_to_1970 = 116'444'736'000'000'000;
 constexpr std::int64_t simulated_boot_time = 133'485'408'000'000'000;  // 1 January 2024
-constexpr std::uint64_t base_memory_word = 0x413;                      // in the BIOS data area
+constexpr std::uint32_t scattered_pages_max = 512;
+constexpr std::uint64_t base_memory_word = 0x413;  // in the BIOS data area
 
 std::atomic<ExecutiveState*> the_executive = nullptr;
 
-std::vector<MemoryRange> ranges_of(const MachineConfig& config)
+// In simulated time the pages of a list lie about in pieces, so that only a mapping that follows the
+// list is right; on the wall clock a mapping is as cheap as it can be.
+PhysicalMemoryLayout memory_layout(const MachineConfig& config)
 {
-    return config.memory_ranges.empty() ? std::vector<MemoryRange>{{mb, 512 * mb}} : config.memory_ranges;
+    PhysicalMemoryLayout layout;
+    layout.managed = config.memory_ranges;
+    if (layout.managed.empty())
+        layout.managed = {{mb, 512 * mb}};
+    layout.above_4g_bytes = config.unmanaged_above_4g_bytes;
+    layout.unanswered = config.unanswered_ranges;
+    layout.window_bytes_max = config.window_bytes_max;
+    layout.piece_pages_max = config.scheduler == SchedulerKind::simulated ? scattered_pages_max : 0;
+    layout.seed = config.seed;
+    return layout;
 }
 
 std::int64_t boot_time_of(const MachineConfig& config)
@@ -35,7 +47,7 @@ ExecutiveState::ExecutiveState(const MachineConfig& machine_config)
     : config(machine_config),
       scheduler(config.scheduler == SchedulerKind::real ? make_real_scheduler()
                                                         : make_simulated_scheduler(config.seed)),
-      boot_time(boot_time_of(config)), memory(ranges_of(config), config.unmanaged_above_4g_bytes),
+      boot_time(boot_time_of(config)), memory(memory_layout(config)), page_lists(memory, config.strict),
       faults(config.seed), ports(config.reset_ports_work), pool(config.strict), system(config.strict)
 {
     strict_checks = config.strict;

@@ -11,6 +11,7 @@
 
 #include "machine/executive/device_names.h"
 #include "machine/executive/objects.h"
+#include "machine/executive/page_lists.h"
 #include "machine/executive/pool.h"
 #include "machine/machine.h"
 
@@ -34,6 +35,7 @@ struct ExecutiveState {
         boot_time;  // system time (100 ns units since 1601) at which the machine was switched on
 
     PhysicalMemory memory;
+    PageLists page_lists;
     Registry registry;
     Faults faults;
     DebugLog log;

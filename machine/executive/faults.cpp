@@ -1,13 +1,38 @@
 #include "machine/executive/faults.h"
 
+#include <charconv>
+#include <cstdio>
+
+#include "machine/machine.h"
 #include "machine/scheduler/random.h"
 
 namespace machine {
 namespace {
 
-constexpr std::size_t operations = static_cast<std::size_t>(Operation::ioctl) + 1;
+constexpr std::size_t operations = static_cast<std::size_t>(Operation::disk_write_short) + 1;
+
+// Whether one of these sectors is among those of a rule: "1F" or "1F-2A".
+bool names_sectors(const std::string& rule, std::uint64_t first, std::uint64_t count)
+{
+    const char* const end = rule.data() + rule.size();
+    std::uint64_t rule_first = 0;
+    auto parsed = std::from_chars(rule.data(), end, rule_first, 16);
+    std::uint64_t rule_last = rule_first;
+    if (parsed.ec == std::errc() && parsed.ptr != end && *parsed.ptr == '-')
+        parsed = std::from_chars(parsed.ptr + 1, end, rule_last, 16);
+    if (parsed.ec != std::errc() || parsed.ptr != end)
+        violation("a fault names the sectors \"" + rule + "\", which are none");
+    return count && first <= rule_last && first + (count - 1) >= rule_first;
+}
 
 }  // namespace
+
+std::string address_name(std::uint64_t address)
+{
+    char text[24];
+    std::snprintf(text, sizeof text, "%llX", static_cast<unsigned long long>(address));
+    return text;
+}
 
 Faults::Faults(std::uint64_t seed)
     : hits_(operations), random_state_(Random(seed ^ 0x4641554C54530000u).next())
@@ -32,12 +57,19 @@ void Faults::clear()
     rules_.clear();
 }
 
-bool Faults::hit(Operation operation, const std::string& name)
+void Faults::clear(Operation operation)
+{
+    std::lock_guard guard(lock_);
+    std::erase_if(rules_, [=](const Rule& rule) { return rule.operation == operation; });
+}
+
+template <class Matches>
+bool Faults::hit_matching(Operation operation, Matches matches)
 {
     std::lock_guard guard(lock_);
     bool fails = false;
     for (Rule& rule : rules_) {
-        if (rule.operation != operation || (!rule.name.empty() && rule.name != name))
+        if (rule.operation != operation || (!rule.name.empty() && !matches(rule.name)))
             continue;
         if (rule.probability > 0) {
             Random random(random_state_);
@@ -46,12 +78,23 @@ bool Faults::hit(Operation operation, const std::string& name)
         } else if (rule.skip) {
             --rule.skip;
         } else if (rule.count) {
-            --rule.count;
+            rule.count -= rule.count != until_cleared;
             fails = true;
         }
     }
     hits_[static_cast<std::size_t>(operation)] += fails;
     return fails;
+}
+
+bool Faults::hit(Operation operation, const std::string& name)
+{
+    return hit_matching(operation, [&](const std::string& rule) { return rule == name; });
+}
+
+bool Faults::hit_sectors(Operation operation, std::uint64_t first, std::uint64_t count)
+{
+    return hit_matching(operation,
+                        [=](const std::string& rule) { return names_sectors(rule, first, count); });
 }
 
 unsigned Faults::hits(Operation operation) const

@@ -1,8 +1,6 @@
 // Physical memory as drivers see it.
 #include <nt.h>
 
-#include <cstdio>
-
 #include "machine/executive/checks.h"
 #include "machine/executive/executive.h"
 
@@ -11,13 +9,6 @@ using namespace machine;
 namespace {
 
 constexpr ULONG ranges_tag = pool_tag("MmPh");
-
-std::string hexadecimal(std::uint64_t address)
-{
-    char text[24];
-    std::snprintf(text, sizeof text, "%llX", static_cast<unsigned long long>(address));
-    return text;
-}
 
 }  // namespace
 
@@ -28,11 +19,12 @@ BOOLEAN Mm64BitPhysicalAddress = FALSE;
 PVOID NTAPI MmMapIoSpace(PHYSICAL_ADDRESS address, SIZE_T bytes, MEMORY_CACHING_TYPE)
 {
     enter_at_most(DISPATCH_LEVEL, "MmMapIoSpace");
+    scheduler().preemption_point();
     ExecutiveState& kernel = executive();
     const auto base = static_cast<std::uint64_t>(address.QuadPart);
     if (bytes == 0)
         violation("MmMapIoSpace of 0 bytes");
-    if (kernel.faults.hit(Operation::map_io_space, hexadecimal(base)))
+    if (kernel.faults.hit(Operation::map_io_space, address_name(base)))
         return nullptr;
     return kernel.memory.map(base, bytes);
 }
@@ -40,6 +32,7 @@ PVOID NTAPI MmMapIoSpace(PHYSICAL_ADDRESS address, SIZE_T bytes, MEMORY_CACHING_
 VOID NTAPI MmUnmapIoSpace(PVOID window, SIZE_T bytes)
 {
     enter_at_most(DISPATCH_LEVEL, "MmUnmapIoSpace");
+    scheduler().preemption_point();
     executive().memory.unmap(window, bytes);
 }
 

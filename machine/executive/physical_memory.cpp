@@ -1,5 +1,6 @@
 #include "machine/executive/physical_memory.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <string>
 #include <system_error>
 
+#include "machine/executive/unanswered_memory.h"
 #include "machine/machine.h"
 
 namespace machine {
@@ -15,7 +17,7 @@ namespace {
 
 constexpr std::uint64_t conventional_bytes = 0xA0000;
 constexpr std::uint64_t four_gb = std::uint64_t{1} << 32;
-constexpr std::uint64_t page_bytes = 4096;
+constexpr std::uint64_t file_bytes_max = std::uint64_t{1} << 44;  // what 32-bit page numbers reach
 
 void check_transfer(ssize_t done, std::size_t wanted)
 {
@@ -23,34 +25,56 @@ void check_transfer(ssize_t done, std::size_t wanted)
         throw std::system_error(done < 0 ? errno : EIO, std::generic_category(), "physical memory file");
 }
 
+bool inside(const MemoryRange& range, std::uint64_t address, std::uint64_t bytes)
+{
+    return address >= range.base && address - range.base <= range.length &&
+           bytes <= range.length - (address - range.base);
+}
+
+std::uint64_t file_bytes(const PhysicalMemoryLayout& layout)
+{
+    std::uint64_t end =
+        std::max(conventional_bytes, layout.above_4g_bytes ? four_gb + layout.above_4g_bytes : 0);
+    for (const MemoryRange& range : layout.managed) {
+        if (range.base > file_bytes_max || range.length > file_bytes_max - range.base)
+            throw std::invalid_argument("a memory range ends beyond 16 TB");
+        end = std::max(end, range.base + range.length);
+    }
+    return end;
+}
+
 }  // namespace
 
-PhysicalMemory::PhysicalMemory(std::vector<MemoryRange> ranges, std::uint64_t above_4g_bytes)
-    : ranges_(std::move(ranges)), above_4g_bytes_(above_4g_bytes)
+PhysicalMemory::PhysicalMemory(PhysicalMemoryLayout layout)
+    : layout_(std::move(layout)), pages_(layout_.managed, layout_.piece_pages_max, layout_.seed)
 {
-    std::uint64_t end = std::max(conventional_bytes, above_4g_bytes ? four_gb + above_4g_bytes : 0);
-    for (const MemoryRange& range : ranges_)
-        end = std::max(end, range.base + range.length);
+    const std::uint64_t bytes = file_bytes(layout_);
     file_ = memfd_create("physical memory", MFD_CLOEXEC);
-    if (file_ < 0 || ftruncate(file_, static_cast<off_t>(end)) != 0)
+    if (file_ < 0 || ftruncate(file_, static_cast<off_t>(bytes)) != 0)
         throw std::system_error(errno, std::generic_category(), "cannot make the physical memory file");
 }
 
 PhysicalMemory::~PhysicalMemory()
 {
-    for (const Window& window : windows_)
+    for (const auto& [address, window] : windows_) {
+        forget_unanswered(window.mapped);
         munmap(window.mapped, window.mapped_bytes);
+    }
     close(file_);
 }
 
 bool PhysicalMemory::present(std::uint64_t address, std::uint64_t bytes) const
 {
-    const auto inside = [=](std::uint64_t base, std::uint64_t length) {
-        return address >= base && address - base <= length && bytes <= length - (address - base);
-    };
-    return inside(0, conventional_bytes) || inside(four_gb, above_4g_bytes_) ||
-           std::ranges::any_of(ranges_,
-                               [&](const MemoryRange& range) { return inside(range.base, range.length); });
+    return inside({0, conventional_bytes}, address, bytes) ||
+           inside({four_gb, layout_.above_4g_bytes}, address, bytes) ||
+           std::ranges::any_of(layout_.managed,
+                               [&](const MemoryRange& range) { return inside(range, address, bytes); });
+}
+
+bool PhysicalMemory::unanswered(std::uint64_t address, std::uint64_t bytes) const
+{
+    return std::ranges::any_of(layout_.unanswered,
+                               [&](const MemoryRange& range) { return inside(range, address, bytes); });
 }
 
 void PhysicalMemory::write(std::uint64_t address, std::span<const std::uint8_t> bytes)
@@ -67,36 +91,138 @@ void PhysicalMemory::read(std::uint64_t address, std::span<std::uint8_t> bytes) 
     check_transfer(pread(file_, bytes.data(), bytes.size(), static_cast<off_t>(address)), bytes.size());
 }
 
+bool PhysicalMemory::reserve(std::size_t bytes)
+{
+    std::lock_guard guard(lock_);
+    if (layout_.window_bytes_max && window_bytes_ + bytes > layout_.window_bytes_max)
+        return false;
+    window_bytes_ += bytes;
+    return true;
+}
+
+void PhysicalMemory::release(std::size_t bytes)
+{
+    std::lock_guard guard(lock_);
+    window_bytes_ -= bytes;
+}
+
+void* PhysicalMemory::keep(void* window, const Window& details)
+{
+    std::lock_guard guard(lock_);
+    windows_.emplace(window, details);
+    return window;
+}
+
 void* PhysicalMemory::map(std::uint64_t address, std::uint64_t bytes)
 {
-    if (bytes == 0 || bytes > SIZE_MAX - 2 * page_bytes || !present(address, bytes))
+    const bool nothing_answers = unanswered(address, bytes);
+    if (bytes == 0 || bytes > SIZE_MAX - 2 * page_bytes || (!nothing_answers && !present(address, bytes)))
         return nullptr;
     const std::uint64_t lead = address % page_bytes;
     const auto mapped_bytes =
         static_cast<std::size_t>((lead + bytes + page_bytes - 1) / page_bytes * page_bytes);
-    void* mapped = mmap(nullptr, mapped_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file_,
-                        static_cast<off_t>(address - lead));
-    if (mapped == MAP_FAILED)
+    if (!reserve(mapped_bytes))
         return nullptr;
-    void* window = static_cast<std::uint8_t*>(mapped) + lead;
-    std::lock_guard guard(lock_);
-    windows_.push_back({window, bytes, mapped, mapped_bytes});
-    return window;
+    void* mapped = nothing_answers ? map_unanswered(mapped_bytes)
+                                   : mmap(nullptr, mapped_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file_,
+                                          static_cast<off_t>(address - lead));
+    if (mapped == MAP_FAILED) {
+        release(mapped_bytes);
+        return nullptr;
+    }
+    return keep(static_cast<std::uint8_t*>(mapped) + lead, {bytes, mapped, mapped_bytes, nullptr});
 }
 
-void PhysicalMemory::unmap(void* address, std::uint64_t bytes)
+void PhysicalMemory::unmap(void* window, std::uint64_t bytes)
+{
+    close_window(window, bytes, nullptr);
+}
+
+std::vector<PageRun> PhysicalMemory::take_pages(std::uint64_t low, std::uint64_t high, std::uint64_t count)
+{
+    std::vector<PageRun> runs;
+    {
+        std::lock_guard guard(lock_);
+        runs = pages_.take(low / page_bytes, high / page_bytes, count);
+    }
+    for (const PageRun& run : runs)
+        drop_contents(run);
+    return runs;
+}
+
+void PhysicalMemory::give_pages(std::span<const PageRun> runs)
+{
+    for (const PageRun& run : runs)
+        drop_contents(run);
+    std::lock_guard guard(lock_);
+    for (const PageRun& run : runs)
+        pages_.give(run);
+}
+
+// Zeroes the pages and takes no host memory for them.
+void PhysicalMemory::drop_contents(const PageRun& run) const
+{
+    if (fallocate(file_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                  static_cast<off_t>(run.first * page_bytes),
+                  static_cast<off_t>(run.count * page_bytes)) != 0)
+        throw std::system_error(errno, std::generic_category(), "physical memory file");
+}
+
+// Over what is mapped at this place.
+bool PhysicalMemory::map_runs(std::uint8_t* place, std::span<const PageRun> runs) const
+{
+    for (const PageRun& run : runs) {
+        const auto bytes = static_cast<std::size_t>(run.count * page_bytes);
+        if (mmap(place, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, file_,
+                 static_cast<off_t>(run.first * page_bytes)) == MAP_FAILED)
+            return false;
+        place += bytes;
+    }
+    return true;
+}
+
+void* PhysicalMemory::map_pages(std::span<const PageRun> runs, const void* owner)
+{
+    std::uint64_t bytes = 0;
+    for (const PageRun& run : runs)
+        bytes += run.count * page_bytes;
+    const auto mapped_bytes = static_cast<std::size_t>(bytes);
+    if (bytes == 0 || bytes > SIZE_MAX || !reserve(mapped_bytes))
+        return nullptr;
+    void* mapped = mmap(nullptr, mapped_bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (mapped == MAP_FAILED || !map_runs(static_cast<std::uint8_t*>(mapped), runs)) {
+        if (mapped != MAP_FAILED)
+            munmap(mapped, mapped_bytes);
+        release(mapped_bytes);
+        return nullptr;
+    }
+    return keep(mapped, {bytes, mapped, mapped_bytes, owner});
+}
+
+void PhysicalMemory::unmap_pages(void* window, const void* owner)
+{
+    close_window(window, 0, owner);
+}
+
+// The length counts for windows on a physical range only.
+void PhysicalMemory::close_window(void* address, std::uint64_t bytes, const void* owner)
 {
     const char* broken = nullptr;
     {
         std::lock_guard guard(lock_);
-        const auto window = std::ranges::find(windows_, address, &Window::address);
-        if (window == windows_.end()) {
+        const auto found = windows_.find(address);
+        if (found == windows_.end()) {
             broken = "a mapping is undone that does not exist";
-        } else if (window->bytes != bytes) {
+        } else if (found->second.owner != owner) {
+            broken = "a mapping is undone in another shape than it was made in";
+        } else if (!owner && found->second.bytes != bytes) {
             broken = "a mapping is undone with another length than it was made with";
         } else {
-            munmap(window->mapped, window->mapped_bytes);
-            windows_.erase(window);
+            const Window window = found->second;
+            windows_.erase(found);
+            window_bytes_ -= window.mapped_bytes;
+            forget_unanswered(window.mapped);
+            munmap(window.mapped, window.mapped_bytes);
         }
     }
     if (broken)
@@ -107,6 +233,18 @@ std::size_t PhysicalMemory::windows() const
 {
     std::lock_guard guard(lock_);
     return windows_.size();
+}
+
+std::uint64_t PhysicalMemory::window_bytes() const
+{
+    std::lock_guard guard(lock_);
+    return window_bytes_;
+}
+
+std::uint64_t PhysicalMemory::pages_in_use() const
+{
+    std::lock_guard guard(lock_);
+    return pages_.in_use();
 }
 
 }  // namespace machine

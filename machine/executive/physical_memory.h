@@ -1,28 +1,35 @@
 // Physical memory as one sparse memory file. Conventional memory below 640 KB, the managed ranges and
-// memory above 4 GB are offsets in it; a mapping is a real mmap of it.
+// memory above 4 GB are offsets in it; a mapping is a real mmap of it. Any thread may call; misuse is a
+// violation.
 #pragma once
 
 #include <cstdint>
 #include <mutex>
 #include <span>
+#include <unordered_map>
 #include <vector>
+
+#include "machine/executive/page_allocator.h"
 
 namespace machine {
 
-struct MemoryRange {
-    std::uint64_t base;    // physical address in bytes
-    std::uint64_t length;  // bytes
+struct PhysicalMemoryLayout {
+    std::vector<MemoryRange> managed;     // what the system manages
+    std::uint64_t above_4g_bytes = 0;     // memory from 4 GB up that it does not manage
+    std::vector<MemoryRange> unanswered;  // whole pages where nothing answers; see unanswered_memory.h
+    std::uint64_t window_bytes_max = 0;   // what may be mapped at once; 0: what the process can
+    std::uint32_t piece_pages_max = 0;    // see PageAllocator
+    std::uint64_t seed = 1;
 };
 
 class PhysicalMemory {
 public:
-    // ranges: what the system manages; above_4g_bytes: memory from 4 GB up that it does not.
-    PhysicalMemory(std::vector<MemoryRange> ranges, std::uint64_t above_4g_bytes);
+    explicit PhysicalMemory(PhysicalMemoryLayout layout);
     ~PhysicalMemory();
     PhysicalMemory(const PhysicalMemory&) = delete;
     PhysicalMemory& operator=(const PhysicalMemory&) = delete;
 
-    const std::vector<MemoryRange>& ranges() const { return ranges_; }
+    const std::vector<MemoryRange>& ranges() const { return layout_.managed; }
 
     // Whether memory stands behind all of these addresses (conventional memory always does).
     bool present(std::uint64_t address, std::uint64_t bytes) const;
@@ -32,23 +39,43 @@ public:
     void read(std::uint64_t address, std::span<std::uint8_t> bytes) const;
 
     // A window: virtual address of the given physical range (any alignment), null when the range is
-    // not present or no address space is left. Undone with the same address and length only.
+    // not present or no window space is left. Undone with the same address and length only.
     void* map(std::uint64_t address, std::uint64_t bytes);
     void unmap(void* window, std::uint64_t bytes);
+
+    // Managed pages, zeroed, with addresses from low to high; fewer when there are no more.
+    std::vector<PageRun> take_pages(std::uint64_t low, std::uint64_t high, std::uint64_t count);
+    void give_pages(std::span<const PageRun> runs);
+    // A window on pages in this order, for this owner; null when no window space is left. Undone with
+    // the same address and owner only.
+    void* map_pages(std::span<const PageRun> runs, const void* owner);
+    void unmap_pages(void* window, const void* owner);
+
     std::size_t windows() const;
+    std::uint64_t window_bytes() const;
+    std::uint64_t pages_in_use() const;
 
 private:
     struct Window {
-        void* address;
         std::uint64_t bytes;
         void* mapped;
         std::size_t mapped_bytes;
+        const void* owner;  // null: a window on a physical range
     };
+    bool unanswered(std::uint64_t address, std::uint64_t bytes) const;
+    bool reserve(std::size_t bytes);
+    void release(std::size_t bytes);
+    void* keep(void* window, const Window& details);
+    void close_window(void* window, std::uint64_t bytes, const void* owner);
+    bool map_runs(std::uint8_t* place, std::span<const PageRun> runs) const;
+    void drop_contents(const PageRun& run) const;
+
     int file_ = -1;
-    std::vector<MemoryRange> ranges_;
-    std::uint64_t above_4g_bytes_;
-    mutable std::mutex lock_;  // guards windows_
-    std::vector<Window> windows_;
+    const PhysicalMemoryLayout layout_;
+    mutable std::mutex lock_;  // guards what follows
+    PageAllocator pages_;
+    std::unordered_map<void*, Window> windows_;
+    std::uint64_t window_bytes_ = 0;
 };
 
 }  // namespace machine

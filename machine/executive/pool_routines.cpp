@@ -37,7 +37,10 @@ PVOID NTAPI ExAllocatePool(POOL_TYPE type, SIZE_T bytes)
 VOID NTAPI ExFreePoolWithTag(PVOID block, ULONG tag)
 {
     enter_at_most(DISPATCH_LEVEL, "ExFreePoolWithTag");
-    executive().pool.free(block, tag);
+    ExecutiveState& kernel = executive();
+    if (kernel.page_lists.holds_pages(block))
+        violation("a page list is freed before its pages");
+    kernel.pool.free(block, tag);
 }
 
 VOID NTAPI ExFreePool(PVOID block)

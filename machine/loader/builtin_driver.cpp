@@ -9,6 +9,7 @@ extern "C" {
 NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registry_path);
 extern std::uint8_t qrn_driver_data_begin[];
 extern std::uint8_t qrn_driver_data_end[];
+extern std::uint8_t QRN_Cache_Stats[] __attribute__((weak));  // the one thing a driver may export
 }
 
 namespace machine {
@@ -32,10 +33,19 @@ public:
             return data;
         }();
         copy_data(qrn_driver_data_begin, initial.data(), bytes);
+        loaded_ = true;
         return DriverEntry;
     }
 
     std::string name() const override { return "builtin"; }
+
+    void* exported(const std::string& name) const override
+    {
+        return loaded_ && name == "QRN_Cache_Stats" ? QRN_Cache_Stats : nullptr;
+    }
+
+private:
+    bool loaded_ = false;
 };
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -85,15 +86,23 @@ public:
         for (std::size_t i = 0; i < imports_.size(); ++i)
             store_dword(base + image_.imports[i].slot,
                         static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(imports_[i])));
+        base_ = base;
         return reinterpret_cast<Entry>(base + image_.entry);
     }
 
     std::string name() const override { return path_; }
 
+    void* exported(const std::string& name) const override
+    {
+        const auto found = std::ranges::find(image_.exports, name, &PeExport::name);
+        return base_ && found != image_.exports.end() ? base_ + found->address : nullptr;
+    }
+
 private:
     const std::string path_;
     PeImage image_;
     std::vector<void*> imports_;
+    std::uint8_t* base_ = nullptr;  // of the last copy
 };
 
 }  // namespace

@@ -17,6 +17,9 @@ public:
     // Puts the driver's data into its initial state and returns its entry point.
     virtual Entry load() = 0;
     virtual std::string name() const = 0;
+    // Where the copy of the driver that was loaded last has the data of this name; null when it exports
+    // no such thing or was not loaded.
+    virtual void* exported(const std::string&) const { return nullptr; }
 };
 
 // The driver that is linked into the program.

@@ -62,6 +62,15 @@ struct ImportDescriptor {
     Le32 Slots;  // table of the same length that receives the routines' addresses
 };
 
+struct ExportDirectory {
+    std::uint8_t Unused_0[20];
+    Le32 Address_Count;
+    Le32 Name_Count;
+    Le32 Addresses;  // table of Le32
+    Le32 Names;      // table of Le32: addresses of names
+    Le32 Indexes;    // table of Le16, beside the names: each one's place in the table of addresses
+};
+
 // Followed by Le16 entries: the type in the high 4 bits, the offset in the page in the low 12.
 struct RelocationBlock {
     Le32 Page;
@@ -77,6 +86,7 @@ constexpr std::uint16_t optional_magic_32 = 0x10B;
 constexpr std::uint16_t subsystem_native = 1;
 constexpr std::uint32_t section_executable = 0x20000000;
 constexpr std::uint32_t import_by_ordinal = 0x80000000;
+constexpr unsigned directory_export = 0;
 constexpr unsigned directory_import = 1;
 constexpr unsigned directory_relocation = 5;
 constexpr unsigned directory_thread_storage = 9;
@@ -99,6 +109,8 @@ static_assert(sizeof(SectionHeader) == 40);
 static_assert(offsetof(SectionHeader, Characteristics) == 36);
 static_assert(sizeof(ImportDescriptor) == 20);
 static_assert(offsetof(ImportDescriptor, Module_Name) == 12);
+static_assert(sizeof(ExportDirectory) == 40);
+static_assert(offsetof(ExportDirectory, Addresses) == 28);
 static_assert(sizeof(RelocationBlock) == 8);
 
 }  // namespace machine::pe

@@ -17,6 +17,7 @@ constexpr std::uint32_t image_bytes_max = 16u << 20;
 constexpr unsigned section_count_max = 96;
 constexpr unsigned directory_count_max = 16;
 constexpr unsigned import_count_max = 4096;
+constexpr unsigned export_count_max = 256;
 constexpr unsigned name_bytes_max = 256;
 constexpr std::uint32_t page_bytes = 4096;
 
@@ -247,6 +248,36 @@ std::vector<PeImport> read_imports(Bytes layout, const DataDirectory& directory,
     }
 }
 
+// An address inside the directory itself would be the name of another module's routine.
+bool forwards(const DataDirectory& directory, std::uint32_t address)
+{
+    return address - directory.Address.get() < directory.Bytes.get();
+}
+
+std::vector<PeExport> read_exports(Bytes layout, const DataDirectory& place,
+                                   const std::vector<Section>& sections)
+{
+    std::vector<PeExport> exports;
+    if (place.Address.get() == 0)
+        return exports;
+    const auto directory = read<ExportDirectory>(layout, place.Address.get(), "the export directory");
+    require(directory.Name_Count.get() <= export_count_max, "it exports too many names");
+    for (std::uint64_t i = 0; i < directory.Name_Count.get(); ++i) {
+        const auto name = read<Le32>(layout, directory.Names.get() + i * sizeof(Le32), "the list of exports");
+        const auto index =
+            read<Le16>(layout, directory.Indexes.get() + i * sizeof(Le16), "the list of exports").get();
+        require(index < directory.Address_Count.get(), "an exported name has no address");
+        const auto address =
+            read<Le32>(layout, directory.Addresses.get() + std::uint64_t{index} * sizeof(Le32),
+                       "the list of exports")
+                .get();
+        require(inside_a_section(sections, address, 1) && !forwards(place, address),
+                "an export lies outside the sections");
+        exports.push_back({read_name(layout, name.get(), "an exported name"), address});
+    }
+    return exports;
+}
+
 }  // namespace
 
 PeImage parse_pe_image(std::span<const std::uint8_t> file)
@@ -273,6 +304,7 @@ PeImage parse_pe_image(std::span<const std::uint8_t> file)
     image.relocations =
         read_relocations(image.layout, headers.directory(file, directory_relocation), sections);
     image.imports = read_imports(image.layout, headers.directory(file, directory_import), sections);
+    image.exports = read_exports(image.layout, headers.directory(file, directory_export), sections);
     return image;
 }
 

@@ -49,6 +49,11 @@ LinkCounters UdpLink::counters() const
     return counters;
 }
 
+std::uint16_t UdpLink::port() const
+{
+    return parts_->socket->port();
+}
+
 void UdpLink::send(const formats::ServerRecord& to, std::span<const std::uint8_t> header,
                    std::span<const std::uint8_t> data)
 {

@@ -21,6 +21,8 @@ public:
     ~UdpLink() override;
 
     LinkCounters counters() const;
+    // The UDP port that answers come to.
+    std::uint16_t port() const;
 
     void send(const formats::ServerRecord& to, std::span<const std::uint8_t> header,
               std::span<const std::uint8_t> data) override;

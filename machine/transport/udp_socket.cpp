@@ -58,6 +58,14 @@ UdpSocket::~UdpSocket()
     close(descriptor_);
 }
 
+std::uint16_t UdpSocket::port() const
+{
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &size);
+    return ntohs(address.sin_port);
+}
+
 void UdpSocket::shut_down()
 {
     // Reports that the socket has no peer, and still wakes whoever waits on it.

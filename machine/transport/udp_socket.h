@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 
 namespace machine {
@@ -17,6 +18,7 @@ public:
     UdpSocket& operator=(const UdpSocket&) = delete;
 
     int descriptor() const { return descriptor_; }
+    std::uint16_t port() const;
     // Ends a wait for packets that is going on, and all later ones.
     void shut_down();
 

@@ -83,6 +83,7 @@ TEST(PaeProbe, Counts_blocks_above_4_GB_that_hold_a_write_and_restores_them)
         unsigned mappings;  // that succeed
         LONG expected_blocks;
         std::string messages;
+        std::uint64_t answering_mb = 0;  // above 4 GB, nothing answers behind so many; 0: all of it answers
     };
     const std::string off = "\nQRN MDL: PAE Flag:0", on = "\nQRN MDL: PAE Flag:1";
     const Row rows[] = {
@@ -94,10 +95,14 @@ TEST(PaeProbe, Counts_blocks_above_4_GB_that_hold_a_write_and_restores_them)
         {2, 3500, 11, false, any, 2, "\nQRN MDL: PAE Flag:2" + (visible + std::string(memory)) + "8MB 2"},
         {1, 3500, 0, false, any, 0, on + visible + memory + "0MB 0"},
         {1, 3500, 4096, false, 3, 3, on + visible + memory + "12MB 3"},
-        {1, 3500, 61 * 1024, false, any, 15360, on + visible + memory + "61440MB 15360"}};
+        {1, 3500, 61 * 1024, false, any, 15360, on + visible + memory + "61440MB 15360"},
+        {1, 3500, 4096, false, any, 7, on + visible + memory + "28MB 7", 7 * 4}};
     for (const Row& row : rows) {
         SCOPED_TRACE(&row - rows);
-        DriverPiece driver(with_ranges({{mb, row.visible_mb * mb}}, row.above_4g_mb * mb, row.mm64bit));
+        MachineConfig config = with_ranges({{mb, row.visible_mb * mb}}, row.above_4g_mb * mb, row.mm64bit);
+        if (row.answering_mb)
+            config.unanswered_ranges = {{4 * gb + row.answering_mb * mb, gb}};
+        DriverPiece driver(config);
         if (row.pae_flag)
             driver.machine.registry().set_dword(machine::Registry::memory_management_key,
                                                 u"PhysicalAddressExtension", *row.pae_flag);

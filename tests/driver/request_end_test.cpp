@@ -1,5 +1,5 @@
 // How internal records end and how the image synchronisation is stopped.
-#include "driver/engine/image_route.h"
+#include "driver/image/image_sync.h"
 #include "driver/miniport/completion.h"
 #include "driver/miniport/request.h"
 #include "driver/net/shutdown_notice.h"

@@ -6,7 +6,7 @@ import socket
 import struct
 import unittest
 
-from harness import MB, NBDCOPY_IN, Case, Server, Station
+from harness import MB, Case, Server, Station
 
 NBD_MAGIC, OPTION_MAGIC, REQUEST_MAGIC = b"NBDMAGIC", b"IHAVEOPT", 0x25609513
 OPTION_EXPORT_NAME, COMMAND_READ, COMMAND_WRITE = 1, 0, 1
@@ -44,7 +44,7 @@ class Connections(Case):
         self.station = Station(self, self.server)
 
     def test_Four_disks_are_read_and_written_at_once(self):
-        clients = [self.start_client(*NBDCOPY_IN, self.image, self.station.uri(lun)) for lun in (1, 2, 3)]
+        clients = [self.start_client("nbdcopy", "--flush", self.image, self.station.uri(lun)) for lun in (1, 2, 3)]
         copies = [self.path(f"copy{n}") for n in range(3)]
         clients += [self.start_client("nbdcopy", self.station.uri(0), copy) for copy in copies]
         for client in clients:

@@ -2,7 +2,7 @@
 """Whole disks through the driver, in both directions and with both ways of handing the disks over."""
 import unittest
 
-from harness import NBDCOPY_IN, Case, Server, Station
+from harness import Case, Server, Station
 
 
 class Copy(Case):
@@ -24,7 +24,7 @@ class Copy(Case):
 
     def test_What_nbdcopy_wrote_is_on_the_server_once_it_is_done(self):
         self.boot()
-        self.client(*NBDCOPY_IN, self.image, self.station.uri(1))
+        self.client("nbdcopy", "--flush", self.image, self.station.uri(1))
         self.assert_same_content(self.image, self.target)
 
     def test_What_qemu_img_wrote_is_on_the_server_once_it_is_done(self):

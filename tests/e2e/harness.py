@@ -22,10 +22,6 @@ MB = 1 << 20
 READY_TIMEOUT_S = 15
 CLIENT_TIMEOUT_S = 60
 
-# Debian's nbdcopy (1.14) stumbles when it finds zeros to write, has other writes in flight and the server
-# has no request for zeros; so it does not look for any.
-NBDCOPY_IN = ("nbdcopy", "--no-extents", "--sparse=0", "--flush")
-
 
 def die_with_parent():
     """A test that is killed leaves no server behind."""
@@ -86,13 +82,13 @@ class Server(Program):
 
 
 class Station(Program):
-    def __init__(self, case, server, registry=(), handover="low-memory"):
+    def __init__(self, case, server, registry=(), handover="low-memory", options=()):
         self.socket_path = case.path("nbd.sock")
         self.statistics_path = case.path("station.json")
         self.log_path = case.path("station.log")
         arguments = [f"{BIN}/qrn-station", "--boot-block", server.boot_block_path, "--driver", DRIVER,
                      "--handover", handover, "--nbd", f"unix:{self.socket_path}",
-                     "--log", self.log_path, "--stats-json", self.statistics_path]
+                     "--log", self.log_path, "--stats-json", self.statistics_path, *options]
         for setting in registry:
             arguments += ["--reg", setting]
         super().__init__(case, "station", arguments)

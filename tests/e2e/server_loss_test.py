@@ -3,7 +3,7 @@
 import time
 import unittest
 
-from harness import MB, NBDCOPY_IN, Case, Server, Station, stored_bytes
+from harness import MB, Case, Server, Station, stored_bytes
 
 OUTAGE_S = 4
 DISK_MB = 24
@@ -41,7 +41,7 @@ class ServerLoss(Case):
         self.mirrored()
         station = Station(self, self.main, registry=["HOT_RETRYS=1"])
         source = self.random_disk("source", DISK_MB, seed=2)
-        writer = self.start_client(*NBDCOPY_IN, *ONE_BY_ONE, source, station.uri(1))
+        writer = self.start_client("nbdcopy", "--flush", *ONE_BY_ONE, source, station.uri(1))
         self.wait_until(lambda: stored_bytes(self.on_mirror) > 2 * MB, "writing has begun")
         self.main.kill()
         self.assertIsNone(writer.poll(), "writing was over before the server was killed")
@@ -55,7 +55,7 @@ class ServerLoss(Case):
         self.mirrored()
         station = Station(self, self.main, registry=["HOT_RETRYS=1"])
         source = self.random_disk("source", DISK_MB, seed=3)
-        writer = self.start_client(*NBDCOPY_IN, *ONE_BY_ONE, source, station.uri(1))
+        writer = self.start_client("nbdcopy", "--flush", *ONE_BY_ONE, source, station.uri(1))
         self.wait_until(lambda: stored_bytes(self.on_main) > 2 * MB, "writing has begun")
         self.mirror.kill()
         self.assertIsNone(writer.poll(), "writing was over before the server was killed")

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <array>
 #include <filesystem>
 
 #include <nt.h>
@@ -39,6 +40,7 @@ TEST_F(DriverFile, Runs_with_its_imports_bound_and_with_fresh_data_after_each_lo
 {
     const auto driver = machine::driver_file(TOY_DRIVER);
     EXPECT_EQ(driver->name(), TOY_DRIVER);
+    EXPECT_EQ(driver->exported("toy_calls"), nullptr) << "not loaded";
     for (const bool mm64bit : {false, true}) {
         machine::MachineConfig config;
         config.mm64bit = mm64bit;
@@ -46,11 +48,17 @@ TEST_F(DriverFile, Runs_with_its_imports_bound_and_with_fresh_data_after_each_lo
         const NTSTATUS found = mm64bit ? 0x300 : 0x100;
         machine.run([&] {
             const auto first = driver->load();
+            const auto* const first_data = static_cast<ULONG*>(driver->exported("toy_calls"));
+            ASSERT_TRUE(first_data);
             EXPECT_EQ(first(nullptr, nullptr), found + 2);
             EXPECT_EQ(first(nullptr, nullptr), found + 4);
             const auto second = driver->load();
             EXPECT_EQ(second(nullptr, nullptr), found + 2);
             EXPECT_EQ(first(nullptr, nullptr), found + 6) << "the copy before has gone";
+            const auto* const second_data = static_cast<ULONG*>(driver->exported("toy_calls"));
+            EXPECT_EQ((std::array{first_data[0], first_data[1], second_data[0], second_data[1]}),
+                      (std::array<ULONG, 4>{17, 3, 17, 1}));
+            EXPECT_EQ(driver->exported("initialised"), nullptr);
         });
         EXPECT_EQ(machine.log().count("\ntoy 8 two"), 2u);
     }

@@ -32,6 +32,8 @@ void expect_safe(const machine::PeImage& image, const std::string& what)
         ASSERT_TRUE(holds(image, place)) << what;
     for (const auto& import : image.imports)
         ASSERT_TRUE(holds(image, import.slot)) << what;
+    for (const auto& exported : image.exports)
+        ASSERT_LT(exported.address, image.layout.size()) << what;
 }
 
 TEST(PeImage, Every_truncation_is_rejected)
@@ -50,6 +52,9 @@ TEST(PeImage, Each_kind_of_damage_is_named)
     using T = ToyFile;
     const auto first_name = [](T& t) -> Le32& {
         return t.at<Le32>(t.offset_of(".idata", t.first_import().Names.get()));
+    };
+    const auto exported_address = [](T& t) -> Le32& {
+        return t.at<Le32>(t.offset_of(".edata", t.exports().Addresses.get()));
     };
     const struct {
         const char* message;
@@ -89,6 +94,15 @@ TEST(PeImage, Each_kind_of_damage_is_named)
         {"routine's name lies outside", [&](T& t) { first_name(t).set(0x7FFFFFFF); }},
         {"module's name is no name", [](T& t) { t.first_import().Module_Name.set(0x3C); }},
         {"import slot", [](T& t) { t.first_import().Slots.set(0); }},
+        {"export directory lies outside",
+         [](T& t) { t.directory(directory_export).Address.set(0xFFFFFFF0); }},
+        {"too many names", [](T& t) { t.exports().Name_Count.set(0x10000); }},
+        {"list of exports lies outside", [](T& t) { t.exports().Names.set(0xFFFFFFFC); }},
+        {"list of exports lies outside", [](T& t) { t.exports().Addresses.set(0x7FFFFFFC); }},
+        {"has no address", [](T& t) { t.exports().Address_Count.set(0); }},
+        {"export lies outside the sections", [&](T& t) { exported_address(t).set(0xFFFFFFFF); }},
+        {"export lies outside the sections",
+         [&](T& t) { exported_address(t) = t.directory(directory_export).Address; }},
         {"checksum", [](T& t) { t = T(), t.bytes.back() ^= 0x10; }},
     };
     for (const auto& damage : damages) {
@@ -108,7 +122,8 @@ TEST(PeImage, Random_damage_is_rejected_or_leads_nowhere_outside_the_image)
     intact.optional().Checksum.set(0);
     // Headers and tables are what the parser follows.
     const std::size_t places[] = {0, intact.file_offset(), intact.section(".idata").File_Offset.get(),
-                                  intact.section(".reloc").File_Offset.get()};
+                                  intact.section(".reloc").File_Offset.get(),
+                                  intact.section(".edata").File_Offset.get()};
     std::mt19937 random(seed);
     unsigned accepted = 0;
     for (unsigned round = 0; round < rounds; ++round) {

@@ -2,6 +2,9 @@
 // answers with what it finds.
 #include <nt.h>
 
+extern "C" __declspec(dllexport) volatile ULONG toy_calls[2];
+volatile ULONG toy_calls[2] = {17, 0};
+
 namespace {
 volatile ULONG initialised = 7;                 // data
 volatile ULONG zeroed;                          // no bytes in the file
@@ -20,6 +23,7 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT, PUNICODE_STRING)
 {
     initialised = initialised + 1;
     zeroed = zeroed + 1;
+    toy_calls[1] = toy_calls[1] + 1;
     helper = twice;
 
     KSPIN_LOCK lock;

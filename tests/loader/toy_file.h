@@ -59,6 +59,11 @@ public:
         return at<machine::pe::ImportDescriptor>(
             offset_of(".idata", directory(machine::pe::directory_import).Address.get()));
     }
+    machine::pe::ExportDirectory& exports()
+    {
+        return at<machine::pe::ExportDirectory>(
+            offset_of(".edata", directory(machine::pe::directory_export).Address.get()));
+    }
     machine::pe::RelocationBlock& first_relocations()
     {
         return at<machine::pe::RelocationBlock>(

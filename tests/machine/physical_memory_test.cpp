@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 
 #include "tests/machine/kernel_test.h"
@@ -62,6 +63,34 @@ TEST(Physical_memory, Only_memory_that_is_there_can_be_mapped)
             if (mapped)
                 undo(mapped, expected.bytes);
         }
+    });
+}
+
+TEST(Physical_memory, Where_nothing_answers_writes_are_lost_and_reads_give_ones)
+{
+    Machine machine({.unmanaged_above_4g_bytes = 8 * mb, .unanswered_ranges = {{4 * gb + 4 * mb, gb}}});
+    run_to_end(machine, [&] {
+        volatile ULONG* const there = window(4 * gb, 4 * mb);
+        volatile ULONG* const empty = window(4 * gb + 4 * mb, 4 * mb);
+        ASSERT_TRUE(there && empty);
+        there[3] = 5;
+        for (const unsigned place : {0u, 1023u, 1024u, unsigned{mb - 1}}) {
+            EXPECT_EQ(empty[place], ~0u);
+            empty[place] = 0x12345678;
+            EXPECT_EQ(InterlockedExchange(reinterpret_cast<volatile LONG*>(empty + place), 7), -1);
+            EXPECT_EQ(empty[place], ~0u);
+        }
+        // One instruction may touch two pages, or many bytes of them.
+        auto* const across = reinterpret_cast<volatile std::uint8_t*>(empty) + 4094;
+        asm volatile("movl $1, %0" : "=m"(*reinterpret_cast<volatile std::uint8_t(*)[4]>(across)));
+        std::array<std::uint8_t, 64> copied{};
+        std::size_t count = copied.size();
+        void *from = const_cast<std::uint8_t*>(across), *to = copied.data();
+        asm volatile("rep movsb" : "+D"(to), "+S"(from), "+c"(count) : : "memory");
+        EXPECT_EQ(std::ranges::count(copied, 0xFF), 64);
+        EXPECT_EQ(there[3], 5u);
+        undo(empty, 4 * mb);
+        undo(there, 4 * mb);
     });
 }
 

@@ -192,6 +192,26 @@ TEST(Receive, Data_that_is_cut_short_or_lies_outside_the_packet_is_ignored)
                        });
 }
 
+// Whatever its sub code, which is printed as it came.
+TEST(Receive, Acknowledgements_are_printed_with_what_the_server_misses)
+{
+    Rig rig({.settings = {{"RW_THREADS", 1}}});
+    rig.script([&](const SeenPacket& packet) {
+        if (packet.header().Recv_Mask.get() != 0)
+            return rig.answer(write_done(packet));
+        Bytes missing = acknowledge(packet, 0xFFFD);
+        missing[4] = 0x37;
+        rig.answer(missing);
+    });
+    rig.run([&] {
+        Bytes data(512 * 3);
+        Pending(rig).write(0, 16, data).wait();
+    });
+    const std::string worker = std::to_string(rig.packets()[0].header().Worker_Byte & 7);
+    EXPECT_EQ(rig.log_count("\nQRN SCSI: Recv ACK: 0" + worker + " 5B37     1-00 0002"), 2u)
+        << rig.machine.log().text();
+}
+
 // One worker, so that answers to a request that is over find another one of the same worker in flight.
 TEST(Receive, Answers_after_completion_change_nothing)
 {

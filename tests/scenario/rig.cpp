@@ -17,6 +17,7 @@ static machine::MachineConfig machine_config(const Plan& plan)
     config.seed = plan.seed;
     config.reset_ports_work = plan.reset_ports_work;
     config.base_memory_kb = plan.base_memory_kb;
+    config.memory_ranges = plan.memory_ranges;
     return config;
 }
 
@@ -91,9 +92,14 @@ SimulatedServer::SimulatedServer(machine::Scheduler& scheduler, machine::Simulat
                                  const formats::ServerRecord& address, const Plan& plan)
     : scheduler_(scheduler), network_(network), address_(address), plan_(plan)
 {
-    for (const DiskPlan& disk : plan.disks)
+    for (const DiskPlan& disk : plan.disks) {
         stores_.push_back(std::make_unique<server::MemoryStore>(
             std::min<std::uint64_t>(disk.sectors, stored_sectors_max) * 512));
+        images_.push_back(disk.image.empty() ? nullptr
+                                             : std::make_unique<server::MemoryStore>(disk.image.size()));
+        if (images_.back())
+            images_.back()->bytes() = disk.image;
+    }
 }
 
 void SimulatedServer::start()
@@ -103,7 +109,8 @@ void SimulatedServer::start()
         server::DiskOptions options;
         auto id = disk_id(lun, plan_.disks[lun].mirrored);
         std::memcpy(options.disk_id, id.data(), id.size());
-        protocol_->add_disk(options, *stores_[lun]);
+        options.cache_mb = plan_.disks[lun].cache_word;
+        protocol_->add_disk(options, *stores_[lun], images_[lun].get());
     }
     network_.attach(
         address_, [this](const formats::ServerRecord& from, std::span<const std::uint8_t> packet) {

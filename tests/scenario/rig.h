@@ -31,7 +31,9 @@ struct DiskPlan {
     unsigned write_kb = 8;
     std::uint8_t retry_mins = 1;
     bool mirrored = false;
-    bool slave_server = true;  // of a mirrored disk; false: its record is empty from the start
+    bool slave_server = true;      // of a mirrored disk; false: its record is empty from the start
+    Bytes image = {};              // the servers' image area of the disk; empty: none
+    std::uint32_t cache_word = 0;  // what the servers answer to the cache negotiation
 };
 
 enum class Handover { low_memory, transport, none };
@@ -48,6 +50,7 @@ struct Plan {
     std::map<std::string, std::uint32_t> settings{};  // registry values of the service key
     bool reset_ports_work = true;
     std::uint16_t base_memory_kb = 600;
+    std::vector<machine::MemoryRange> memory_ranges{};  // empty: the machine's own
     // Has the last word on the block that is handed over; the servers serve the disks as planned.
     std::function<void(formats::Boot_Param&)> adjust_block = nullptr;
 };
@@ -84,6 +87,7 @@ private:
     formats::ServerRecord address_;
     Plan plan_;
     std::vector<std::unique_ptr<server::MemoryStore>> stores_;
+    std::vector<std::unique_ptr<server::MemoryStore>> images_;  // null: none
     std::unique_ptr<server::Protocol> protocol_;
 };
 

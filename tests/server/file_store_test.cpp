@@ -1,11 +1,9 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
+#include "tests/scratch_folder.h"
 #include "tests/server/workstation_model.h"
 
 using namespace server_test;
@@ -14,14 +12,7 @@ using server::open_file_store;
 namespace {
 
 struct File_store : testing::Test {
-    File_store()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qrn-store-XXXXXX").string();
-        directory = mkdtemp(pattern.data());
-        path = directory / "disk.img";
-        make(1 << 20);
-    }
-    ~File_store() override { std::filesystem::remove_all(directory); }
+    File_store() { make(1 << 20); }
     void make(std::uint64_t size) const
     {
         std::ofstream(path).close();
@@ -30,13 +21,14 @@ struct File_store : testing::Test {
     std::string refusal(bool readonly = false) const
     {
         try {
-            open_file_store(path.string(), readonly);
+            open_file_store(path, readonly);
         } catch (const std::exception& error) {
             return error.what();
         }
         return "";
     }
-    std::filesystem::path directory, path;
+    const ScratchFolder folder;
+    std::string path = folder / "disk.img";
 };
 
 TEST_F(File_store, Keeps_what_is_written_and_knows_its_holes_as_they_fill)
@@ -44,7 +36,7 @@ TEST_F(File_store, Keeps_what_is_written_and_knows_its_holes_as_they_fill)
     Bytes data(16384), read(16384);
     fill(data, 1);
     {
-        const auto store = open_file_store(path.string(), false);
+        const auto store = open_file_store(path, false);
         EXPECT_EQ(store->size_bytes(), 1u << 20);
         if (!store->hole(0, 1 << 20))
             GTEST_SKIP() << "this file system does not tell holes";
@@ -58,7 +50,7 @@ TEST_F(File_store, Keeps_what_is_written_and_knows_its_holes_as_they_fill)
         ASSERT_TRUE(store->write(131072, data));
         EXPECT_FALSE(store->hole(131072, 512));
     }
-    const auto store = open_file_store(path.string(), true);
+    const auto store = open_file_store(path, true);
     ASSERT_TRUE(store->read(65536, read));
     EXPECT_EQ(read, data);
     EXPECT_FALSE(store->write(0, data)) << "opened for reading only";
@@ -66,7 +58,7 @@ TEST_F(File_store, Keeps_what_is_written_and_knows_its_holes_as_they_fill)
 
 TEST_F(File_store, A_file_that_shrank_fails_instead_of_reading_as_zeros)
 {
-    const auto store = open_file_store(path.string(), false);
+    const auto store = open_file_store(path, false);
     std::filesystem::resize_file(path, 4096);
     Bytes data(8192);
     EXPECT_FALSE(store->read(0, data));
@@ -85,7 +77,7 @@ TEST_F(File_store, Unfit_files_are_refused_with_the_reason)
         EXPECT_NE(refusal().find(reason), std::string::npos) << size;
         EXPECT_EQ(refusal().empty(), *reason == 0) << size;
     }
-    path = directory;
+    path = folder / "";
     EXPECT_NE(refusal(true).find("neither a file nor a block device"), std::string::npos);
 }
 

@@ -1,81 +1,31 @@
 // The program as others run it: its arguments, its files, and a workstation over a real socket.
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
+#include "formats/image_area.h"
+#include "tests/program.h"
 #include "tests/server/workstation_model.h"
 
 using namespace server_test;
 
 namespace {
 
-std::string content_of(const std::filesystem::path& path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-struct Program : testing::Test {
-    Program()
+struct Program : ProgramTest {
+    Program() : ProgramTest(QRN_SERVER)
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qrn-server-XXXXXX").string();
-        directory = mkdtemp(pattern.data());
         for (const char* name : {"a.img", "b.img"}) {
-            std::ofstream(directory / name).close();
-            std::filesystem::resize_file(directory / name, 1 << 20);
+            std::ofstream(folder / name).close();
+            std::filesystem::resize_file(folder / name, 1 << 20);
         }
-    }
-    ~Program() override
-    {
-        if (process > 0)
-            stop(SIGKILL);
-        std::filesystem::remove_all(directory);
-    }
-
-    // Runs in the directory of the images, with output and errors in files there.
-    void start(const std::string& arguments)
-    {
-        const std::string line =
-            "cd " + directory.string() + " && exec " QRN_SERVER " " + arguments + " >out 2>err";
-        process = fork();
-        ASSERT_GE(process, 0);
-        if (process == 0)
-            _exit(execl("/bin/sh", "sh", "-c", line.c_str(), nullptr));
-    }
-    int wait_for_end()
-    {
-        int status = 0;
-        waitpid(std::exchange(process, 0), &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    int stop(int signal)
-    {
-        kill(process, signal);
-        return wait_for_end();
     }
     // The port that the program says it is ready on.
-    std::uint16_t ready_port()
+    std::uint16_t ready_port() const
     {
-        for (int tries = 0; tries < 1000; ++tries, usleep(10000)) {
-            const std::string line = content_of(directory / "out");
-            if (line.starts_with("ready ") && line.ends_with('\n'))
-                return static_cast<std::uint16_t>(std::stoi(line.substr(line.find(':') + 1)));
-        }
-        ADD_FAILURE() << "not ready: " << content_of(directory / "err");
-        return 0;
+        const std::string line = ready_line();
+        return static_cast<std::uint16_t>(std::stoi(line.substr(line.find(':') + 1)));
     }
-
-    std::filesystem::path directory;
-    pid_t process = 0;
 };
 
 TEST_F(Program, Wrong_arguments_get_one_line_and_status_2)
@@ -84,6 +34,7 @@ TEST_F(Program, Wrong_arguments_get_one_line_and_status_2)
     std::vector<std::pair<std::string, std::string>> cases = {
         {"--disk a.img", "--listen"},
         {"--listen 127.0.0.1:0", "--disk"},
+        {"--lisen 127.0.0.1:0 --disk a.img", "--lisen"},
         {a + " b.img", "b.img"},
         {"--listen localhost:1 --disk a.img", "not an IPv4 address"},
         {"--listen 127.0.0.1:65536 --disk a.img", "65535"},
@@ -95,26 +46,51 @@ TEST_F(Program, Wrong_arguments_get_one_line_and_status_2)
     std::istringstream options(
         "read_kb=0 read_kb=17 write_kb=1x slots=9 slots= retry_mins=256 id=515200 id=5152000g id=00000000 "
         "id=01380000 mirror=10.0.0.1 mirror=10.0.0.1:0 mirror=0.0.0.0:5 mirror=10.0.0.1:5,id=51520001 "
-        "delay_load delay_load=1 sloots=4 = -1");
+        "delay_load delay_load=1 image image= cache_mb=0 cache_mb=65536 cache_mb sloots=4 = -1");
     for (std::string option; options >> option;)
         cases.emplace_back(a + "," + option, "");
-    for (const auto& [arguments, reason] : cases) {
-        start(arguments);
-        EXPECT_EQ(wait_for_end(), 2) << arguments;
-        const std::string error = content_of(directory / "err");
-        EXPECT_NE(error.find(reason), std::string::npos) << error;
-        EXPECT_EQ(std::count(error.begin(), error.end(), '\n'), 1) << error;
-    }
+    for (const auto& [arguments, reason] : cases)
+        expect_failure(arguments, 2, reason);
+}
+
+TEST_F(Program, Only_a_whole_image_area_of_the_same_disk_is_served)
+{
+    formats::ImageHeader good{};
+    formats::set_new_image(good, (1 << 20) / 512);
+    good.Used.set(64);
+    const auto write_area = [&](formats::ImageHeader header, bool with_checksum = true) {
+        if (with_checksum)
+            header.ChkSum.set(formats::image_checksum(&header));
+        std::ofstream(folder / "area").write(reinterpret_cast<const char*>(&header), sizeof header);
+        std::filesystem::resize_file(folder / "area", 64 * 512);
+    };
+    const std::string with_area = "--listen 127.0.0.1:0 --disk a.img,image=area";
+    formats::ImageHeader other_size = good, longer = good;
+    other_size.Size.set(2047);
+    longer.Used.set(65);
+    expect_failure(with_area, 2, "area: No such file");
+    expect_failure("--listen 127.0.0.1:0 --disk a.img,image=b.img", 2, "b.img: is no image area");
+    write_area(good, false);
+    expect_failure(with_area, 2, "damaged");
+    write_area(other_size);
+    expect_failure(with_area, 2, "2047 sectors");
+    write_area(longer);
+    expect_failure(with_area, 2, "cut short");
+    write_area(good);
+    start(with_area + " --stats-json stats");
+    ready_port();
+    EXPECT_EQ(stop(SIGTERM), 0) << content_of("err");
+    EXPECT_EQ(nlohmann::json::parse(content_of("stats"))["disks"][0]["image"], "area");
 }
 
 TEST_F(Program, Boot_block_describes_the_disks_as_a_boot_loader_would)
 {
     start("--listen 0.0.0.0:0 --advertise 10.1.2.3 --boot-block bb "
           "--disk a.img,mirror=10.9.8.7:4660,read_kb=4,write_kb=16,slots=8 "
-          "--disk b.img,delay_load,readonly,retry_mins=7,id=A1B2C3D4");
+          "--disk b.img,delay_load,readonly,retry_mins=7,cache_mb=65535,id=A1B2C3D4");
     const std::uint16_t port = ready_port();
     EXPECT_EQ(stop(SIGTERM), 0);
-    const std::string text = content_of(directory / "bb");
+    const std::string text = content_of("bb");
     ASSERT_EQ(text.size(), 360u);
     const Bytes block(text.begin(), text.end());
     const auto at = [&](std::size_t offset, std::size_t size) {
@@ -129,7 +105,7 @@ TEST_F(Program, Boot_block_describes_the_disks_as_a_boot_loader_would)
     EXPECT_EQ(at(54, 4), Bytes({0x51, 0x52, 0x10, 0x01}));
     EXPECT_EQ(at(74, 8), Bytes({0x00, 0x08, 0, 0, 0x30, 0xF0, 0x08, 0}));
     EXPECT_EQ(at(90, 4), Bytes({0xA1, 0xB2, 0xC3, 0xD4}));
-    EXPECT_EQ(at(110, 8), Bytes({0x00, 0x08, 0, 0, 0xF0, 0xF0, 0x44, 7}));
+    EXPECT_EQ(at(110, 8), Bytes({0x00, 0x08, 0, 0, 0xF0, 0xF0, 0x54, 7}));
     EXPECT_EQ(at(120, 72), Bytes(72)) << "disks that do not exist";
     const Bytes self = {10, 1, 2, 3, 0, 0, 0, 0, 0, 0, high, low, 0, 0};
     EXPECT_EQ(at(216, 14), self);
@@ -177,7 +153,7 @@ TEST_F(Program, Polls_a_workstation_and_limits_its_retries_on_request)
     EXPECT_EQ(limit[4], 0xAA);
     EXPECT_EQ(limit[5], 0x55);
     EXPECT_EQ(stop(SIGTERM), 0);
-    const auto stats = nlohmann::json::parse(content_of(directory / "stats"));
+    const auto stats = nlohmann::json::parse(content_of("stats"));
     EXPECT_EQ(stats["workstations"][0]["disks"][0]["reads"], 99);
 }
 

@@ -5,24 +5,30 @@
 #include "tests/server/workstation_model.h"
 
 using namespace server_test;
-using formats::kind_read;
+using formats::kind_read, formats::kind_sync_read;
 
 namespace {
 
 struct Reads : ServerFixture, testing::Test {
-    Reads() { fill(store.bytes(), 1); }
+    Reads()
+    {
+        fill(store.bytes(), 1);
+        fill(image.bytes(), 2);
+    }
     Bytes expected(const Packet& packet)
     {
-        return stored(packet.header.Byte_Offset.get() / 512 - 1, packet.data.size());
+        return stored(packet.header.Kind == kind_sync_read ? image : store,
+                      packet.header.Byte_Offset.get() / 512 - 1, packet.data.size());
     }
 };
 
-TEST_F(Reads, Every_length_at_both_ends_of_the_disk_arrives_whole)
+TEST_F(Reads, Every_length_at_both_ends_of_disk_and_image_arrives_whole)
 {
-    const std::uint64_t sectors = store.size_bytes() / 512;
     for (unsigned length = 512; length <= 16384; length += 512)
-        for (const std::uint64_t sector : {std::uint64_t{0}, sectors - length / 512})
-            for (const std::uint8_t kind : {formats::kind_read, formats::kind_sync_read}) {
+        for (const std::uint8_t kind : {kind_read, kind_sync_read})
+            for (const bool at_end : {false, true}) {
+                const std::uint64_t size = (kind == kind_read ? store : image).size_bytes();
+                const std::uint64_t sector = at_end ? (size - length) / 512 : 0;
                 Packet packet(kind, sector, length, 1);
                 const auto answers = exchange(packet.request());
                 EXPECT_EQ(answers.size(), packet.fragments());
@@ -31,7 +37,30 @@ TEST_F(Reads, Every_length_at_both_ends_of_the_disk_arrives_whole)
                 ASSERT_TRUE(packet.complete()) << length;
                 ASSERT_EQ(packet.data, expected(packet)) << length << " bytes at sector " << sector;
             }
-    EXPECT_EQ(store.accesses_outside, 0u);
+    EXPECT_EQ(store.accesses_outside + image.accesses_outside, 0u);
+    EXPECT_EQ(counters().sync_reads, 64u);
+    EXPECT_EQ(counters().sync_bytes, counters().read_bytes);
+}
+
+TEST_F(Reads, Of_an_image_outside_of_it_or_without_one_are_counted_and_dropped)
+{
+    const std::uint64_t sectors = image.size_bytes() / 512;
+    for (const std::uint64_t sector : {~std::uint64_t{0}, sectors - 1, sectors, std::uint64_t{0x7FFFFFFFFF}})
+        EXPECT_TRUE(exchange(Packet(kind_sync_read, sector, 1024, 1).request()).empty()) << sector;
+    Packet where_negotiations_are(kind_sync_read, ~std::uint64_t{0}, 512, 1);
+    EXPECT_TRUE(exchange(where_negotiations_are.request()).empty());
+    EXPECT_EQ(protocol.dropped().bad_offset, 5u);
+    EXPECT_EQ(image.accesses_outside, 0u);
+
+    server::DiskOptions options;
+    std::memcpy(options.disk_id, other_disk_id, 4);
+    protocol.add_disk(options, store);
+    Packet of_other_disk(kind_sync_read, 0, 512, 1);
+    std::memcpy(of_other_disk.header.Disk_Id, other_disk_id, 4);
+    EXPECT_TRUE(exchange(of_other_disk.request()).empty());
+    EXPECT_EQ(protocol.dropped().no_image, 1u);
+    protocol.send_retry_limit(1);
+    EXPECT_EQ(sink.take().size(), 1u) << "the workstation cannot be told to give up";
 }
 
 TEST_F(Reads, A_query_is_answered_with_exactly_the_fragments_that_are_missing)

@@ -196,13 +196,13 @@ private:
     }
 };
 
-// A server with one disk of 1 MB, and a way to talk to it.
+// A server with one disk of 1 MB, an image area that is larger, and a way to talk to it.
 struct ServerFixture {
     explicit ServerFixture(std::uint64_t size_bytes = 1 << 20) : store(size_bytes)
     {
         server::DiskOptions options;
         std::memcpy(options.disk_id, disk_id, 4);
-        protocol.add_disk(options, store);
+        protocol.add_disk(options, store, &image);
     }
     std::vector<Bytes> exchange(const Bytes& packet, const server::Peer& from)
     {
@@ -211,14 +211,15 @@ struct ServerFixture {
     }
     std::vector<Bytes> exchange(const Bytes& packet) { return exchange(packet, workstation); }
     const server::DiskCounters& counters() const { return protocol.counters(0); }
-    Bytes stored(std::uint64_t sector, std::size_t bytes)
+    Bytes stored(std::uint64_t sector, std::size_t bytes) { return stored(store, sector, bytes); }
+    static Bytes stored(SparseStore& store, std::uint64_t sector, std::size_t bytes)
     {
         const auto begin = store.bytes().begin() + static_cast<std::ptrdiff_t>(sector * 512);
         return Bytes(begin, begin + static_cast<std::ptrdiff_t>(bytes));
     }
 
     RecordingSink sink;
-    SparseStore store;
+    SparseStore store, image{(1 << 20) + (64 << 10)};
     server::Protocol protocol{sink};
     server::Peer workstation = peer(7, 4001);
 };

@@ -9,7 +9,7 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "tests/station/scratch_folder.h"
+#include "tests/scratch_folder.h"
 
 using station::NbdAddress;
 using station::UniqueFd;
@@ -27,7 +27,7 @@ protected:
         return connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     }
 
-    const station_test::ScratchFolder folder;
+    const ScratchFolder folder;
     const std::string path = folder / "socket";
 };
 

@@ -104,6 +104,24 @@ TEST_F(Lun, Transfers_run_side_by_side_and_each_ends_once_with_its_last_piece)
     EXPECT_EQ(statistics.queue, 0u);
 }
 
+TEST_F(Lun, Zeros_cover_their_range_and_nothing_else_however_large_a_transfer_may_be)
+{
+    miniport.maximum_transfer_bytes = 256 << 10;
+    std::vector<std::uint8_t>& disk = miniport.disks[1];
+    disk.assign(disk_bytes, 0xEE);
+    with_queue([&](BlockQueue& queue) {
+        Job zeros(Transfer::Operation::zero, 512, 0);
+        zeros.length = disk_bytes - 1024;
+        queue.submit(zeros);
+        EXPECT_EQ(zeros.ended, 1u);
+        EXPECT_EQ(zeros.error, 0u);
+        EXPECT_EQ(std::count(disk.begin(), disk.begin() + 512, 0xEE), 512);
+        EXPECT_EQ(std::count(disk.begin() + 512, disk.end() - 512, 0), disk_bytes - 1024);
+        EXPECT_EQ(std::count(disk.end() - 512, disk.end(), 0xEE), 512);
+    });
+    EXPECT_EQ(statistics.sectors_written, disk_sectors - 2u);
+}
+
 TEST_F(Lun, Failed_piece_fails_its_transfer_alone_and_issues_no_more_of_it)
 {
     hold_transfers();

@@ -1,6 +1,7 @@
 // A disk in memory whose transfers end when the test says so, in the order it says.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -46,6 +47,7 @@ public:
     }
 
     std::vector<std::uint8_t> disk;
+    std::atomic<bool> fails = false;  // every transfer ends with an error
 
 private:
     class Queue : public station::BlockQueue {
@@ -77,6 +79,10 @@ private:
             std::memcpy(transfer.data, at, transfer.length);
         if (transfer.operation == station::Transfer::Operation::write)
             std::memcpy(at, transfer.data, transfer.length);
+        if (transfer.operation == station::Transfer::Operation::zero)
+            std::memset(at, 0, transfer.length);
+        if (fails)
+            transfer.error = 5;
         transfer.done(transfer);
     }
 

@@ -41,7 +41,7 @@ protected:
         start(limits);
         EXPECT_EQ(receive(18).size(), 18u);
         send(Writer().u32(3).add(option(1, Writer().text("lun0"))));
-        EXPECT_EQ(receive(10), Bytes(Writer().u64(disk_bytes).u16(261)));
+        EXPECT_EQ(receive(10), Bytes(Writer().u64(disk_bytes).u16(325)));
     }
     void TearDown() override
     {
@@ -110,6 +110,36 @@ TEST_F(Connection, Memory_and_requests_in_flight_are_bounded_by_not_reading)
             ASSERT_EQ(receive(16384), sectors(i * 16384, 16384));
         }
     }
+}
+
+TEST_F(Connection, Failed_and_refused_requests_get_their_error_and_the_next_one_is_served)
+{
+    constexpr std::uint32_t io = 5, invalid = 22, no_space = 28;
+    start_and_choose();
+    device->fails = true;
+    send(request(0, 1, 0, 1024));
+    EXPECT_EQ(receive(16), reply(1, io)) << "and no data";
+    send(Writer().add(request(1, 2, disk_bytes, 512)).zeroes(512));
+    EXPECT_EQ(receive(16), reply(2, no_space));
+    send(request(5, 3, 0, 4096));  // what no server of this kind knows
+    EXPECT_EQ(receive(16), reply(3, invalid));
+    send(request(6, 4, 4096, disk_bytes - 4096));
+    EXPECT_EQ(receive(16), reply(4, io));
+    device->fails = false;
+    send(request(0, 5, 512, 512));
+    EXPECT_EQ(receive(16), reply(5));
+    EXPECT_EQ(receive(512), sectors(512, 512));
+}
+
+TEST_F(Connection, Zeros_need_no_payload_and_no_memory)
+{
+    start_and_choose({.buffer_bytes = 4096});
+    send(request(6, 1, 512, disk_bytes - 1024));
+    EXPECT_EQ(receive(16), reply(1));
+    const auto begin = device->disk.begin();
+    EXPECT_EQ(std::count(begin + 512, device->disk.end() - 512, 0), disk_bytes - 1024);
+    EXPECT_NE(std::count(begin, begin + 512, 0), 512);
+    EXPECT_NE(std::count(device->disk.end() - 512, device->disk.end(), 0), 512);
 }
 
 TEST_F(Connection, Client_that_dies_midway_costs_only_its_connection)

@@ -109,7 +109,11 @@ TEST(NbdRequest, Check_answers_what_the_protocol_asks_for)
         {"flush of a range", {0, nbd::Command::flush, 0, 512, 512}, invalid},
         {"write with FUA, which is not offered", {1, nbd::Command::write, 0, 0, 512}, invalid},
         {"TRIM", {0, nbd::Command{4}, 0, 0, 512}, invalid},
-        {"WRITE_ZEROES", {0, nbd::Command{6}, 0, 0, 512}, invalid},
+        {"zeros of more than a write", {0, nbd::Command::write_zeroes, 0, 0, most + 512}, 0},
+        {"zeros to the end, no hole", {2, nbd::Command::write_zeroes, 0, 512, disk_bytes - 512}, 0},
+        {"zeros across the end", {0, nbd::Command::write_zeroes, 0, 512, disk_bytes}, no_space},
+        {"zeros that must be fast", {16, nbd::Command::write_zeroes, 0, 0, 512}, invalid},
+        {"write without a hole", {2, nbd::Command::write, 0, 0, 512}, invalid},
         {"a command nobody knows", {0, nbd::Command{999}, 0, 0, 512}, invalid},
     };
     for (const auto& each : cases)

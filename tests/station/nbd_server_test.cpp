@@ -7,9 +7,9 @@
 #include <cstring>
 #include <filesystem>
 
+#include "tests/scratch_folder.h"
 #include "tests/station/memory_device.h"
 #include "tests/station/nbd_client_bytes.h"
-#include "tests/station/scratch_folder.h"
 
 using namespace station;
 using namespace station_test;

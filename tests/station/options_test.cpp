@@ -5,7 +5,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "tests/station/scratch_folder.h"
+#include "tests/scratch_folder.h"
 
 using namespace station;
 
@@ -39,7 +39,7 @@ protected:
         return parse_options(static_cast<int>(argv.size()) - 1, argv.data());
     }
 
-    const station_test::ScratchFolder folder;
+    const ScratchFolder folder;
 };
 
 }  // namespace
@@ -47,12 +47,12 @@ protected:
 TEST_F(Arguments, Numbers_arrive)
 {
     const auto options =
-        parse("--boot-block @block --reg RW_THREADS=8 --reg RW_RACK=0x705 --memory 3000,above4g=4096");
+        parse("--boot-block @block --reg RW_THREADS=8 --reg PAE_SIZE=0xBB8 --memory 3000,above4g=16384");
     ASSERT_TRUE(options);
     EXPECT_EQ(options->settings,
-              (std::vector<std::pair<std::string, std::uint32_t>>{{"RW_THREADS", 8}, {"RW_RACK", 0x705}}));
+              (std::vector<std::pair<std::string, std::uint32_t>>{{"RW_THREADS", 8}, {"PAE_SIZE", 3000}}));
     EXPECT_EQ(options->memory_mb, 3000u);
-    EXPECT_EQ(options->above_4g_mb, 4096u);
+    EXPECT_EQ(options->above_4g_mb, 16384u);
 }
 
 TEST_F(Arguments, Wrong_ones_are_told_in_one_line_that_names_them)
@@ -70,11 +70,13 @@ TEST_F(Arguments, Wrong_ones_are_told_in_one_line_that_names_them)
         {"--boot-block @block --reg RW_THREADS=8x", "8x"},
         {"--boot-block @block --reg RW_THREADS=4294967296", "4294967296"},
         {"--boot-block @block --reg THREADS=8", "THREADS"},
+        {"--boot-block @block --memory=", "--memory"},
         {"--boot-block @block --memory 15", "15"},
         {"--boot-block @block --memory 3584", "3584"},
         {"--boot-block @block --memory lots", "lots"},
         {"--boot-block @block --memory 512,4096", "above4g"},
-        {"--boot-block @block --memory 512,above4g=61441", "61440"},
+        {"--boot-block @block --memory 3400,above4g=61441", "61440"},
+        {"--boot-block @block --memory 3326,above4g=64", "PAE_SIZE"},
     };
     for (const auto& [line, names] : cases) {
         SCOPED_TRACE(line);

@@ -5,13 +5,11 @@
 #include <filesystem>
 #include <string>
 
-namespace station_test {
-
 class ScratchFolder {
 public:
     ScratchFolder()
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qrn-station-XXXXXX").string();
+        std::string pattern = (std::filesystem::temp_directory_path() / "qrn-test-XXXXXX").string();
         folder_ = mkdtemp(pattern.data());
     }
     ~ScratchFolder() { std::filesystem::remove_all(folder_); }
@@ -23,5 +21,3 @@ public:
 private:
     std::string folder_;
 };
-
-}  // namespace station_test

@@ -1,0 +1,59 @@
+// The RAM cache of one disk. Writes stay in the cache; a written block goes to the server only when a later
+// write needs its room, and nothing is written back at shutdown. Reads take what is present and fetch every
+// run of absent sectors in one request, which is then kept where there is a block that never held data or
+// that holds other sectors of the same chunk.
+//
+// Called by the workers as a block object; Ctx is their worker block and goes on to the server objects as it
+// is. The memory object's Obj_Lock guards the region table and pLast, and is held for each piece (what lies
+// in one 64 KB chunk) but for its transfers with a server.
+#pragma once
+
+#include "driver/cache/memory_object.h"
+
+class QRNH_MEM_RW : public QRNH_OBJ_RW {
+public:
+    LONG Write(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes) override;
+    LONG Read(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes) override;
+    virtual LONG Write_To(ULONG_PTR Ctx, QRNH_OBJ_RW* pObj, ULONG Sector, PVOID pBuffer, LONG Bytes);
+    // 0 when the block may take data read from the server, otherwise -1.
+    virtual LONG Can_Fill(const LRU_Node* pNode);
+    // Keeps what was read from the server, as far as there is room for it.
+    virtual LONG Fill(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes);
+    // One piece: Bytes from sector Sec of the chunk named Key, of the Left bytes that the run still has.
+    virtual LONG Fill_Piece(ULONG_PTR Ctx, ULONG Sec, ULONG Key, UCHAR* pBuffer, LONG Left, LONG Bytes);
+    virtual LONG Write_Piece(ULONG_PTR Ctx, ULONG Sec, ULONG Key, UCHAR* pBuffer, LONG Left, LONG Bytes);
+    virtual LONG Read_Piece(ULONG_PTR Ctx, ULONG Sec, ULONG Key, UCHAR* pBuffer, LONG Left, LONG Bytes);
+    virtual void Destory();
+
+    // Once, before anything else: the disk's server object, its size in MB, rounded up, and the memory.
+    // Returns 0, or -1 when there is no pool for the region table.
+    LONG Create(QRNH_OBJ_RW* pSR, ULONG Disk_MB, QRNH_OBJ_MEM* pObj);
+
+    QRNH_OBJ_MEM* Memory() const { return pObj_Mem; }
+
+private:
+    using Piece = LONG (QRNH_MEM_RW::*)(ULONG_PTR, ULONG, ULONG, UCHAR*, LONG, LONG);
+    LONG Split(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes, Piece Do_Piece);
+
+    bool Region_Exists(ULONG Key) const;
+    // The chunk's block becomes pLast; its record is returned mapped, or null when there is none.
+    Rec_64K* Find(ULONG Key);
+    // The entry of a region if it is the region's own, mapped.
+    Ent_8M* Region_Entry(Ent_Handle* pSlot) const;
+    Ent_8M* New_Region_Entry(Ent_Handle* pSlot);
+    void Unlist(LRU_Node* pNode, Ent_Handle Slot);
+    // Lists the block, whose mapped record is pRec, for a chunk. Returns the record, mapped, or null.
+    Rec_64K* Install(Rec_64K* pRec, LRU_Node* pNode, ULONG Key);
+    LONG Miss_Run(const Rec_64K* pRec, ULONG Sec, ULONG Key, LONG Left, LONG Known);
+    Rec_64K* Block_To_Fill(Rec_64K* pRec, ULONG Key);
+    Rec_64K* Block_To_Write(ULONG_PTR Ctx, ULONG Key, LRU_Node*& pNode);
+    LONG Write_Back(ULONG_PTR Ctx, const Rec_64K* pRec, LRU_Node* pNode, LONG Offset);
+    LONG Store(LRU_Node* pNode, ULONG Sec, PVOID pBuffer, LONG Bytes);
+
+    ULONG Key_Tag;  // LUN of the chunk keys: always 0, a region table holds one disk only
+    QRNH_OBJ_MEM* pObj_Mem;
+    QRNH_OBJ_RW* pSR_RW;  // this disk's server object, and the owner in its blocks' records
+    ULONG Nums_8M;
+    Ent_Handle* p8M_TBL;  // per 8 MB region; a handle counts only while its entry names this slot
+    LRU_Node* pLast;      // the block last found or installed
+};

@@ -1,0 +1,289 @@
+#include "driver/image/image_block.h"
+
+#include "driver/common/bytes.h"
+#include "driver/common/chunk_key.h"
+#include "driver/common/locks.h"
+#include "driver/common/sector_flags.h"
+
+using formats::Entry_64K;
+
+// Of a chunk that is being filled: no server's, for an image that came so far is not modified any more.
+constexpr ULONG Tag_In_Work = 0xFFFFFFFF;
+
+// Flags lie in a map block at a multiple of 4, as the flag routines need it.
+static_assert(offsetof(Map_Buf, Data) % 4 == 0 && offsetof(Entry_64K, SecFlag) % 4 == 0);
+
+static LONG Whole_Sectors(LONG Bytes)
+{
+    return Bytes < 0 ? 0 : Bytes - Bytes % Sector_Bytes;
+}
+
+// Bytes from the sector to the end of its chunk, at most Left.
+static LONG In_Chunk(ULONG Off, LONG Left)
+{
+    return Smaller(static_cast<LONG>(Chunk_Secs - Off) * Sector_Bytes, Left);
+}
+
+QRNH_IMG_RW::QRNH_IMG_RW(QRNH_OBJ_IMG* pImage, ULONG New_Lun) : pHeader(&pImage->Header), Lun(New_Lun)
+{
+    Cache.Create(pImage);
+    Mutex_Init(Map_Lock);
+}
+
+ULONGLONG QRNH_IMG_RW::Shifted(ULONGLONG Sector) const
+{
+    return pHeader->Sec_Shift.get() != 0 && Sector != 0 ? Sector - 1 : Sector;
+}
+
+LONG QRNH_IMG_RW::Write(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
+{
+    return Write_Run(Ctx, Shifted(Sector), pBuffer, Bytes);
+}
+
+LONG QRNH_IMG_RW::Read(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
+{
+    return Read_Run(Ctx, Shifted(Sector), pBuffer, Bytes);
+}
+
+LONG QRNH_IMG_RW::Write_Run(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
+{
+    return Run(Ctx, Sector, pBuffer, Bytes, &QRNH_IMG_RW::Write_Chunk);
+}
+
+LONG QRNH_IMG_RW::Read_Run(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
+{
+    return Run(Ctx, Sector, pBuffer, Bytes, &QRNH_IMG_RW::Read_Chunk);
+}
+
+// A piece may do more than its own chunk.
+LONG QRNH_IMG_RW::Run(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes, Piece Do_Piece)
+{
+    auto pNext = static_cast<UCHAR*>(pBuffer);
+    ULONG Key = Chunk_Key(Lun, Sector);
+    ULONG Off = static_cast<ULONG>(Sector) & Chunk_Sec_Mask;
+    LONG Done = 0;
+    for (LONG Left = Bytes; Left > 0;) {
+        LONG Result = (this->*Do_Piece)(Ctx, Off, Key, pNext, Left, In_Chunk(Off, Left));
+        if (Result == 0)
+            return Done ? Done : -Left;
+        if (Result < 0)
+            return Done ? Done : Result;
+        Done += Result;
+        Left -= Result;
+        pNext += Result;
+        Off += static_cast<ULONG>(Result / Sector_Bytes);
+        Key += Off / Chunk_Secs;
+        Off &= Chunk_Sec_Mask;
+    }
+    return Done;
+}
+
+void QRNH_IMG_RW::Entry_Mark(Entry_64K* pEntry, ULONG Off, LONG Bytes)
+{
+    ULONG Old_Tag = pEntry->ModifyTag.get();
+    ULONG Tag = pHeader->ModifyTag.get();
+    if (Keep_Tags)
+        Tag = Old_Tag != 0 ? Old_Tag : Tag_In_Work;
+    if (!Cache.Leaf_Dirty() && Old_Tag == Tag && SecFlag_Hit_Len(pEntry->SecFlag, Off, Bytes) == Bytes)
+        return;
+    SecFlag_Set(pEntry->SecFlag, Off, Bytes);
+    pEntry->ModifyTag.set(Tag);
+    Cache.Entry_Changed();
+}
+
+// Marks written sectors present, from chunk to chunk. Returns the bytes marked from the start.
+LONG QRNH_IMG_RW::Mark_Run(ULONG Off, ULONG Key, LONG Bytes)
+{
+    Mutex_Guard Guard(Map_Lock);
+    LONG Marked = 0;
+    while (Marked < Bytes) {
+        Entry_64K* pEntry = Map_Find(false, Key++);
+        if (!pEntry)
+            break;
+        LONG Length = In_Chunk(Off, Bytes - Marked);
+        Entry_Mark(pEntry, Off, Length);
+        Marked += Length;
+        Off = 0;
+    }
+    return Marked;
+}
+
+LONG QRNH_IMG_RW::Write_Chunk(ULONG_PTR, ULONG Off, ULONG Key, PVOID pBuffer, LONG Left, LONG Bytes)
+{
+    ULONG Sector;
+    LONG Total = Bytes;
+    {
+        Mutex_Guard Guard(Map_Lock);
+        const Entry_64K* pEntry = Map_Find(true, Key);
+        if (!pEntry)
+            return -Bytes;
+        Sector = pEntry->Data_Sec.get() + Off;
+        for (ULONG Next_Key = Key + 1; Total < Left; ++Next_Key) {
+            pEntry = Map_Find(true, Next_Key);
+            if (!pEntry || pEntry->Data_Sec.get() != Sector + static_cast<ULONG>(Total / Sector_Bytes))
+                break;
+            Total += Smaller(Left - Total, Chunk_64K);
+        }
+    }
+    LONG Written = Whole_Sectors(Image()->Write(Sector, pBuffer, Total));
+    LONG Marked = Mark_Run(Off, Key, Written);
+    return Marked > 0 ? Marked : -Total;
+}
+
+bool QRNH_IMG_RW::Is_Served(ULONG Key) const
+{
+    return Serves == Img_Serves::All ||
+           (Serves == Img_Serves::Below_Sync_Pos && Key < pHeader->Sync_Pos.get());
+}
+
+// How many of the missing bytes are known to be zeros, since the synchronisation passed them. A map that lost
+// something knows nothing.
+LONG QRNH_IMG_RW::Known_Zeros(ULONG Off, ULONG Key, LONG Bytes) const
+{
+    ULONG Sync_Pos = pHeader->Sync_Pos.get();
+    if (Key >= Sync_Pos || Image()->Untrusted)
+        return 0;
+    ULONGLONG Known = ULONGLONG{Sync_Pos - Key} * Chunk_64K - Off * static_cast<ULONG>(Sector_Bytes);
+    return static_cast<LONG>(Smaller<ULONGLONG>(Known, static_cast<ULONG>(Bytes)));
+}
+
+LONG QRNH_IMG_RW::Read_Chunk(ULONG_PTR, ULONG Off, ULONG Key, PVOID pBuffer, LONG Left, LONG Bytes)
+{
+    Mutex_Take(Map_Lock);
+    if (!Is_Served(Key)) {
+        Mutex_Give(Map_Lock);
+        return -Left;
+    }
+    const Entry_64K* pEntry = Map_Find(false, Key);
+    bool Unknown = !pEntry && Find_Failed();
+    LONG Present = pEntry ? SecFlag_Hit_Len(pEntry->SecFlag, Off, Bytes) : 0;
+    if (Present == 0) {
+        LONG Missing = Unknown ? 0 : Miss_Len(pEntry, Off, Key, Left, pEntry ? -Bytes : Bytes);
+        LONG Zeros = Unknown ? 0 : Known_Zeros(Off, Key, Missing);
+        Mutex_Give(Map_Lock);
+        if (Unknown)
+            return Img_Failed;
+        RtlZeroMemory(pBuffer, static_cast<SIZE_T>(Zeros));
+        return Zeros > 0 ? Zeros : -Missing;
+    }
+    ULONG Sector = pEntry->Data_Sec.get() + Off;
+    if (Present == Bytes)
+        Present = Read_Extend(Sector, Key, Left, Bytes);
+    ULONG Before = Renewals;
+    Mutex_Give(Map_Lock);
+
+    LONG Done = Whole_Sectors(Image()->Read(Sector, pBuffer, Present));
+    // What a renewed header has handed out again is no longer what was looked up.
+    return Done > 0 && Renewals == Before ? Done : Img_Failed;
+}
+
+// Length of the present run that goes on in the following chunks and on the disk.
+LONG QRNH_IMG_RW::Read_Extend(ULONG Sector, ULONG Key, LONG Left, LONG Bytes)
+{
+    LONG Total = Bytes;
+    while (Total < Left && Is_Served(++Key)) {
+        const Entry_64K* pEntry = Map_Find(false, Key);
+        if (!pEntry || pEntry->Data_Sec.get() != Sector + static_cast<ULONG>(Total / Sector_Bytes))
+            break;
+        LONG Length = Smaller(Left - Total, Chunk_64K);
+        LONG Present = SecFlag_Hit_Len(pEntry->SecFlag, 0, Length);
+        Total += Present;
+        if (Present != Length)
+            break;
+    }
+    return Total;
+}
+
+// Length of the run of missing sectors from sector Off of the chunk on. Known is positive when the chunk has
+// no entry and so many bytes of it are wanted; negative when pEntry is its entry and so many are to be looked
+// at.
+LONG QRNH_IMG_RW::Miss_Len(const Entry_64K* pEntry, ULONG Off, ULONG Key, LONG Left, LONG Known)
+{
+    LONG Total = Known < 0 ? 0 : Known;
+    LONG Length = -Known;
+    while (Total < Left) {
+        if (!pEntry) {
+            Length = Smaller(Left - Total, Chunk_64K);
+            Off = 0;
+            pEntry = Map_Find(false, ++Key);
+            if (!pEntry && Find_Failed())
+                break;
+            if (!pEntry) {
+                Total += Length;
+                continue;
+            }
+        }
+        LONG Clear = SecFlag_Miss_Len(pEntry->SecFlag, Off, Length);
+        pEntry = nullptr;
+        Total += Clear;
+        if (Clear != Length)
+            break;
+    }
+    return Total;
+}
+
+bool QRNH_IMG_RW::Forget(ULONGLONG Sector, LONG Bytes)
+{
+    Sector = Shifted(Sector);
+    Mutex_Guard Guard(Map_Lock);
+    ULONG Key = Chunk_Key(Lun, Sector);
+    ULONG Off = static_cast<ULONG>(Sector) & Chunk_Sec_Mask;
+    for (LONG Left = Bytes; Left > 0;) {
+        LONG Length = In_Chunk(Off, Left);
+        if (Entry_64K* pEntry = Map_Find(false, Key)) {
+            SecFlag_Clr(pEntry->SecFlag, Off, Length);
+            Cache.Entry_Changed();
+        } else if (Find_Failed()) {
+            return false;
+        }
+        Left -= Length;
+        Off = 0;
+        ++Key;
+    }
+    return true;
+}
+
+ULONG QRNH_IMG_RW::Entry_Tag(ULONG Key)
+{
+    const Entry_64K* pEntry = Map_Find(false, Key);
+    return pEntry ? pEntry->ModifyTag.get() : 0;
+}
+
+bool QRNH_IMG_RW::Entry_Reset(ULONG Key)
+{
+    if (Entry_64K* pEntry = Map_Find(false, Key)) {
+        pEntry->ModifyTag.set(0);
+        RtlZeroMemory(pEntry->SecFlag, sizeof pEntry->SecFlag);
+        Cache.Entry_Changed();
+    }
+    return !Find_Failed();
+}
+
+// Without room for the chunk there is nothing to tag.
+bool QRNH_IMG_RW::Entry_Set_Tag(ULONG Key, ULONG Tag)
+{
+    if (Entry_64K* pEntry = Map_Find(true, Key)) {
+        pEntry->ModifyTag.set(Tag);
+        Cache.Entry_Changed();
+    }
+    return !Find_Failed();
+}
+
+bool QRNH_IMG_RW::Renew(ULONG Size, ULONG Sec_Shift)
+{
+    Mutex_Guard Guard(Image()->Hdr_Lock);
+    Cache.Empty();
+    Renewals = Renewals + 1;
+    return Image()->Renew(Size, Sec_Shift);
+}
+
+bool QRNH_IMG_RW::Img_Flush()
+{
+    {
+        Mutex_Guard Guard(Map_Lock);
+        if (Image()->Map_Lost || !Cache.Map_Flush() || !Image()->Flush())
+            return false;
+    }
+    Mutex_Guard Guard(Image()->Hdr_Lock);
+    return Image()->QRNH_Header_Write() && Image()->Flush();
+}

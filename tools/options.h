@@ -1,0 +1,39 @@
+// The command line of qrn-image.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <string>
+
+namespace image_tool {
+
+struct Options {
+    std::string area;  // of every command but `disk`
+    std::string file;  // `disk`: what to make; `diff`: the other side
+    std::string from;
+    std::string to;
+    std::uint64_t size_bytes = 0;
+    std::uint64_t system_bytes = 0;
+    std::uint64_t temporary_bytes = 0;
+    std::uint64_t limit_bytes = 0;  // 0: none
+    std::uint32_t tag = 1;
+    unsigned lun = 0;
+    unsigned width = 64;
+    bool force = false;
+    bool ascii = false;
+    bool all = false;
+};
+
+// Does what it is for, prints to the file and returns the program's exit status.
+using Command = std::function<int(const Options&, std::FILE*)>;
+
+struct CommandLine {
+    Options options;
+    Command command;  // none: only help was asked for, and is printed
+};
+
+// Throws ToolError.
+CommandLine parse_options(int argc, const char* const* argv);
+
+}  // namespace image_tool
