@@ -16,32 +16,12 @@ constexpr std::uint32_t span_sectors = 16384;  // 8 MB: what every cache measure
 constexpr std::uint32_t chunk_sectors = 128;
 constexpr unsigned spread_chunks = 512;
 
-void report(const char* what, const char* unit, double value)
-{
-    std::printf("{\"measure\": \"%s\", \"%s\": %.3f}\n", what, unit, value);
-}
-
-// Microseconds of each call of body, over so many seconds.
-template <typename Body>
-double time_us(double seconds, const Body& body)
-{
-    const auto start = bench::Clock::now();
-    double elapsed = 0;
-    unsigned calls = 0;
-    while (elapsed < seconds) {
-        for (unsigned i = 0; i < 64; ++i)
-            body(calls++);
-        elapsed = bench::seconds_since(start);
-    }
-    return elapsed * 1e6 / calls;
-}
-
 // What a hit cannot do without: the block's bytes to the worker, and from there to the caller.
 double two_copies_us(double seconds)
 {
     std::vector<std::uint8_t> store(span_sectors * 512), bounce(65536), caller(8 * 65536);
     std::memset(store.data(), 1, store.size());
-    return time_us(seconds, [&](unsigned n) {
+    return bench::time_us(seconds, [&](unsigned n) {
         std::memcpy(bounce.data(), &store[n % 128 * 65536], 65536);
         std::memcpy(&caller[n % 8 * 65536], bounce.data(), 65536);
         asm volatile("" : : "r"(caller.data()), "r"(bounce.data()) : "memory");
@@ -72,7 +52,7 @@ double command_us(machine::ScsiPort& port, double seconds)
     request.data = capacity;
     request.data_bytes = sizeof capacity;
     request.srb_flags = SRB_FLAGS_DATA_IN;
-    return time_us(seconds, [&](unsigned) {
+    return bench::time_us(seconds, [&](unsigned) {
         port.execute(request);
         if (!request.ok())
             throw std::runtime_error("READ CAPACITY failed");
@@ -83,7 +63,7 @@ double layer_us(double seconds)
 {
     std::vector<std::uint8_t> data(4096);
     QRNH_OBJ_RW* cache = Local_Cache[0].pMC_Write;
-    return time_us(seconds, [&](unsigned n) {
+    return bench::time_us(seconds, [&](unsigned n) {
         if (cache->Read(0, 1 + n * 40503u % (span_sectors / 8) * 8, data.data(), 4096) <= 0)
             throw std::runtime_error("not in the cache");
     });
@@ -96,20 +76,21 @@ void measure(machine::Machine& machine, double seconds, std::uint32_t cache_mb)
     const auto start = bench::Clock::now();
     if (!port.write(0, 0, data.data(), 65536) || !Local_Cache[0].pMC_Write)
         throw std::runtime_error("the disk got no cache: " + machine.log().text());
-    report("set-up", "ms", bench::seconds_since(start) * 1e3);
+    bench::report_measure("set-up", "ms", bench::seconds_since(start) * 1e3);
     const QRNH_OBJ_MEM* memory = static_cast<QRNH_MEM_RW*>(Local_Cache[0].pMC_Write)->Memory();
     const double cached_gb = memory->LRU_Nums / 16384.0;
-    report("bookkeeping", "kb_per_gb", memory->Toll_Bytes / 1024.0 / cached_gb);
-    report("bookkeeping in non-paged pool", "kb_per_gb", 16.0 * memory->LRU_Nums / 1024 / cached_gb);
+    bench::report_measure("bookkeeping", "kb_per_gb", memory->Toll_Bytes / 1024.0 / cached_gb);
+    bench::report_measure("bookkeeping in non-paged pool", "kb_per_gb",
+                          16.0 * memory->LRU_Nums / 1024 / cached_gb);
 
     write_chunks(port, span_sectors, chunk_sectors);
-    report("two copies of 64K", "us", two_copies_us(seconds));
+    bench::report_measure("two copies of 64K", "us", two_copies_us(seconds));
     measure_load(port, {"hit read 64K depth 8", false, 65536, 8, true}, seconds);
     measure_load(port, {"hit read 64K depth 1", false, 65536, 1, true}, seconds);
     measure_load(port, {"hit write 64K depth 8", true, 65536, 8, true}, seconds);
     measure_load(port, {"hit read 4K depth 1", false, 4096, 1, true}, seconds);
-    report("4K: a command alone", "us", command_us(port, seconds));
-    report("4K: the cache layer alone", "us", layer_us(seconds));
+    bench::report_measure("4K: a command alone", "us", command_us(port, seconds));
+    bench::report_measure("4K: the cache layer alone", "us", layer_us(seconds));
     // Chunks that lie all over the disk, and in the cache wherever they came to lie.
     const std::uint32_t step = port.luns()[0].sectors / spread_chunks / chunk_sectors * chunk_sectors;
     const unsigned kept = std::min(spread_chunks, cache_mb * 16 / 2);
@@ -132,7 +113,7 @@ int main(int argc, char** argv)
     machine::MachineConfig config;
     config.memory_ranges = {{mb, gb}, {4 * gb, (cache_mb + 1024) * mb}};
     try {
-        bench::run_workstation(config, argv[1], "builtin",
+        bench::run_workstation(config, bench::read_boot_block(argv[1]), "builtin",
                                [&](machine::Machine& machine) { measure(machine, seconds, cache_mb); });
     } catch (const std::exception& error) {
         std::fprintf(stderr, "qrn-bench-cache: %s\n", error.what());

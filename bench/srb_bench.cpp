@@ -23,7 +23,7 @@ int main(int argc, char** argv)
         return 2;
     }
     try {
-        bench::run_workstation({}, argv[1], argc == 4 ? argv[3] : "builtin",
+        bench::run_workstation({}, bench::read_boot_block(argv[1]), argc == 4 ? argv[3] : "builtin",
                                [&](machine::Machine& machine) { measure_all(machine.scsi(), seconds); });
     } catch (const std::exception& error) {
         std::fprintf(stderr, "qrn-bench-srb: %s\n", error.what());

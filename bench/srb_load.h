@@ -88,17 +88,20 @@ private:
     std::atomic<bool> stop_ = false, failed_ = false;
 };
 
-// Boots a workstation on the boot block and runs body in it; then, or after an error, the process ends, since
-// the driver's threads never do.
-inline void run_workstation(machine::MachineConfig config, const char* boot_block, const char* driver_name,
-                            const std::function<void(machine::Machine&)>& body)
+// Boots a workstation on the boot block, once prepare has put into it what it is to find, and runs body in
+// it; then, or after an error, the process ends, since the driver's threads never do.
+inline void run_workstation(
+    machine::MachineConfig config, const formats::Boot_Param& boot_block, const char* driver_name,
+    const std::function<void(machine::Machine&)>& body,
+    const std::function<void(machine::Machine&)>& prepare = [](machine::Machine&) {})
 {
     config.scheduler = machine::SchedulerKind::real;
     config.strict = false;
     std::unique_ptr<machine::UdpLink> link;  // outlives the machine
     machine::Machine machine(config);
     link = std::make_unique<machine::UdpLink>(machine.scheduler(), "0.0.0.0");
-    machine.add_transport(*link).block() = read_boot_block(boot_block);
+    machine.add_transport(*link).block() = boot_block;
+    prepare(machine);
     machine.log().set_sink([](const machine::DebugLog::Entry&) {}, false);
     auto driver = machine::driver_named(driver_name);
     machine.run([&] {

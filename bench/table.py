@@ -58,6 +58,18 @@ def json_lines(command):
     return {row["workload"]: row["requests_per_s"] for row in map(json.loads, output.splitlines())}
 
 
+def figures(command):
+    """By name, what a program measures; of workloads the microseconds of a request."""
+    output = subprocess.run(command, check=True, capture_output=True, text=True).stdout
+    result = {}
+    for row in map(json.loads, output.splitlines()):
+        if "workload" in row:
+            result[row["workload"]] = row["us_per_request"]
+        else:
+            result[row["measure"]] = next(value for key, value in row.items() if key != "measure")
+    return result
+
+
 def fio(uri, pattern, size, depth, seconds):
     """Requests per second of one workload through an NBD server."""
     output = subprocess.run(
@@ -79,10 +91,11 @@ class Driver:
         self.programs, self.directory, self.bench = programs, directory, bench
 
     @contextlib.contextmanager
-    def server(self, disk="disk.img,slots=8"):
+    def server(self, *disks):
         block = f"{self.directory}/boot.block"
         command = [f"{self.programs}/qrn-server", "--listen", "127.0.0.1:0", "--boot-block", block,
-                   "--disk", f"{self.directory}/{disk}"]
+                   *(part for disk in disks or ("disk.img,slots=8",)
+                     for part in ("--disk", f"{self.directory}/{disk}"))]
         with running(command, "ready", f"{self.directory}/server.out"):
             yield block
 
@@ -96,17 +109,20 @@ class Driver:
             return json_lines([f"{self.bench}/qrn-bench-exchange", block, str(seconds)])
 
     def cached(self, seconds, cache_mb):
-        """Figures of a disk that is cached, by name; those that are no rate in their own unit."""
+        """Figures of a disk that is cached."""
         with self.server(f"sparse.img,slots=8,cache_mb={cache_mb}") as block:
-            command = [f"{self.bench}/qrn-bench-cache", block, str(seconds), str(cache_mb)]
-            output = subprocess.run(command, check=True, capture_output=True, text=True).stdout
-        figures = {}
-        for row in map(json.loads, output.splitlines()):
-            if "workload" in row:
-                figures[row["workload"]] = row["us_per_request"]
-            else:
-                figures[row["measure"]] = next(value for key, value in row.items() if key != "measure")
-        return figures
+            return figures([f"{self.bench}/qrn-bench-cache", block, str(seconds), str(cache_mb)])
+
+    def local(self, seconds):
+        """Figures of a local disk, made anew, whose system image is filled from the server."""
+        area, disk = f"{self.directory}/disk.area", f"{self.directory}/local.disk"
+        tool = f"{self.programs}/qrn-image"
+        for command in ([tool, "create", area, "--from", f"{self.directory}/disk.img", "--force"],
+                        [tool, "disk", disk, "--size", f"{3 * IMAGE_MB}M", "--system", f"{IMAGE_MB * 5 // 4}M",
+                         "--temporary", f"{IMAGE_MB}M", "--force"]):
+            subprocess.run(command, check=True, capture_output=True)
+        with self.server(f"disk.img,slots=8,image={area}", "plain.img,slots=8") as block:
+            return figures([f"{self.bench}/qrn-bench-image", block, str(seconds), disk])
 
     def through_nbd(self, seconds):
         socket = f"{self.directory}/station.sock"
@@ -204,6 +220,21 @@ def print_cache_table(rounds):
         print(f"{name:<42}" + "".join(f"{figure(size, name):>{13 - len(unit)}.1f} {unit}" for size in sizes))
 
 
+def print_image_table(rounds):
+    def figure(name):
+        return median_of(rounds["local images"], name)
+
+    print(f"\n{'local images':<42}{'driver':>14}{'reference':>14}{'ratio':>8}")
+    sync, network = figure("synchronisation"), figure("network reads, one after another")
+    print(f"{'synchronisation, network reads in order':<42}{sync:>9.0f} MB/s{network:>9.0f} MB/s{sync / network:8.2f}")
+    for what in ("reads", "writes"):
+        mine, theirs = figure(f"local {what} of 64K"), figure(f"local {what} of 64K, the file alone")
+        print(f"{f'local {what} of 64K, the file alone':<42}{mine:>11.1f} us{theirs:>11.1f} us{theirs / mine:8.2f}")
+    for order in ("in order", "at random"):
+        large, small = figure(f"look-up, 2 TB, {order}"), figure(f"look-up, 2 GB, {order}")
+        print(f"{f'look-up {order}, of 2 TB and of 2 GB':<42}{large:>11.0f} ns{small:>11.0f} ns{large / small:8.2f}")
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("bench")
@@ -230,6 +261,7 @@ def main():
             "iSCSI target": lambda: iscsi(directory, seconds),
             "small cache": lambda: driver.cached(seconds, SMALL_CACHE_MB),
             "large cache": lambda: driver.cached(seconds, LARGE_CACHE_MB),
+            "local images": lambda: driver.local(seconds),
         }
         rounds = {name: [] for name in measurements}
         for number in range(options.rounds):
@@ -238,6 +270,7 @@ def main():
                 rounds[name].append(measure())
         print_table(rounds)
         print_cache_table(rounds)
+        print_image_table(rounds)
     finally:
         shutil.rmtree(directory, ignore_errors=True)
 

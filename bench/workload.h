@@ -63,4 +63,26 @@ inline void report(const Workload& workload, std::uint64_t requests, double seco
     std::fflush(stdout);
 }
 
+// A figure that is no rate of requests.
+inline void report_measure(const char* what, const char* unit, double value)
+{
+    std::printf("{\"measure\": \"%s\", \"%s\": %.3f}\n", what, unit, value);
+    std::fflush(stdout);
+}
+
+// Microseconds of each call of body, over so many seconds.
+template <typename Body>
+double time_us(double seconds, const Body& body)
+{
+    const auto start = Clock::now();
+    double elapsed = 0;
+    unsigned calls = 0;
+    while (elapsed < seconds) {
+        for (unsigned i = 0; i < 64; ++i)
+            body(calls++);
+        elapsed = seconds_since(start);
+    }
+    return elapsed * 1e6 / calls;
+}
+
 }  // namespace bench

@@ -2,9 +2,9 @@
 
 #include "driver/cache/cache_stats.h"
 #include "driver/common/bytes.h"
-#include "driver/common/chunk_key.h"
 #include "driver/common/delay.h"
 #include "driver/common/locks.h"
+#include "driver/common/pieces.h"
 #include "driver/common/pool.h"
 #include "driver/common/sector_flags.h"
 
@@ -42,41 +42,20 @@ void QRNH_MEM_RW::Destory()
 
 LONG QRNH_MEM_RW::Write(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
 {
-    return Split(Ctx, Sector, pBuffer, Bytes, &QRNH_MEM_RW::Write_Piece);
+    return Run_In_Pieces(Key_Tag, Sector, pBuffer, Bytes,
+                         [=, this](auto... Piece) { return Write_Piece(Ctx, Piece...); });
 }
 
 LONG QRNH_MEM_RW::Read(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
 {
-    return Split(Ctx, Sector, pBuffer, Bytes, &QRNH_MEM_RW::Read_Piece);
+    return Run_In_Pieces(Key_Tag, Sector, pBuffer, Bytes,
+                         [=, this](auto... Piece) { return Read_Piece(Ctx, Piece...); });
 }
 
 LONG QRNH_MEM_RW::Fill(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
 {
-    return Split(Ctx, Sector, pBuffer, Bytes, &QRNH_MEM_RW::Fill_Piece);
-}
-
-// A piece may do more than its own chunk: a read goes on through all sectors that are absent.
-LONG QRNH_MEM_RW::Split(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes, Piece Do_Piece)
-{
-    auto pNext = static_cast<UCHAR*>(pBuffer);
-    ULONG Key = Chunk_Key(Key_Tag, Sector);
-    ULONG Sec = static_cast<ULONG>(Sector);
-    LONG Done = 0;
-    for (LONG Left = Bytes; Left > 0;) {
-        Sec &= Chunk_Sec_Mask;
-        LONG Piece_Bytes = Smaller(static_cast<LONG>(Chunk_Secs - Sec) * Sector_Bytes, Left);
-        LONG Result = (this->*Do_Piece)(Ctx, Sec, Key, pNext, Left, Piece_Bytes);
-        if (Result == 0)
-            return Done ? Done : -Left;
-        if (Result < 0)
-            return Done ? Done : Result;
-        Done += Result;
-        Left -= Result;
-        pNext += Result;
-        Sec += static_cast<ULONG>(Result / Sector_Bytes);
-        Key += Sec / Chunk_Secs;
-    }
-    return Done;
+    return Run_In_Pieces(Key_Tag, Sector, pBuffer, Bytes,
+                         [=, this](auto... Piece) { return Fill_Piece(Ctx, Piece...); });
 }
 
 LONG QRNH_MEM_RW::Read_Piece(ULONG_PTR Ctx, ULONG Sec, ULONG Key, UCHAR* pBuffer, LONG Left, LONG Bytes)

@@ -32,9 +32,6 @@ public:
     QRNH_OBJ_MEM* Memory() const { return pObj_Mem; }
 
 private:
-    using Piece = LONG (QRNH_MEM_RW::*)(ULONG_PTR, ULONG, ULONG, UCHAR*, LONG, LONG);
-    LONG Split(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes, Piece Do_Piece);
-
     bool Region_Exists(ULONG Key) const;
     // The chunk's block becomes pLast; its record is returned mapped, or null when there is none.
     Rec_64K* Find(ULONG Key);

@@ -1,8 +1,8 @@
 #include "driver/image/image_block.h"
 
 #include "driver/common/bytes.h"
-#include "driver/common/chunk_key.h"
 #include "driver/common/locks.h"
+#include "driver/common/pieces.h"
 #include "driver/common/sector_flags.h"
 
 using formats::Entry_64K;
@@ -16,12 +16,6 @@ static_assert(offsetof(Map_Buf, Data) % 4 == 0 && offsetof(Entry_64K, SecFlag) %
 static LONG Whole_Sectors(LONG Bytes)
 {
     return Bytes < 0 ? 0 : Bytes - Bytes % Sector_Bytes;
-}
-
-// Bytes from the sector to the end of its chunk, at most Left.
-static LONG In_Chunk(ULONG Off, LONG Left)
-{
-    return Smaller(static_cast<LONG>(Chunk_Secs - Off) * Sector_Bytes, Left);
 }
 
 QRNH_IMG_RW::QRNH_IMG_RW(QRNH_OBJ_IMG* pImage, ULONG New_Lun) : pHeader(&pImage->Header), Lun(New_Lun)
@@ -47,35 +41,14 @@ LONG QRNH_IMG_RW::Read(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Byte
 
 LONG QRNH_IMG_RW::Write_Run(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
 {
-    return Run(Ctx, Sector, pBuffer, Bytes, &QRNH_IMG_RW::Write_Chunk);
+    return Run_In_Pieces(Lun, Sector, pBuffer, Bytes,
+                         [=, this](auto... Piece) { return Write_Chunk(Ctx, Piece...); });
 }
 
 LONG QRNH_IMG_RW::Read_Run(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
 {
-    return Run(Ctx, Sector, pBuffer, Bytes, &QRNH_IMG_RW::Read_Chunk);
-}
-
-// A piece may do more than its own chunk.
-LONG QRNH_IMG_RW::Run(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes, Piece Do_Piece)
-{
-    auto pNext = static_cast<UCHAR*>(pBuffer);
-    ULONG Key = Chunk_Key(Lun, Sector);
-    ULONG Off = static_cast<ULONG>(Sector) & Chunk_Sec_Mask;
-    LONG Done = 0;
-    for (LONG Left = Bytes; Left > 0;) {
-        LONG Result = (this->*Do_Piece)(Ctx, Off, Key, pNext, Left, In_Chunk(Off, Left));
-        if (Result == 0)
-            return Done ? Done : -Left;
-        if (Result < 0)
-            return Done ? Done : Result;
-        Done += Result;
-        Left -= Result;
-        pNext += Result;
-        Off += static_cast<ULONG>(Result / Sector_Bytes);
-        Key += Off / Chunk_Secs;
-        Off &= Chunk_Sec_Mask;
-    }
-    return Done;
+    return Run_In_Pieces(Lun, Sector, pBuffer, Bytes,
+                         [=, this](auto... Piece) { return Read_Chunk(Ctx, Piece...); });
 }
 
 void QRNH_IMG_RW::Entry_Mark(Entry_64K* pEntry, ULONG Off, LONG Bytes)

@@ -57,8 +57,6 @@ public:
     QRNH_OBJ_IMG* Image() const { return Cache.Image(); }
 
 private:
-    using Piece = LONG (QRNH_IMG_RW::*)(ULONG_PTR, ULONG, ULONG, PVOID, LONG, LONG);
-    LONG Run(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes, Piece Do_Piece);
     ULONGLONG Shifted(ULONGLONG Sector) const;
     void Entry_Mark(formats::Entry_64K* pEntry, ULONG Off, LONG Bytes);
     LONG Mark_Run(ULONG Off, ULONG Key, LONG Bytes);

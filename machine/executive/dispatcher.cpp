@@ -2,6 +2,8 @@
 // a waiting thread is in the object's wait list with the wait block of its Thread.
 #include <nt.h>
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -55,12 +57,22 @@ void satisfy_released(Thread& thread)
         satisfy_waits(*semaphore_header);
 }
 
+// Whether the thread took the event itself, as a mutex; it no longer has it then.
+bool gives_back(Thread& thread, const DISPATCHER_HEADER& header)
+{
+    const auto mine = std::ranges::find(thread.taken, &header);
+    if (mine == std::end(thread.taken))
+        return false;
+    *mine = nullptr;
+    return true;
+}
+
 // The same for a release, which may be left for later.
 void satisfy_or_defer(Thread& thread, DISPATCHER_HEADER& header)
 {
+    const bool mine = header.Type == semaphore || gives_back(thread, header);
     if (IsListEmpty(&header.WaitListHead))
         return;
-    const bool mine = header.Type == semaphore || thread.taken == &header;
     if (!mine || !scheduler().defers_wakes() || thread.kind != Thread::Kind::spawned) {
         satisfy_waits(header);
         return;
@@ -68,9 +80,10 @@ void satisfy_or_defer(Thread& thread, DISPATCHER_HEADER& header)
     const std::uint64_t now = __builtin_ia32_rdtsc();
     if (thread.released && (thread.released != &header || now - thread.released_at > defer_cycles))
         satisfy_released(thread);
-    else if (!thread.released)
-        thread.released_at = now;
+    else if (thread.released)
+        return;
     thread.released = &header;
+    thread.released_at = now;
 }
 
 void check_may_wait(const Thread& thread, const char* routine)
@@ -220,14 +233,15 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPROCESSOR_MODE
     scheduler().preemption_point();
 
     DispatcherLock lock;
+    const bool signalled = header->SignalState > 0;
+    if (!signalled && poll)
+        return STATUS_TIMEOUT;
     if (header->Type == synchronization_event)
-        caller.taken = header;
-    if (header->SignalState > 0) {
+        caller.taken[caller.taken_next++ % std::size(caller.taken)] = header;
+    if (signalled) {
         consume(*header);
         return STATUS_SUCCESS;
     }
-    if (poll)
-        return STATUS_TIMEOUT;
     const Ticks deadline = timeout ? deadline_of(timeout->QuadPart) : never;
     KWAIT_BLOCK& block = caller.wait_block;
     block.Thread = caller.object();
