@@ -84,7 +84,12 @@ std::uint64_t Protocol::Parts::send_data(const Peer& to, const WireHeader& reque
 {
     const auto length = static_cast<unsigned>(data.size());
     const unsigned count = formats::fragment_count(length);
-    const unsigned has = request.Recv_Mask.get();
+    // A workstation that asks for data lacks something. When by its mask that is none of these fragments, the
+    // mask tells of the answers for a hole that was filled meanwhile.
+    const unsigned all = (1u << count) - 1;
+    unsigned has = request.Recv_Mask.get();
+    if (request.Sub_Code == formats::sub_request && (has & all) == all)
+        has = 0;
     WireHeader answer = answer_to(request, formats::kind_read_data);
     answer.Zero = 0;
     answer.Frag_Cnt.set(static_cast<std::uint16_t>(count));

@@ -22,6 +22,19 @@ struct Reads : ServerFixture, testing::Test {
     }
 };
 
+// One of two answers for a hole arrived, and a write filled the hole: by the mask nothing real is missing.
+TEST_F(Reads, Whoever_asks_gets_an_answer_though_its_mask_lacks_no_fragment)
+{
+    Packet packet(kind_read, 40, 512, 1);
+    Bytes request = packet.request();
+    request[offsetof(formats::WireHeader, Recv_Mask)] = 0xFF;
+    request[offsetof(formats::WireHeader, Recv_Mask) + 1] = 0xFD;
+    const auto answers = exchange(request);
+    ASSERT_EQ(answers.size(), 1u);
+    packet.receive(answers[0]);
+    EXPECT_EQ(packet.data, expected(packet));
+}
+
 TEST_F(Reads, Every_length_at_both_ends_of_disk_and_image_arrives_whole)
 {
     for (unsigned length = 512; length <= 16384; length += 512)

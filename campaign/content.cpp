@@ -1,0 +1,90 @@
+#include "campaign/content.h"
+
+#include <algorithm>
+#include <cstring>
+
+#define FMT_HEADER_ONLY
+#include <fmt/format.h>
+
+namespace campaign {
+namespace {
+
+constexpr unsigned groups = formats::sector_bytes / 8;
+
+// First word: place of the group. Second word: generation, LUN and start.
+struct Group {
+    std::uint32_t lba : 26;
+    std::uint32_t index : 6;
+    std::uint32_t generation : 24;
+    std::uint32_t lun : 2;
+    std::uint32_t start : 6;
+
+    bool operator==(const Group&) const = default;
+};
+static_assert(sizeof(Group) == 8 && groups == 64);
+
+Group group_of(std::span<const std::uint8_t> sector, unsigned index)
+{
+    Group group;
+    std::memcpy(&group, &sector[index * sizeof group], sizeof group);
+    return group;
+}
+
+bool all_zeros(std::span<const std::uint8_t> sector)
+{
+    return std::ranges::all_of(sector, [](std::uint8_t byte) { return byte == 0; });
+}
+
+}  // namespace
+
+Sector sector_content(Place place, Generation generation, unsigned start)
+{
+    Sector sector{};
+    if (generation == zeros)
+        return sector;
+    Group group{.lba = place.lba & lba_max,
+                .index = 0,
+                .generation = generation & generation_max,
+                .lun = place.lun & 3,
+                .start = start & 63};
+    for (unsigned i = 0; i < groups; ++i) {
+        group.index = i & 63;
+        std::memcpy(&sector[i * sizeof group], &group, sizeof group);
+    }
+    return sector;
+}
+
+std::optional<Named> name_of(Place place, std::span<const std::uint8_t> sector)
+{
+    if (all_zeros(sector))
+        return Named{zeros, 0};
+    const Group first = group_of(sector, 0);
+    const Sector right = sector_content(place, first.generation, first.start);
+    if (first.generation == zeros || !std::ranges::equal(right, sector))
+        return std::nullopt;
+    return Named{first.generation, first.start};
+}
+
+std::string describe(std::span<const std::uint8_t> sector)
+{
+    if (all_zeros(sector))
+        return "zeros";
+    std::string text;
+    unsigned begin = 0;
+    for (unsigned i = 1; i <= groups; ++i) {
+        Group expected = group_of(sector, begin);
+        expected.index = (expected.index + i - begin) & 63;
+        if (i < groups && group_of(sector, i) == expected)
+            continue;
+        const Group group = group_of(sector, begin);
+        text += fmt::format("{}groups {}-{}: LUN {} LBA {} group {} generation {} start {}",
+                            text.empty() ? "" : "; ", begin, i - 1, unsigned{group.lun}, unsigned{group.lba},
+                            unsigned{group.index}, unsigned{group.generation}, unsigned{group.start});
+        begin = i;
+        if (text.size() > 300)
+            return text + "; ...";
+    }
+    return text;
+}
+
+}  // namespace campaign

@@ -1,0 +1,265 @@
+#include "campaign/faults.h"
+
+#include <algorithm>
+
+#define FMT_HEADER_ONLY
+#include <fmt/format.h>
+
+namespace campaign {
+namespace {
+
+using machine::Operation;
+
+// A packet is given up after a minute of silence and more; several times that much may add up before.
+constexpr std::int64_t patience_ms = 40'000;
+constexpr std::int64_t retry_limit_lasts_ms = 60'000;
+constexpr std::uint32_t bad_sectors = 16;
+
+machine::NetworkQuality bad_quality(const machine::NetworkQuality& good, double strength)
+{
+    machine::NetworkQuality quality = good;
+    quality.loss = strength > 0.8 ? 0.5 : 0.2 * strength;
+    quality.duplication = 0.3 * (1 - strength);
+    quality.reordering = 0.3 * strength;
+    quality.corruption = 0.05 * (1 - strength);
+    quality.delay_max = good.delay_max + static_cast<machine::Ticks>(strength * 20) * machine::ticks_per_ms;
+    quality.reorder_delay = 30 * machine::ticks_per_ms;
+    return quality;
+}
+
+}  // namespace
+
+void FaultSchedule::prepare_boot()
+{
+    machine::Faults& faults = station_.machine.faults();
+    for (const BootFault& fault : station_.plan().boot_faults) {
+        station_.world.coverage.add(fmt::format("fault at boot: {}", campaign::name_of(fault.kind)));
+        weakened_ = true;
+        switch (fault.kind) {
+        case BootFault::Kind::allocation:
+            faults.fail(Operation::pool_allocate, "QRNM", fault.skip, fault.count);
+            break;
+        case BootFault::Kind::thread:
+            faults.fail(Operation::thread_create, {}, fault.skip, fault.count);
+            break;
+        case BootFault::Kind::pages:
+            faults.fail(fault.count == 1 ? Operation::pages_allocate_short : Operation::pages_allocate, {},
+                        fault.skip - 2, fault.count);
+            break;
+        case BootFault::Kind::registry:
+            faults.fail(Operation::registry_query, {}, fault.skip - 2, fault.count);
+            break;
+        case BootFault::Kind::local_read:
+            faults.fail(Operation::disk_read, {}, fault.skip - 2, fault.count);
+            break;
+        }
+    }
+}
+
+std::int64_t FaultSchedule::next_event_ms() const
+{
+    const auto& faults = station_.plan().faults;
+    std::int64_t next_ms = next_ < faults.size() ? faults[next_].at_ms : INT64_MAX;
+    for (const Active& active : active_)
+        next_ms = std::min(next_ms, active.end_ms);
+    return next_ms;
+}
+
+void FaultSchedule::run_until(std::int64_t end_ms)
+{
+    const std::int64_t origin_ms = station_.now_ms();
+    for (;;) {
+        const std::int64_t now_ms = station_.now_ms() - origin_ms;
+        for (std::size_t i = 0; i < active_.size();) {
+            if (active_[i].end_ms > now_ms) {
+                ++i;
+                continue;
+            }
+            const Fault over = active_[i].fault;
+            active_.erase(active_.begin() + static_cast<std::ptrdiff_t>(i));
+            end(over);
+        }
+        const auto& faults = station_.plan().faults;
+        for (; next_ < faults.size() && faults[next_].at_ms <= now_ms; ++next_) {
+            begin(faults[next_]);
+            active_.push_back({faults[next_], now_ms + faults[next_].for_ms});
+        }
+        if (now_ms >= end_ms)
+            return;
+        station_.machine.sleep_ms(std::max<std::int64_t>(1, std::min(end_ms, next_event_ms()) - now_ms));
+    }
+}
+
+void FaultSchedule::begin(const Fault& fault)
+{
+    World& world = station_.world;
+    world.coverage.add(fmt::format("fault: {}", campaign::name_of(fault.kind)));
+    switch (fault.kind) {
+    case FaultKind::network:
+        station_.network.set_quality(bad_quality(world.plan.network, fault.strength));
+        break;
+    case FaultKind::main_crash:
+    case FaultKind::main_crash_losing:
+        crash(world.main, fault.kind == FaultKind::main_crash_losing, fault.strength);
+        break;
+    case FaultKind::slave_crash:
+        crash(world.slave, fault.strength < 0.3, fault.strength);
+        break;
+    case FaultKind::main_partition:
+    case FaultKind::slave_partition:
+        station_.network.partition(
+            (fault.kind == FaultKind::main_partition ? world.main : world.slave).address(), true);
+        break;
+    case FaultKind::retry_limit:
+        retry_limit_ms_ = station_.now_ms();
+        for (unsigned lun = 0; lun < world.plan.disks.size() && world.main.running(); ++lun)
+            world.main.protocol().send_retry_limit(lun);
+        break;
+    case FaultKind::allocation:
+    case FaultKind::mapping:
+        begin_machine_fault(fault);
+        break;
+    default:
+        begin_local_fault(fault);
+        break;
+    }
+    if (fault.kind >= FaultKind::main_crash && fault.kind <= FaultKind::slave_partition)
+        away_.push_back({station_.now_ms(), station_.now_ms() + fault.for_ms});
+}
+
+void FaultSchedule::begin_machine_fault(const Fault& fault)
+{
+    machine::Faults& faults = station_.machine.faults();
+    weakened_ = true;
+    if (fault.kind == FaultKind::allocation)
+        faults.fail_randomly(Operation::pool_allocate, fault.strength);
+    else
+        faults.fail_randomly(Operation::pages_map, 0.2 * fault.strength);
+}
+
+void FaultSchedule::begin_local_fault(const Fault& fault)
+{
+    machine::Faults& faults = station_.machine.faults();
+    weakened_ = true;
+    const double probability = 0.3 * fault.strength;
+    if (fault.kind == FaultKind::local_request) {
+        faults.fail_randomly(Operation::irp_allocate, probability, "IoBuildSynchronousFsdRequest");
+    } else if (fault.kind == FaultKind::local_error) {
+        faults.fail_randomly(Operation::disk_read, probability);
+        faults.fail_randomly(Operation::disk_write, probability);
+    } else if (fault.kind == FaultKind::local_short) {
+        faults.fail_randomly(Operation::disk_read_short, probability);
+        faults.fail_randomly(Operation::disk_write_short, probability);
+    } else {
+        machine::LocalDisk& disk = *station_.world.local;
+        disk.set_bad(static_cast<std::uint64_t>(fault.strength * static_cast<double>(disk.sectors())),
+                     bad_sectors);
+    }
+}
+
+void FaultSchedule::end(const Fault& fault)
+{
+    World& world = station_.world;
+    machine::Faults& faults = station_.machine.faults();
+    switch (fault.kind) {
+    case FaultKind::network:
+        station_.network.set_quality(world.plan.network);
+        break;
+    case FaultKind::main_crash:
+    case FaultKind::main_crash_losing:
+        if (!world.main.running())
+            world.main.start();
+        break;
+    case FaultKind::slave_crash:
+        if (!world.slave.running())
+            world.slave.start();
+        break;
+    case FaultKind::main_partition:
+        station_.network.partition(world.main.address(), false);
+        break;
+    case FaultKind::slave_partition:
+        station_.network.partition(world.slave.address(), false);
+        break;
+    case FaultKind::allocation:
+        faults.clear(Operation::pool_allocate);
+        break;
+    case FaultKind::mapping:
+        faults.clear(Operation::pages_map);
+        break;
+    case FaultKind::local_request:
+        faults.clear(Operation::irp_allocate);
+        break;
+    case FaultKind::local_error:
+        faults.clear(Operation::disk_read);
+        faults.clear(Operation::disk_write);
+        break;
+    case FaultKind::local_short:
+        faults.clear(Operation::disk_read_short);
+        faults.clear(Operation::disk_write_short);
+        break;
+    default:
+        break;
+    }
+}
+
+// A server is away for longer than packets live in the network.
+void FaultSchedule::crash(BlockServer& server, bool losing, double strength)
+{
+    if (!server.running())
+        return;
+    for (unsigned lun = 0; lun < station_.world.plan.disks.size(); ++lun) {
+        const server::DiskCounters& counters = server.protocol().counters(lun);
+        station_.world.coverage.add("server: writes that came again", counters.repeated_writes);
+    }
+    server.stop();
+    if (losing)
+        lose_writes(server, strength);
+}
+
+void FaultSchedule::lose_writes(BlockServer& server, double strength)
+{
+    World& world = station_.world;
+    for (unsigned lun = 0; lun < world.plan.disks.size(); ++lun) {
+        JournaledStore& store = server.store(lun);
+        const auto count = static_cast<unsigned>(strength * store.unflushed());
+        world.coverage.add("server: writes lost in a crash", count);
+        store.lose_writes(count, [&](std::uint64_t offset, std::uint64_t bytes) {
+            const auto first = static_cast<std::uint32_t>(offset / formats::sector_bytes);
+            for (std::uint32_t i = 0; i < bytes / formats::sector_bytes; ++i)
+                world.models[lun].may_hold(first + i, world.stored_generation(server, {lun, first + i}));
+        });
+    }
+}
+
+void FaultSchedule::heal()
+{
+    World& world = station_.world;
+    for (const Active& active : active_)
+        end(active.fault);
+    active_.clear();
+    next_ = station_.plan().faults.size();
+    for (Away& away : away_)
+        away.end_ms = std::min(away.end_ms, station_.now_ms());
+    station_.machine.faults().clear();
+    machine::NetworkQuality quality = world.plan.network;
+    quality.loss = 0;
+    station_.network.set_quality(quality);
+    if (world.local)
+        world.local->set_bad(0, world.local->sectors(), false);
+}
+
+bool FaultSchedule::may_fail(std::int64_t began_ms)
+{
+    const std::int64_t now_ms = station_.now_ms();
+    if (shutdown_ || (retry_limit_ms_ >= 0 && now_ms - retry_limit_ms_ < retry_limit_lasts_ms))
+        return true;
+    if (station_.world.plan.boots_locally() && weakened_)
+        return true;
+    std::int64_t silent_ms = 0;
+    for (const Away& away : away_)
+        silent_ms +=
+            std::max<std::int64_t>(0, std::min(away.end_ms, now_ms) - std::max(away.begin_ms, began_ms));
+    return silent_ms >= patience_ms;
+}
+
+}  // namespace campaign

@@ -1,0 +1,244 @@
+#include "campaign/load.h"
+
+#include <algorithm>
+
+#define FMT_HEADER_ONLY
+#include <fmt/format.h>
+
+#include "campaign/streams.h"
+
+namespace campaign {
+
+constexpr std::uint32_t large_sectors = 128;
+constexpr std::int64_t held_back_pause_ms = 200;
+
+struct Load::Client {
+    Load& owner;
+    const unsigned lun;
+    std::uint32_t first, count;  // its part of the disk
+    Stream random;
+    machine::ScsiRequest request;
+    std::vector<std::uint8_t> buffer;
+    DiskModel::Request handle = 0;
+    std::int64_t began_ms = 0;
+    std::uint32_t lba = 0, sectors = 0;
+    unsigned left = 0;
+    bool writing = false, busy = false;
+    struct Written {
+        std::uint32_t lba, sectors;
+        Generation generation;
+    };
+    std::vector<Written> written;  // the last few
+
+    Client(Load& load, unsigned disk, unsigned index, std::uint32_t begin, std::uint32_t length)
+        : owner(load), lun(disk), first(begin), count(length),
+          random(load.station_.world.plan.seed, "client", load.station_.number * 64 + disk * 16 + index),
+          request(load.station_.scsi())
+    {
+        request.done = [this](machine::ScsiRequest&) { finished(); };
+    }
+
+    World& world() { return owner.station_.world; }
+    DiskModel& model() { return world().models[lun]; }
+    void begin();
+    void draw_place();
+    void submit_read();
+    void submit_write();
+    void finished();
+    void next();
+    void end() { busy = false, --owner.active_; }
+};
+
+void Load::Client::draw_place()
+{
+    const LoadPlan& plan = world().plan.load;
+    const std::uint32_t most = std::min(
+        {large_sectors, count, owner.station_.scsi().maximum_transfer_bytes() / formats::sector_bytes});
+    sectors = random.chance(plan.large) ? most : random.between(1, most);
+    const bool hot = random.chance(plan.hot) && count / 10 > sectors;
+    lba = first + random.below((hot ? count / 10 : count) - sectors + 1);
+}
+
+void Load::Client::begin()
+{
+    if (owner.stopping_ || owner.disks_[lun].lost || left == 0)
+        return end();
+    if (owner.held_back(lun)) {
+        auto& scheduler = owner.station_.machine.scheduler();
+        if (owner.pause_ms_ == 0)
+            return end();
+        scheduler.call_at(scheduler.now() + held_back_pause_ms * machine::ticks_per_ms, [this] { begin(); });
+        return;
+    }
+    --left;
+    draw_place();
+    writing = random.chance(world().plan.load.writes);
+    began_ms = owner.station_.now_ms();
+    writing ? submit_write() : submit_read();
+}
+
+void Load::Client::submit_read()
+{
+    buffer.assign(std::size_t{sectors} * formats::sector_bytes, 0xEE);
+    handle = model().read_begins();
+    request.set_read(static_cast<std::uint8_t>(lun), lba, buffer.data(),
+                     static_cast<std::uint32_t>(buffer.size()));
+    owner.station_.scsi().submit(request);
+}
+
+// Now and then exactly what it wrote to this place before.
+void Load::Client::submit_write()
+{
+    constexpr std::size_t remembered = 4;
+    Generation generation;
+    if (!written.empty() && random.chance(0.1)) {
+        const Written& again = written[random.below(static_cast<std::uint32_t>(written.size()))];
+        lba = again.lba, sectors = again.sectors, generation = again.generation;
+        world().coverage.add("write of contents that were there before");
+    } else {
+        generation = world().generations.add(owner.station_.number);
+        written.push_back({lba, sectors, generation});
+        if (written.size() > remembered)
+            written.erase(written.begin());
+    }
+    buffer.resize(std::size_t{sectors} * formats::sector_bytes);
+    for (std::uint32_t i = 0; i < sectors; ++i)
+        std::ranges::copy(world().content({lun, lba + i}, generation),
+                          buffer.begin() + static_cast<std::ptrdiff_t>(i * formats::sector_bytes));
+    owner.delay_over_ |= lun == 0 && sectors == large_sectors;
+    handle = model().write_begins(lba, sectors, generation);
+    request.set_write(static_cast<std::uint8_t>(lun), lba, buffer.data(),
+                      static_cast<std::uint32_t>(buffer.size()));
+    owner.station_.scsi().submit(request);
+}
+
+void Load::Client::finished()
+{
+    world().events.add(static_cast<std::uint64_t>(owner.station_.machine.scheduler().now()));
+    world().events.add((std::uint64_t{lun} << 40 | lba) ^ std::uint64_t{request.srb_status} << 56);
+    const bool ok = request.ok();
+    if (!ok)
+        owner.request_failed(*this);
+    if (writing)
+        model().write_ends(handle, ok);
+    else if (!ok)
+        model().read_failed(handle);
+    else if (const std::string wrong = model().read_ends(handle, lba, buffer); !wrong.empty())
+        fail(
+            fmt::format("read of {} sectors from LBA {}, begun at {} ms: {}", sectors, lba, began_ms, wrong));
+    Disk& disk = owner.disks_[lun];
+    (writing ? disk.written_sectors : disk.read_sectors) += sectors;
+    next();
+}
+
+void Load::Client::next()
+{
+    if (owner.pause_ms_ == 0)
+        return begin();
+    auto& scheduler = owner.station_.machine.scheduler();
+    const auto pause_ms = random.below(static_cast<std::uint32_t>(2 * owner.pause_ms_) + 1);
+    if (pause_ms == 0 || random.chance(0.3))
+        return begin();
+    scheduler.call_at(scheduler.now() + pause_ms * machine::ticks_per_ms, [this] { begin(); });
+}
+
+Load::Load(Workstation& station, Excuses& excuses) : station_(station), excuses_(excuses)
+{
+    const Plan& plan = station.world.plan;
+    disks_.resize(plan.disks.size());
+    for (unsigned lun = 0; lun < plan.disks.size(); ++lun) {
+        const unsigned clients = plan.load.clients_per_lun;
+        const std::uint32_t sectors = plan.disks[lun].sectors;
+        const std::uint32_t part = plan.load.overlapping ? sectors : sectors / clients;
+        for (unsigned i = 0; i < clients; ++i)
+            clients_.push_back(
+                std::make_unique<Client>(*this, lun, i, plan.load.overlapping ? 0 : i * part, part));
+    }
+}
+
+Load::~Load() = default;
+
+void Load::start(std::int64_t length_ms)
+{
+    stopping_ = false;
+    const auto per_client = static_cast<std::int64_t>(1 + station_.world.plan.load.operations /
+                                                              static_cast<unsigned>(clients_.size()));
+    pause_ms_ = std::max<std::int64_t>(1, length_ms / per_client);
+    active_ = static_cast<unsigned>(clients_.size());
+    for (auto& client : clients_) {
+        client->busy = true;
+        client->left = ~0u;
+        client->begin();
+    }
+}
+
+void Load::start_operations(unsigned each)
+{
+    stopping_ = false;
+    pause_ms_ = 0;
+    active_ = static_cast<unsigned>(clients_.size());
+    for (auto& client : clients_) {
+        client->busy = true;
+        client->left = each;
+        client->begin();
+    }
+}
+
+std::string Load::waiting()
+{
+    std::string text;
+    for (auto& client : clients_)
+        if (client->busy)
+            text += fmt::format("{}LUN {} {} of {} sectors at LBA {} for {} ms", text.empty() ? "" : ", ",
+                                client->lun, client->writing ? "write" : "read", client->sectors, client->lba,
+                                station_.now_ms() - client->began_ms);
+    return text;
+}
+
+bool Load::held_back(unsigned lun) const
+{
+    return lun != 0 && !delay_over_ &&
+           (station_.world.plan.disks[lun].flags & formats::disk_flag_delay_load) != 0;
+}
+
+bool Load::all_shown() const
+{
+    for (unsigned lun = 0; lun < disks_.size(); ++lun)
+        if (held_back(lun))
+            return false;
+    return true;
+}
+
+void Load::request_failed(Client& client)
+{
+    station_.world.coverage.add("request failed");
+    Disk& disk = disks_[client.lun];
+    if (disk.lost)
+        return;
+    if (!excuses_.may_fail(client.began_ms))
+        fail(fmt::format("{} of {} sectors at LBA {} of LUN {}, begun at {} ms, failed with status {:02X} "
+                         "though nothing was wrong for long",
+                         client.writing ? "write" : "read", client.sectors, client.lba, client.lun,
+                         client.began_ms, client.request.srb_status));
+    disk.lost = true;
+    station_.world.coverage.add("disk lost for good");
+}
+
+bool Load::read(unsigned lun, std::uint32_t lba, std::uint32_t count)
+{
+    DiskModel& model = station_.world.models[lun];
+    std::vector<std::uint8_t> data(std::size_t{count} * formats::sector_bytes, 0xEE);
+    const DiskModel::Request handle = model.read_begins();
+    const bool ok = station_.scsi().read(static_cast<std::uint8_t>(lun), lba, data.data(),
+                                         static_cast<std::uint32_t>(data.size()));
+    if (!ok) {
+        model.read_failed(handle);
+        return false;
+    }
+    disks_[lun].read_sectors += count;
+    if (const std::string wrong = model.read_ends(handle, lba, data); !wrong.empty())
+        fail(fmt::format("read of {} sectors from LBA {}: {}", count, lba, wrong));
+    return true;
+}
+
+}  // namespace campaign

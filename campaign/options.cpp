@@ -1,0 +1,80 @@
+#include "campaign/options.h"
+
+#include <iostream>
+#include <map>
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wconversion"
+#include <CLI/CLI.hpp>
+#pragma GCC diagnostic pop
+
+namespace campaign {
+namespace {
+
+constexpr char description[] =
+    "Hunts faults of the driver in simulated time: every seed draws a workstation, its servers, a load and\n"
+    "faults, runs them, and holds each block that is read against what was written.";
+
+constexpr char footer[] = R"(
+A seed that fails is printed with what it drew, the driver's last messages, and the command that runs it
+again to the same event. "events" at the end of a seed's log is a number over all its packets and requests,
+the same whenever the seed runs with the same program.
+
+Exit status: 0 no seed failed (with --canary or --expect-failure: one did), 1 otherwise, 2 wrong arguments.
+)";
+
+const std::map<std::string, CanaryKind> canaries{{"lost-write", CanaryKind::lost_write},
+                                                 {"other-answer", CanaryKind::other_answer},
+                                                 {"deaf", CanaryKind::deaf}};
+
+}  // namespace
+
+std::optional<Options> parse_options(int argc, const char* const* argv)
+{
+    Options options;
+    CLI::App app(description, "qrn-campaign");
+    app.footer(footer);
+    std::uint64_t seeds = 0;
+    app.add_option("--seeds", seeds, "Run so many seeds")->check(CLI::Range(1u, 1'000'000'000u));
+    app.add_option("--minutes", options.minutes, "Begin no seed after so many minutes")
+        ->check(CLI::Range(0.01, 100'000.0));
+    app.add_option("--first-seed", options.first_seed, "The first seed")->capture_default_str();
+    app.add_option("--driver", options.driver, "\"builtin\" or a qrndisk.sys")->capture_default_str();
+    app.add_option("--jobs", options.jobs, "So many seeds at a time")
+        ->check(CLI::Range(1, 256))
+        ->capture_default_str();
+    app.add_option("--seed-timeout", options.seed_timeout_s, "Seconds after which a seed counts as hung")
+        ->check(CLI::Range(1, 86'400))
+        ->capture_default_str();
+    app.add_flag("--seed-log", options.seed_log, "Print what every seed draws and meets");
+    app.add_option("--canary", options.canary, "Plant a fault in the servers that must be found")
+        ->transform(CLI::CheckedTransformer(canaries));
+    app.add_flag("--expect-failure", options.expect_failure,
+                 "Succeed when a seed fails: for programs with a planted fault");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        std::cout << app.help();
+        return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        throw OptionError(error.what());
+    }
+    if (seeds != 0)
+        options.seeds = seeds;
+    if (!options.seeds && options.minutes == 0)
+        throw OptionError("--seeds or --minutes is needed");
+    return options;
+}
+
+std::string replay_arguments(const Options& options)
+{
+    std::string text;
+    if (options.driver != "builtin")
+        text += " --driver " + options.driver;
+    for (const auto& [name, kind] : canaries)
+        if (kind == options.canary)
+            text += " --canary " + name;
+    return text;
+}
+
+}  // namespace campaign

@@ -1,0 +1,36 @@
+// The command line of qrn-campaign.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "campaign/canary.h"
+
+namespace campaign {
+
+struct Options {
+    std::uint64_t first_seed = 1;
+    std::optional<std::uint64_t> seeds;  // how many; without: as many as the time allows
+    double minutes = 0;                  // 0: no limit
+    std::string driver = "builtin";
+    unsigned jobs = 2;
+    unsigned seed_timeout_s = 120;
+    bool seed_log = false;
+    bool expect_failure = false;
+    CanaryKind canary = CanaryKind::none;
+};
+
+class OptionError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Nothing when help was asked for and printed. Throws OptionError.
+std::optional<Options> parse_options(int argc, const char* const* argv);
+
+// The arguments, but for the seeds, that run a seed once more in the same way.
+std::string replay_arguments(const Options& options);
+
+}  // namespace campaign

@@ -1,0 +1,220 @@
+#include "campaign/plan.h"
+
+#include <algorithm>
+
+#include "campaign/streams.h"
+#include "formats/boot_block.h"
+#include "formats/image_area.h"
+
+namespace campaign {
+namespace {
+
+using machine::ticks_per_ms;
+using machine::ticks_per_us;
+
+constexpr std::uint64_t mb = 1u << 20, gb = 1u << 30;
+constexpr std::uint32_t small_disk_max = 6000, cached_disk_min = 16384, cached_disk_max = 40000;
+
+std::uint8_t draw_flags(Stream& stream, bool system_disk)
+{
+    unsigned flags = stream.between(1, 8);
+    if (stream.chance(0.3))
+        flags |= formats::disk_flag_split_writes;
+    if (stream.chance(0.2))
+        flags |= formats::disk_flag_one_slot;
+    if (stream.chance(0.35))
+        flags |= formats::disk_flag_ram_cache;
+    if (!system_disk && stream.chance(0.1))
+        flags |= formats::disk_flag_delay_load;
+    return stream.chance(0.05) ? std::uint8_t{0} : static_cast<std::uint8_t>(flags);
+}
+
+DiskPlan draw_disk(Stream& stream, bool system_disk)
+{
+    DiskPlan disk{};
+    disk.flags = draw_flags(stream, system_disk);
+    disk.read_kb = stream.between(1, 16);
+    disk.write_kb = stream.between(1, 16);
+    disk.retry_mins = static_cast<std::uint8_t>(stream.chance(0.1) ? 0 : stream.between(1, 2));
+    disk.mirrored = stream.chance(0.3);
+    const bool cached = (disk.flags & formats::disk_flag_ram_cache) != 0;
+    disk.cache_mb = cached && stream.chance(0.9) ? stream.between(4, 16) : 0;
+    if (cached && stream.chance(0.5))
+        disk.cache_mb = 4;
+    disk.sectors = disk.ram_cache() ? stream.between(cached_disk_min, cached_disk_max)
+                                    : stream.between(600, small_disk_max);
+    disk.zeros = stream.chance(0.5);
+    return disk;
+}
+
+MemoryPlan draw_memory(Stream& stream)
+{
+    constexpr std::uint64_t sizes[] = {128 * mb, 512 * mb, gb, 3 * gb};
+    MemoryPlan memory{};
+    const std::uint64_t size = stream.one_of(sizes);
+    memory.ranges = {{mb, size}};
+    if (stream.chance(0.3))
+        memory.ranges = {{mb, 15 * mb}, {17 * mb, size}};
+    if (stream.chance(0.2))
+        memory.ranges.push_back({4 * gb, gb});
+    else if (stream.chance(0.4))
+        memory.above_4g_bytes = stream.between(8, 256) * 4 * mb;
+    memory.mm64bit = stream.chance(0.1);
+    memory.window_bytes_max = stream.chance(0.2) ? stream.between(6, 40) * mb : 0;
+    return memory;
+}
+
+std::map<std::string, std::uint32_t> draw_settings(Stream& stream)
+{
+    std::map<std::string, std::uint32_t> settings;
+    if (stream.chance(0.6))
+        settings["RW_THREADS"] = stream.between(1, 8);
+    if (stream.chance(0.3))
+        settings["TRANS_SIZE"] = stream.between(1, 64);
+    constexpr std::uint32_t hot_retrys[] = {0, 0, 1, 1, 2, 3, 10, 25};
+    if (stream.chance(0.7))
+        settings["HOT_RETRYS"] = stream.one_of(hot_retrys);
+    if (stream.chance(0.5))
+        settings["PAE_SIZE"] = stream.between(0, 2) * 64;
+    if (stream.chance(0.1))
+        settings["RW_RACK"] = stream.between(0x700, 0x70A);
+    return settings;
+}
+
+LocalPlan draw_local(Stream& stream, const DiskPlan& system_disk, std::size_t disks)
+{
+    // What a copy of the whole disk takes, with its map.
+    const std::uint32_t whole = (system_disk.sectors / formats::chunk_sectors + 2) * 129 + 64;
+    LocalPlan local{};
+    local.system_sectors = stream.chance(0.8) ? whole + 512 : stream.between(64, whole);
+    const auto blocks = static_cast<std::uint32_t>(disks) * 24;
+    local.temporary_sectors = stream.chance(0.8) ? stream.between(200, blocks * formats::chunk_sectors) : 0;
+    local.options.latency_max = stream.chance(0.7) ? stream.between(1, 20) * ticks_per_ms : 0;
+    local.options.latency_min = local.options.latency_max / 10;
+    local.options.volatile_max = stream.chance(0.6) ? stream.between(10, 5000) * ticks_per_ms : 0;
+    local.options.seed = stream.next();
+    local.synchronise = stream.chance(0.85);
+    return local;
+}
+
+machine::NetworkQuality draw_network(Stream& stream)
+{
+    constexpr double losses[] = {0, 0, 0.001, 0.01};
+    machine::NetworkQuality quality;
+    quality.delay_min = stream.between(20, 300) * ticks_per_us;
+    quality.delay_max = quality.delay_min + stream.between(0, 2000) * ticks_per_us;
+    quality.loss = stream.one_of(losses);
+    return quality;
+}
+
+LoadPlan draw_load(Stream& stream)
+{
+    return {.clients_per_lun = stream.between(1, 5),
+            .operations = stream.between(60, 500),
+            .writes = 0.2 + stream.fraction() * 0.6,
+            .large = stream.fraction() * 0.4,
+            .hot = stream.fraction(),
+            .overlapping = stream.chance(0.5)};
+}
+
+// How long a fault lasts: mostly so short that nothing may fail, at times longer than any patience.
+std::int64_t draw_length_ms(Stream& stream, FaultKind kind)
+{
+    const bool away = kind >= FaultKind::main_crash && kind <= FaultKind::slave_partition;
+    if (away && stream.chance(0.25))
+        return stream.between(20'000, 150'000);
+    return away ? stream.between(100, 15'000) : stream.between(50, 5'000);
+}
+
+Fault draw_fault(Stream& stream, const Plan& plan, std::int64_t safety_ms)
+{
+    const auto first_local = static_cast<unsigned>(FaultKind::local_request);
+    const auto kinds = plan.boots_locally() ? static_cast<unsigned>(FaultKind::kinds) : first_local;
+    auto kind = static_cast<FaultKind>(stream.below(kinds));
+    const bool of_slave = kind == FaultKind::slave_crash || kind == FaultKind::slave_partition;
+    if (of_slave && !plan.mirrored())
+        kind = FaultKind::network;
+    if (kind == FaultKind::retry_limit && stream.chance(0.7))
+        kind = FaultKind::network;
+    return {.kind = kind,
+            .at_ms = stream.below(static_cast<std::uint32_t>(safety_ms)),
+            .for_ms = draw_length_ms(stream, kind),
+            .strength = stream.fraction()};
+}
+
+BootFault draw_boot_fault(Stream& stream)
+{
+    constexpr BootFault::Kind kinds[] = {BootFault::Kind::allocation, BootFault::Kind::thread,
+                                         BootFault::Kind::pages, BootFault::Kind::registry,
+                                         BootFault::Kind::local_read};
+    const BootFault::Kind kind = stream.one_of(kinds);
+    // Without its first worker and its receiver a workstation has no disks at all.
+    return {.kind = kind, .skip = stream.between(2, 10), .count = stream.between(1, 3)};
+}
+
+StartPlan draw_start(Stream& stream, const Plan& plan, bool last)
+{
+    constexpr End ends[] = {End::power_off, End::power_off, End::shutdown};
+    constexpr unsigned lengths_s[] = {2, 10, 30, 120};
+    StartPlan start{};
+    start.safety_ms = std::int64_t{stream.one_of(lengths_s)} * 1000;
+    for (unsigned count = stream.between(0, 8); count != 0; --count)
+        start.faults.push_back(draw_fault(stream, plan, start.safety_ms));
+    std::ranges::stable_sort(start.faults, {}, &Fault::at_ms);
+    if (stream.chance(0.15))
+        start.boot_faults.push_back(draw_boot_fault(stream));
+    start.end = last ? End::checked : stream.one_of(ends);
+    start.new_image = stream.chance(0.5);
+    return start;
+}
+
+}  // namespace
+
+bool DiskPlan::ram_cache() const
+{
+    return (flags & formats::disk_flag_ram_cache) != 0 && cache_mb != 0;
+}
+
+bool Plan::boots_locally() const
+{
+    return boot_mode == formats::boot_mode_local_image;
+}
+
+bool Plan::mirrored() const
+{
+    return std::ranges::any_of(disks, &DiskPlan::mirrored);
+}
+
+Plan draw_plan(std::uint64_t seed)
+{
+    Stream general(seed, "general"), disks(seed, "disks"), settings(seed, "settings"), memory(seed, "memory"),
+        local(seed, "local disk"), network(seed, "network quality"), load(seed, "load");
+    constexpr std::uint32_t modes[] = {0, 0, 0, 0, 0, 7, 7, 7, 7, 1};
+    Plan plan{};
+    plan.seed = seed;
+    plan.boot_mode = general.one_of(modes);
+    plan.boot_flags = general.chance(0.5) ? formats::boot_flag_tag_slot : std::uint8_t{0};
+    plan.tag_key = static_cast<std::uint32_t>(general.next());
+    plan.rack_level = general.chance(0.8) ? std::uint16_t{0x705} : std::uint16_t{0x701};
+    plan.through_transport = general.chance(0.3);
+    plan.reset_ports_work = general.chance(0.7);
+    plan.pae = general.chance(0.5);
+    for (unsigned count = general.between(1, formats::disk_count_max); count != 0; --count)
+        plan.disks.push_back(draw_disk(disks, plan.disks.empty()));
+    plan.settings = draw_settings(settings);
+    plan.memory = draw_memory(memory);
+    if (plan.boots_locally()) {
+        plan.through_transport = false;
+        plan.local = draw_local(local, plan.disks[0], plan.disks.size());
+    }
+    plan.network = draw_network(network);
+    plan.load = draw_load(load);
+    const unsigned starts = general.between(1, 3);
+    for (unsigned i = 0; i < starts; ++i) {
+        Stream stream(seed, "start", i);
+        plan.starts.push_back(draw_start(stream, plan, i + 1 == starts));
+    }
+    return plan;
+}
+
+}  // namespace campaign

@@ -1,0 +1,122 @@
+// Everything that a seed decides, drawn before anything runs. Each part comes from a stream of its own.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "machine/disk/local_disk.h"
+#include "machine/executive/physical_memory.h"
+#include "machine/transport/simulated_network.h"
+
+namespace campaign {
+
+struct DiskPlan {
+    std::uint32_t sectors;
+    std::uint8_t flags;  // Disk_Flags
+    unsigned read_kb, write_kb;
+    std::uint8_t retry_mins;
+    bool mirrored;
+    std::uint32_t cache_mb;  // what the servers offer
+    bool zeros;              // parts of it hold zeros at the beginning
+
+    bool ram_cache() const;  // the workstation keeps its writes in memory
+};
+
+struct MemoryPlan {
+    std::vector<machine::MemoryRange> ranges;
+    std::uint64_t above_4g_bytes;  // that the system does not manage
+    std::uint64_t window_bytes_max;
+    bool mm64bit;
+};
+
+// A local disk for boot mode 7. Its partitions, in sectors.
+struct LocalPlan {
+    std::uint32_t system_sectors, temporary_sectors;  // 0: no such partition
+    machine::LocalDiskOptions options;
+    bool synchronise;
+};
+
+struct LoadPlan {
+    unsigned clients_per_lun;
+    unsigned operations;  // about so many in the safety phase of a start
+    double writes;        // share of all operations
+    double large;         // share of requests of 64 KB
+    double hot;           // share of requests to a tenth of the disk
+    bool overlapping;     // clients share the disk; else each has a part of its own
+};
+
+enum class FaultKind {
+    network,            // loss, duplication, delay, reordering, corruption for a while
+    main_crash,         // the main server is away, and comes back with all it had answered
+    main_crash_losing,  // the same, without its last writes
+    main_partition,
+    slave_crash,
+    slave_partition,
+    retry_limit,  // the server asks to give up soon
+    allocation,
+    mapping,
+    local_request,  // a local disk's request cannot be made
+    local_error,
+    local_short,
+    local_bad_sectors,
+    kinds,
+};
+const char* name_of(FaultKind kind);
+
+struct Fault {
+    FaultKind kind;
+    std::int64_t at_ms, for_ms;
+    double strength;  // a probability, or a place on the disk from 0 to 1
+};
+
+enum class End {
+    checked,    // faults stop, everything must complete
+    power_off,  // at any time
+    shutdown,   // the system goes down in the middle of it, and then the power
+};
+
+// Failures during the start itself.
+struct BootFault {
+    enum class Kind { allocation, thread, pages, registry, local_read } kind;
+    unsigned skip, count;
+};
+
+const char* name_of(BootFault::Kind kind);
+
+struct StartPlan {
+    std::int64_t safety_ms;
+    std::vector<Fault> faults;
+    std::vector<BootFault> boot_faults;
+    End end;
+    bool new_image;  // the server has a newer image than at the start before
+};
+
+struct Plan {
+    std::uint64_t seed;
+    std::uint32_t boot_mode;
+    std::uint8_t boot_flags;
+    std::uint32_t tag_key;
+    std::uint16_t rack_level;
+    bool through_transport;  // the boot block comes from the transport, not from low memory
+    bool reset_ports_work;
+    std::vector<DiskPlan> disks;
+    std::map<std::string, std::uint32_t> settings;  // of the service key
+    bool pae;                                       // the system says that it uses long addresses
+    MemoryPlan memory;
+    LocalPlan local;  // boot mode 7 only
+    machine::NetworkQuality network;
+    LoadPlan load;
+    std::vector<StartPlan> starts;
+
+    bool boots_locally() const;
+    bool mirrored() const;
+};
+
+Plan draw_plan(std::uint64_t seed);
+
+// One line per draw.
+std::string to_text(const Plan& plan);
+
+}  // namespace campaign

@@ -1,0 +1,59 @@
+#include "campaign/report.h"
+
+#include <cstdio>
+#include <unistd.h>
+
+#define FMT_HEADER_ONLY
+#include <fmt/format.h>
+
+#include "machine/machine.h"
+
+namespace campaign {
+namespace {
+
+machine::Machine* current = nullptr;
+
+std::string last_messages()
+{
+    constexpr std::size_t messages_max = 60;
+    const auto entries = current->log().entries();
+    std::string text;
+    for (std::size_t i = entries.size() > messages_max ? entries.size() - messages_max : 0;
+         i < entries.size(); ++i)
+        text +=
+            fmt::format("  [{:.4f}] {}\n", static_cast<double>(entries[i].time) / machine::ticks_per_second,
+                        entries[i].text.substr(entries[i].text.starts_with("\n")));
+    return text;
+}
+
+}  // namespace
+
+void report_on(machine::Machine* machine)
+{
+    current = machine;
+}
+
+void fail(const std::string& text)
+{
+    std::string report;
+    if (current)
+        report = fmt::format("messages before {:.4f} s:\n{}",
+                             static_cast<double>(current->scheduler().now()) / machine::ticks_per_second,
+                             last_messages());
+    std::printf("%sFAILED: %s\n", report.c_str(), text.c_str());
+    std::fflush(stdout);
+    _exit(exit_failed);
+}
+
+void EventHash::add(std::span<const std::uint8_t> bytes)
+{
+    for (std::uint8_t byte : bytes)
+        value_ = (value_ ^ byte) * 0x100000001B3u;
+}
+
+void EventHash::add(std::uint64_t number)
+{
+    add({reinterpret_cast<const std::uint8_t*>(&number), sizeof number});
+}
+
+}  // namespace campaign

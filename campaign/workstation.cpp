@@ -1,0 +1,190 @@
+#include "campaign/workstation.h"
+
+#include <bit>
+#include <cstring>
+
+#define FMT_HEADER_ONLY
+#include <fmt/format.h>
+
+#include "formats/cache_stats.h"
+#include "formats/image_descriptor.h"
+#include "formats/wire.h"
+
+namespace campaign {
+namespace {
+
+using formats::Boot_Param;
+using machine::Direction;
+
+constexpr std::int64_t disks_appear_ms = 10'000;
+constexpr std::uint32_t descriptor_offset = 0x200;  // from the boot record on
+
+machine::MachineConfig machine_config(const Plan& plan, unsigned number)
+{
+    machine::MachineConfig config;
+    config.seed = Stream(plan.seed, "schedule", number).next();
+    config.memory_ranges = plan.memory.ranges;
+    config.unmanaged_above_4g_bytes = plan.memory.above_4g_bytes;
+    config.window_bytes_max = plan.memory.window_bytes_max;
+    config.mm64bit = plan.memory.mm64bit;
+    config.reset_ports_work = plan.reset_ports_work;
+    return config;
+}
+
+void fill_disk(formats::Disk_Info& disk, unsigned lun, const DiskPlan& plan)
+{
+    const auto id = disk_id(lun, plan.mirrored);
+    std::memcpy(disk.Disk_Id, id.data(), id.size());
+    const std::uint8_t parm[4] = {0xA0, 0xA1, 0xA2, static_cast<std::uint8_t>(lun)};
+    std::memcpy(disk.Disk_Parm, parm, sizeof parm);
+    disk.Disk_Secs.set(plan.sectors);
+    disk.Read_KB = static_cast<std::uint8_t>((plan.read_kb - 1) << 4);
+    disk.Write_KB = static_cast<std::uint8_t>((plan.write_kb - 1) << 4);
+    disk.Disk_Flags = plan.flags;
+    disk.Retry_Mins = plan.retry_mins;
+}
+
+Boot_Param boot_block(const Plan& plan)
+{
+    Boot_Param block{};
+    block.Boot_Mode.set(plan.boot_mode);
+    block.Lun_Nums = block.Disk_Nums = static_cast<std::uint8_t>(plan.disks.size());
+    block.Boot_Flags = plan.boot_flags;
+    block.Tag_Key.set(plan.tag_key);
+    block.Boot_Port.set(0x1234);
+    for (std::uint8_t i = 0; i < sizeof block.Identity_16; ++i)
+        block.Identity_16[i] = static_cast<std::uint8_t>(0x90 + i);
+    block.Rack_Level.set(plan.rack_level);
+    block.Boot_Server = server_address(0);
+    for (unsigned lun = 0; lun < plan.disks.size(); ++lun) {
+        fill_disk(block.Disks[lun], lun, plan.disks[lun]);
+        block.Main_Server[lun] = server_address(0);
+        if (plan.disks[lun].mirrored)
+            block.Slave_Server[lun] = server_address(1);
+    }
+    if (plan.boots_locally()) {
+        block.Local_Nums = 1;
+        ++block.Disk_Nums;
+        if (!plan.local.synchronise)
+            block.Boot_Flags |= formats::boot_flag_no_image_sync;
+    }
+    return block;
+}
+
+template <typename Object>
+std::span<const std::uint8_t> bytes_of(const Object& object)
+{
+    return {reinterpret_cast<const std::uint8_t*>(&object), sizeof object};
+}
+
+}  // namespace
+
+Workstation::Workstation(World& owner, unsigned start, machine::DriverImage& driver, std::int64_t off_ms)
+    : world(owner), number(start), machine(machine_config(owner.plan, start)),
+      network(machine.scheduler(), Stream(owner.plan.seed, "network", start).next()), driver_(driver)
+{
+    report_on(&machine);
+    const Plan& plan = world.plan;
+    machine::Transport& transport = machine.add_transport(network);
+    if (plan.through_transport)
+        transport.block() = boot_block(plan);
+    else
+        leave_boot_block();
+    for (const auto& [name, value] : plan.settings)
+        machine.registry().set_setting(name, value);
+    machine.registry().set_dword(machine::Registry::memory_management_key, u"PhysicalAddressExtension",
+                                 plan.pae);
+    network.set_quality(plan.network);
+    network.set_observer(
+        [this](Direction direction, const formats::ServerRecord&, std::span<const std::uint8_t> packet) {
+            see(direction, packet);
+            return machine::SimulatedNetwork::Verdict::pass;
+        });
+    world.main.join(machine.scheduler(), network, off_ms);
+    world.slave.join(machine.scheduler(), network, off_ms);
+    if (world.local)
+        machine.add_local_disk(*world.local, static_cast<unsigned>(plan.disks.size()));
+}
+
+Workstation::~Workstation()
+{
+    world.simulated_s += static_cast<double>(machine.scheduler().now()) / machine::ticks_per_second;
+    world.main.leave();
+    world.slave.leave();
+    report_on(nullptr);
+}
+
+// In boot mode 7 the code that boots from the local disk leaves the system disk's first sector as well.
+void Workstation::leave_boot_block()
+{
+    const std::uint32_t base = machine.config().base_memory_kb * 1024u;
+    formats::BootRecord record{};
+    std::memcpy(record.Signature, formats::boot_record_signature, sizeof record.Signature);
+    record.Bound.set(formats::boot_record_bound_max);
+    record.Kind.set(formats::boot_record_kind);
+    record.Param = boot_block(world.plan);
+    record.Rack_Level.set(record.Param.Rack_Level.get());
+    machine.memory().write(base, bytes_of(record));
+    if (!world.plan.boots_locally())
+        return;
+    formats::ImageDescriptor descriptor{};
+    std::memcpy(descriptor.Mark, formats::image_descriptor_mark, sizeof descriptor.Mark);
+    descriptor.Kind.set(formats::image_descriptor_kind);
+    descriptor.Displacement.set(formats::paragraph_bytes - formats::image_descriptor_jump_bytes);
+    machine.memory().write(base + descriptor_offset, bytes_of(descriptor));
+    machine.memory().write(base + descriptor_offset + formats::paragraph_bytes,
+                           world.stored(world.main, {0, 0}));
+}
+
+void Workstation::boot()
+{
+    const std::int32_t status = machine.boot(driver_);
+    if (status != 0)
+        fail(fmt::format("the driver does not load: {:08X}", static_cast<std::uint32_t>(status)));
+    const std::int64_t limit_ms = now_ms() + disks_appear_ms;
+    while (scsi().luns().size() != world.plan.disks.size()) {
+        if (now_ms() > limit_ms)
+            fail(fmt::format("{} of {} disks appear", scsi().luns().size(), world.plan.disks.size()));
+        machine.sleep_ms(50);
+    }
+}
+
+// The status poll's answer has addresses in it, which differ from one way of loading the driver to another.
+void Workstation::see(Direction direction, std::span<const std::uint8_t> packet)
+{
+    if (packet.size() >= 2 && std::memcmp(packet.data(), formats::poll_reply_mark, 2) == 0)
+        return;
+    world.events.add(static_cast<std::uint64_t>(machine.scheduler().now()));
+    world.events.add(packet);
+    if (direction != Direction::to_server || packet.size() < formats::request_bytes)
+        return;
+    formats::WireHeader header{};
+    std::memcpy(static_cast<void*>(&header), packet.data(), formats::request_bytes);
+    const unsigned lun = (header.Disk_Id[3] - 0xD0u) % formats::disk_count_max;
+    workers_[lun] |= 1u << (header.Worker_Byte & formats::worker_index_mask);
+}
+
+void Workstation::count_events()
+{
+    Coverage& coverage = world.coverage;
+    for (const auto& entry : machine.log().entries())
+        coverage.add_message(entry.text);
+    for (const Direction direction : {Direction::to_server, Direction::to_workstation}) {
+        const machine::NetworkCounters& counters = network.counters(direction);
+        coverage.add("network: packets lost", counters.lost);
+        coverage.add("network: packets duplicated", counters.duplicated);
+        coverage.add("network: packets reordered", counters.reordered);
+        coverage.add("network: packets corrupted", counters.corrupted);
+        coverage.add("network: packets partitioned", counters.partitioned);
+    }
+    const auto* caches = static_cast<const formats::CacheStats*>(driver_.exported("QRN_Cache_Stats"));
+    for (unsigned lun = 0; caches && lun < formats::disk_count_max; ++lun) {
+        coverage.add("cache: hits", caches[lun].Hits);
+        coverage.add("cache: misses", caches[lun].Misses);
+        coverage.add("cache: fills", caches[lun].Fills);
+        coverage.add("cache: write-backs", caches[lun].Write_Backs);
+        coverage.add("cache: write-throughs", caches[lun].Write_Throughs);
+    }
+}
+
+}  // namespace campaign

@@ -1,0 +1,112 @@
+// What the campaign's model lets pass, and what it must not.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "campaign/model.h"
+
+using namespace campaign;
+
+namespace {
+
+constexpr std::uint32_t lba = 3;
+
+class Model : public testing::Test {
+protected:
+    Generations generations;
+    DiskModel model{1, std::vector<Generation>(8, initial), generations};
+
+    Generation fresh() { return generations.add(1); }
+    Sector content(Generation generation) const { return generations.content({1, lba}, generation); }
+    bool allowed(Generation generation) const { return model.check(lba, content(generation)).empty(); }
+    Generation written(bool succeeded = true)
+    {
+        const Generation generation = fresh();
+        model.write_ends(model.write_begins(lba, 1, generation), succeeded);
+        return generation;
+    }
+};
+
+TEST_F(Model, Written_content_is_the_only_one_and_a_failed_write_leaves_both)
+{
+    EXPECT_TRUE(allowed(initial));
+    const Generation first = written();
+    EXPECT_TRUE(allowed(first));
+    EXPECT_FALSE(allowed(initial));
+    const Generation failed = written(false);
+    EXPECT_TRUE(allowed(first) && allowed(failed));
+    // It may happen even after a later one.
+    const Generation last = written();
+    EXPECT_TRUE(allowed(failed) && allowed(last));
+    EXPECT_FALSE(allowed(first));
+    // But not after the power was off.
+    model.power_off();
+    const Generation next = written();
+    EXPECT_TRUE(allowed(next));
+    EXPECT_FALSE(allowed(failed) || allowed(last));
+}
+
+TEST_F(Model, Requests_at_the_same_time_may_find_either_content)
+{
+    const Generation one = fresh(), two = fresh();
+    const auto read = model.read_begins();
+    const auto first = model.write_begins(lba, 1, one), second = model.write_begins(lba, 1, two);
+    model.write_ends(first, true);
+    model.write_ends(second, true);
+    EXPECT_TRUE(allowed(one) && allowed(two));
+    EXPECT_FALSE(allowed(initial));
+    EXPECT_EQ(model.read_ends(read, lba, content(initial)), "") << "it began before both";
+    const auto later = model.read_begins();
+    EXPECT_NE(model.read_ends(later, lba, content(initial)), "");
+}
+
+TEST_F(Model, Same_content_written_again_is_told_apart_from_the_first_time)
+{
+    const Generation again = written();
+    const Generation between = written();
+    EXPECT_FALSE(allowed(again));
+    model.write_ends(model.write_begins(lba, 1, again), true);
+    EXPECT_TRUE(allowed(again));
+    EXPECT_FALSE(allowed(between));
+}
+
+TEST_F(Model, Torn_sector_passes_only_for_a_read_during_a_write)
+{
+    const Generation generation = fresh();
+    const Sector old = content(initial);
+    Sector torn = content(generation);
+    std::copy(old.begin() + 274, old.end(), torn.begin() + 274);
+    Sector foreign = torn;
+    foreign[400] ^= 1;
+    auto read = model.read_begins();
+    const auto write = model.write_begins(lba, 1, generation);
+    EXPECT_NE(model.read_ends(read, lba, foreign), "");
+    read = model.read_begins();
+    EXPECT_EQ(model.read_ends(read, lba, torn), "");
+    model.write_ends(write, true);
+    read = model.read_begins();
+    EXPECT_NE(model.read_ends(read, lba, torn), "");
+}
+
+TEST_F(Model, Content_of_another_place_or_disk_is_refused)
+{
+    const auto read = [this](const Sector& sector) {
+        return model.read_ends(model.read_begins(), lba, sector);
+    };
+    EXPECT_EQ(read(sector_content({1, lba}, initial, 0)), "");
+    EXPECT_NE(read(sector_content({1, lba + 1}, initial, 0)), "");
+    EXPECT_NE(read(sector_content({0, lba}, initial, 0)), "");
+    EXPECT_NE(read(Sector{}), "");
+}
+
+TEST_F(Model, Server_that_lost_its_last_writes_may_show_the_old_or_the_new)
+{
+    const Generation lost = written();
+    model.may_hold(lba, initial);
+    EXPECT_TRUE(allowed(initial) && allowed(lost));
+    const Generation next = written();
+    EXPECT_FALSE(allowed(initial) || allowed(lost));
+    EXPECT_TRUE(allowed(next));
+}
+
+}  // namespace
