@@ -21,23 +21,26 @@ using bench::report_measure;
 constexpr std::uint32_t request_bytes = 65536, request_sectors = 128;
 constexpr std::uint32_t span_sectors = 64 * 2048;  // 64 MB of a disk
 
-const bench::Workload reads_of_64K{"", false, request_bytes, 1, false};
-
 double mb_per_s(double us)
 {
     return request_bytes / us;
 }
 
-// Microseconds of a request, one at a time.
-double request_us(machine::ScsiPort& port, std::uint8_t lun, bool write, double seconds)
+// Microseconds of a network read of LUN 1, one at a time.
+double network_read_us(machine::ScsiPort& port, double seconds)
 {
-    std::vector<std::uint8_t> data(request_bytes, 0x5A);
+    std::vector<std::uint8_t> data(request_bytes);
     return bench::time_us(seconds, [&](unsigned n) {
-        const std::uint32_t lba = n * request_sectors % span_sectors;
-        if (!(write ? port.write(lun, lba, data.data(), request_bytes)
-                    : port.read(lun, lba, data.data(), request_bytes)))
-            throw std::runtime_error("a request failed");
+        if (!port.read(1, n * request_sectors % span_sectors, data.data(), request_bytes))
+            throw std::runtime_error("a read failed");
     });
+}
+
+// Microseconds per request of LUN 0 with so many in flight.
+double local_us(machine::ScsiPort& port, bool write, unsigned depth, double seconds)
+{
+    const bench::Workload workload{"", write, request_bytes, depth, false};
+    return seconds * 1e6 / static_cast<double>(bench::Load(port, workload, span_sectors).run(seconds));
 }
 
 // The same transfers on the local disk's file, with nothing in between.
@@ -126,17 +129,18 @@ void measure(machine::Machine& machine, const char* local_disk, double seconds)
 {
     machine::ScsiPort& port = machine.scsi();
     machine.log().set_sink(watch_messages, false);
-    report_measure("network reads, one after another", "mb_per_s",
-                   mb_per_s(request_us(port, 1, false, seconds)));
+    report_measure("network reads, one after another", "mb_per_s", mb_per_s(network_read_us(port, seconds)));
     report_measure("synchronisation", "mb_per_s", synchronise(machine));
     const int file = open(local_disk, O_RDWR | O_CLOEXEC);
     constexpr off_t system_data = 2 << 20;  // where the file has data, wherever exactly
-    report_measure("local reads of 64K", "us", request_us(port, 0, false, seconds));
     report_measure("local reads of 64K, the file alone", "us", file_us(file, system_data, false, seconds));
-    request_us(port, 1, true, seconds / 4);
-    report_measure("local writes of 64K", "us", request_us(port, 1, true, seconds));
+    report_measure("local reads of 64K, depth 1", "us", local_us(port, false, 1, seconds));
+    report_measure("local reads of 64K, depth 8", "us", local_us(port, false, 8, seconds));
     report_measure("local writes of 64K, the file alone", "us",
                    file_us(file, lseek(file, 0, SEEK_END) - span_sectors * 512, true, seconds));
+    local_us(port, true, 8, seconds / 4);  // gives the sectors their places
+    report_measure("local writes of 64K, depth 1", "us", local_us(port, true, 1, seconds));
+    report_measure("local writes of 64K, depth 8", "us", local_us(port, true, 8, seconds));
     constexpr std::uint32_t chunks_of_2_gb = 32768, chunks_of_2_tb = chunks_of_2_gb * 1024;
     for (const bool random : {false, true}) {
         report_measure(random ? "look-up, 2 GB, at random" : "look-up, 2 GB, in order", "ns",

@@ -228,8 +228,11 @@ def print_image_table(rounds):
     sync, network = figure("synchronisation"), figure("network reads, one after another")
     print(f"{'synchronisation, network reads in order':<42}{sync:>9.0f} MB/s{network:>9.0f} MB/s{sync / network:8.2f}")
     for what in ("reads", "writes"):
-        mine, theirs = figure(f"local {what} of 64K"), figure(f"local {what} of 64K, the file alone")
-        print(f"{f'local {what} of 64K, the file alone':<42}{mine:>11.1f} us{theirs:>11.1f} us{theirs / mine:8.2f}")
+        theirs = figure(f"local {what} of 64K, the file alone")
+        for depth in (1, 8):
+            mine = figure(f"local {what} of 64K, depth {depth}")
+            print(f"{f'local {what} of 64K, depth {depth}, the file':<42}{mine:>11.1f} us{theirs:>11.1f} us"
+                  f"{theirs / mine:8.2f}")
     for order in ("in order", "at random"):
         large, small = figure(f"look-up, 2 TB, {order}"), figure(f"look-up, 2 GB, {order}")
         print(f"{f'look-up {order}, of 2 TB and of 2 GB':<42}{large:>11.0f} ns{small:>11.0f} ns{large / small:8.2f}")

@@ -15,7 +15,7 @@ using namespace machine;
 
 namespace {
 
-constexpr std::uint64_t defer_cycles = 200'000;  // less than 100 us
+constexpr std::uint64_t defer_cycles = 2'500'000;  // about 1 ms
 
 enum ObjectType : UCHAR { notification_event = 0, synchronization_event = 1, semaphore = 5, thread = 6 };
 
