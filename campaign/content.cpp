@@ -1,6 +1,6 @@
 #include "campaign/content.h"
 
-#include <algorithm>
+#include <bit>
 #include <cstring>
 
 #define FMT_HEADER_ONLY
@@ -32,26 +32,27 @@ Group group_of(std::span<const std::uint8_t> sector, unsigned index)
 
 bool all_zeros(std::span<const std::uint8_t> sector)
 {
-    return std::ranges::all_of(sector, [](std::uint8_t byte) { return byte == 0; });
+    // Every byte equals the one before it.
+    return sector[0] == 0 && std::memcmp(&sector[0], &sector[1], sector.size() - 1) == 0;
 }
 
 }  // namespace
 
 Sector sector_content(Place place, Generation generation, unsigned start)
 {
-    Sector sector{};
     if (generation == zeros)
-        return sector;
-    Group group{.lba = place.lba & lba_max,
-                .index = 0,
-                .generation = generation & generation_max,
-                .lun = place.lun & 3,
-                .start = start & 63};
-    for (unsigned i = 0; i < groups; ++i) {
-        group.index = i & 63;
-        std::memcpy(&sector[i * sizeof group], &group, sizeof group);
-    }
-    return sector;
+        return {};
+    const Group first{.lba = place.lba & lba_max,
+                      .index = 0,
+                      .generation = generation & generation_max,
+                      .lun = place.lun & 3,
+                      .start = start & 63};
+    constexpr auto next_index = std::bit_cast<std::uint64_t>(Group{0, 1, 0, 0, 0});
+    std::array<std::uint64_t, groups> words;
+    words[0] = std::bit_cast<std::uint64_t>(first);
+    for (unsigned i = 1; i < groups; ++i)
+        words[i] = words[i - 1] + next_index;
+    return std::bit_cast<Sector>(words);
 }
 
 std::optional<Named> name_of(Place place, std::span<const std::uint8_t> sector)
@@ -60,7 +61,7 @@ std::optional<Named> name_of(Place place, std::span<const std::uint8_t> sector)
         return Named{zeros, 0};
     const Group first = group_of(sector, 0);
     const Sector right = sector_content(place, first.generation, first.start);
-    if (first.generation == zeros || !std::ranges::equal(right, sector))
+    if (first.generation == zeros || std::memcmp(right.data(), sector.data(), right.size()) != 0)
         return std::nullopt;
     return Named{first.generation, first.start};
 }

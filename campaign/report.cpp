@@ -1,6 +1,7 @@
 #include "campaign/report.h"
 
 #include <cstdio>
+#include <cstring>
 #include <unistd.h>
 
 #define FMT_HEADER_ONLY
@@ -47,13 +48,23 @@ void fail(const std::string& text)
 
 void EventHash::add(std::span<const std::uint8_t> bytes)
 {
-    for (std::uint8_t byte : bytes)
-        value_ = (value_ ^ byte) * 0x100000001B3u;
+    while (bytes.size() >= sizeof(std::uint64_t)) {
+        std::uint64_t word;
+        std::memcpy(&word, bytes.data(), sizeof word);
+        add(word);
+        bytes = bytes.subspan(sizeof word);
+    }
+    // The length tells "no bytes left" from zeros.
+    std::uint64_t rest = std::uint64_t{bytes.size()} << 56;
+    if (!bytes.empty())
+        std::memcpy(&rest, bytes.data(), bytes.size());
+    add(rest);
 }
 
 void EventHash::add(std::uint64_t number)
 {
-    add({reinterpret_cast<const std::uint8_t*>(&number), sizeof number});
+    value_ = (value_ ^ number) * 0x9E3779B97F4A7C15u;
+    value_ ^= value_ >> 32;
 }
 
 }  // namespace campaign
