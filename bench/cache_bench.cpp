@@ -69,7 +69,7 @@ double layer_us(double seconds)
     });
 }
 
-void measure(machine::Machine& machine, double seconds, std::uint32_t cache_mb)
+void measure(machine::Machine& machine, double seconds)
 {
     machine::ScsiPort& port = machine.scsi();
     std::vector<std::uint8_t> data(65536);
@@ -93,7 +93,8 @@ void measure(machine::Machine& machine, double seconds, std::uint32_t cache_mb)
     bench::report_measure("4K: the cache layer alone", "us", layer_us(seconds));
     // Chunks that lie all over the disk, and in the cache wherever they came to lie.
     const std::uint32_t step = port.luns()[0].sectors / spread_chunks / chunk_sectors * chunk_sectors;
-    const unsigned kept = std::min(spread_chunks, cache_mb * 16 / 2);
+    // A quarter of the blocks: what is already there keeps its half.
+    const unsigned kept = std::min(spread_chunks, static_cast<unsigned>(memory->LRU_Nums) / 4);
     write_chunks(port, step * kept, step);
     measure_load(port, {"hit read 64K depth 8, all over the disk", false, 65536, 8, true}, seconds,
                  step * kept, step);
@@ -114,7 +115,7 @@ int main(int argc, char** argv)
     config.memory_ranges = {{mb, gb}, {4 * gb, (cache_mb + 1024) * mb}};
     try {
         bench::run_workstation(config, bench::read_boot_block(argv[1]), "builtin",
-                               [&](machine::Machine& machine) { measure(machine, seconds, cache_mb); });
+                               [&](machine::Machine& machine) { measure(machine, seconds); });
     } catch (const std::exception& error) {
         std::fprintf(stderr, "qrn-bench-cache: %s\n", error.what());
         return 1;

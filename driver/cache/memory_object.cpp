@@ -1,7 +1,6 @@
 #include "driver/cache/memory_object.h"
 
 #include "driver/common/delay.h"
-#include "driver/common/locks.h"
 #include "driver/common/pool.h"
 
 namespace {

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "driver/cache/page_pool.h"
+#include "driver/common/locks.h"
 #include "driver/engine/block_object.h"
 
 constexpr LONG Sectors_Per_Block = 128;
@@ -87,7 +88,7 @@ public:
     LRU_Node* pLRU_Mid;   // first of the hot part
     LRU_Node* pLRU_End;   // last used
     Ent_Handle p8M_List;  // free entries
-    KEVENT Obj_Lock;
+    Busy_Mutex Obj_Lock;
 
 private:
     LONG Init_Hash_LRU();

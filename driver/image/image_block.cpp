@@ -1,7 +1,6 @@
 #include "driver/image/image_block.h"
 
 #include "driver/common/bytes.h"
-#include "driver/common/locks.h"
 #include "driver/common/pieces.h"
 #include "driver/common/sector_flags.h"
 

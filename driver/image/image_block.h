@@ -7,6 +7,7 @@
 // Forget() them.
 #pragma once
 
+#include "driver/common/locks.h"
 #include "driver/engine/block_object.h"
 #include "driver/image/image_map.h"
 
@@ -69,7 +70,7 @@ private:
     formats::ImageHeader* pHeader;
 
 public:
-    KEVENT Map_Lock;  // guards the cache, the entries in it, and what follows Lun
+    Busy_Mutex Map_Lock;  // guards the cache, the entries in it, and what follows Lun
 
 private:
     ULONG Lun;

@@ -51,7 +51,9 @@ static ULONG NTAPI HwFindAdapter(PVOID HwDeviceExtension, PVOID, PVOID, PCHAR,
         return SP_RETURN_NOT_FOUND;
     if (Boot_Param.Lun_Nums != Presented_Disks())
         Bus_Change_Timer(HwDeviceExtension);
-    KeInitializeEvent(&static_cast<Hw_Ext*>(HwDeviceExtension)->Chan_Free, SynchronizationEvent, FALSE);
+    auto pExt = static_cast<Hw_Ext*>(HwDeviceExtension);
+    KeInitializeEvent(&pExt->Chan_Free, SynchronizationEvent, FALSE);
+    Gate_Init(pExt->Chan_Gate);
     Fill_Configuration(pConfig);
     return SP_RETURN_FOUND;
 }
@@ -138,7 +140,7 @@ static BOOLEAN NTAPI HwInitialize(PVOID HwDeviceExtension)
     }
     Hook_Scsi_Dispatch();
     Prepare_Channel(pExt);
-    KeSetEvent(&pExt->Chan_Free, IO_NO_INCREMENT, FALSE);
+    Mutex_Give(pExt->Chan_Free, pExt->Chan_Gate);
     return TRUE;
 }
 

@@ -3,6 +3,8 @@
 
 #include <nt.h>
 
+#include "driver/common/locks.h"
+
 // The miniport device extension: one per adapter, allocated by the port driver.
 struct Hw_Ext {
     PDEVICE_OBJECT pPort_Dev;  // the port driver's controller device; completion notices go to it
@@ -11,6 +13,7 @@ struct Hw_Ext {
     // Written only by the thread that holds the channel.
     SCSI_REQUEST_BLOCK Chan_Srb;
     SRB_IO_CONTROL Chan_Ioctl;  // the data of Chan_Srb
+    Mutex_Gate Chan_Gate;       // of Chan_Free
 };
 
 constexpr char Chan_Signature[] = "QRN.Disk";  // of an SRB_IO_CONTROL, without the terminator

@@ -14,7 +14,8 @@ constexpr LONG Stop_Poll_Ms = 100;
 static NTSTATUS NTAPI Chan_Done(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
 {
     IoReuseIrp(Irp, STATUS_UNSUCCESSFUL);
-    KeSetEvent(&static_cast<Hw_Ext*>(Context)->Chan_Free, IO_NO_INCREMENT, FALSE);
+    auto pExt = static_cast<Hw_Ext*>(Context);
+    Mutex_Give(pExt->Chan_Free, pExt->Chan_Gate);
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
@@ -22,7 +23,7 @@ static bool Take_Channel(Hw_Ext* pExt, bool Wait)
 {
     if (!Wait)
         return Mutex_Try(pExt->Chan_Free);
-    Mutex_Take(pExt->Chan_Free);
+    Mutex_Take(pExt->Chan_Free, pExt->Chan_Gate);
     return true;
 }
 

@@ -35,10 +35,12 @@ bool Write_Done(RW_Entry* pWorker)
 // Stores the fragment at its place in the worker's data. False when it does not belong there.
 bool Store_Data(RW_Entry* pWorker, const WireHeader* pPacket, ULONG Bytes)
 {
+    if (Bytes < formats::header_bytes)
+        return false;
     ULONG Offset = pPacket->Frag_Off.get();
     ULONG Size = pPacket->Frag_Size.get();
     ULONG Length = pWorker->Hdr.Length.get();
-    if (Bytes < formats::header_bytes || Offset + Size > Length)
+    if (Offset + Size > Length)
         return false;
     if (pPacket->Frag_Cnt.get() == 0) {
         RtlZeroMemory(pWorker->pData, Length);

@@ -150,7 +150,6 @@ NTSTATUS NTAPI DiskDevice::dispatch_filter(PDEVICE_OBJECT device, PIRP irp)
 
 NTSTATUS NTAPI DiskDevice::dispatch_transfer(PDEVICE_OBJECT device, PIRP irp)
 {
-    wake_waiters();
     enter_at_most(PASSIVE_LEVEL, "a read or write of the local disk");
     scheduler().preemption_point();
     DiskDevice& self = **static_cast<DiskDevice**>(device->DeviceExtension);
@@ -259,8 +258,12 @@ bool DiskDevice::move_bytes(LocalDisk::State& state, const Request& request, std
     const Ticks now = scheduler().now();
     if (scheduler().simulated())
         medium.settle(now);
-    if (!request.write)
+    if (!request.write) {
+        if (medium.read_at_hand(request.sector, buffer))
+            return true;
+        wake_waiters();  // this can take a while
         return medium.read(request.sector, buffer);
+    }
     const LocalDiskOptions& options = state.options;
     if (options.volatile_max == 0)
         return medium.write(request.sector, buffer);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -76,11 +77,25 @@ bool DiskMedium::read(std::uint64_t sector, std::span<std::uint8_t> bytes) const
 {
     if (!transfer_all(pread, file_, position_of(sector), bytes))
         return false;
+    read_cached(sector, bytes);
+    return true;
+}
+
+bool DiskMedium::read_at_hand(std::uint64_t sector, std::span<std::uint8_t> bytes) const
+{
+    const iovec buffer{bytes.data(), bytes.size()};
+    if (preadv2(file_, &buffer, 1, position_of(sector), RWF_NOWAIT) != static_cast<ssize_t>(bytes.size()))
+        return false;
+    read_cached(sector, bytes);
+    return true;
+}
+
+void DiskMedium::read_cached(std::uint64_t sector, std::span<std::uint8_t> bytes) const
+{
     const std::uint64_t end = sector + bytes.size() / disk_sector_bytes;
     for (auto cached = cache_.lower_bound(sector); cached != cache_.end() && cached->first < end; ++cached)
         std::ranges::copy(cached->second.back()->of(cached->first),
                           bytes.data() + (cached->first - sector) * disk_sector_bytes);
-    return true;
 }
 
 bool DiskMedium::write(std::uint64_t sector, std::span<const std::uint8_t> bytes)

@@ -34,6 +34,8 @@ public:
 
     // Whole sectors of the disk. False when the host cannot read or write its file.
     bool read(std::uint64_t sector, std::span<std::uint8_t> bytes) const;
+    // The same if the host has it all in its memory, else false soon.
+    bool read_at_hand(std::uint64_t sector, std::span<std::uint8_t> bytes) const;
     bool write(std::uint64_t sector, std::span<const std::uint8_t> bytes);
 
     // Into the cache until the time given.
@@ -60,6 +62,7 @@ private:
     };
     using Versions = std::vector<std::shared_ptr<CachedWrite>>;  // oldest first, never empty
 
+    void read_cached(std::uint64_t sector, std::span<std::uint8_t> bytes) const;
     void settle(const std::shared_ptr<CachedWrite>& write);
     static bool survives(CachedWrite& write, Random& random);
 

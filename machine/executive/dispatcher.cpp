@@ -2,8 +2,6 @@
 // a waiting thread is in the object's wait list with the wait block of its Thread.
 #include <nt.h>
 
-#include <algorithm>
-#include <iterator>
 #include <string>
 #include <utility>
 
@@ -53,27 +51,16 @@ void satisfy_waits(DISPATCHER_HEADER& header)
 // Dispatcher lock held.
 void satisfy_released(Thread& thread)
 {
-    if (DISPATCHER_HEADER* semaphore_header = std::exchange(thread.released, nullptr))
-        satisfy_waits(*semaphore_header);
+    if (DISPATCHER_HEADER* header = std::exchange(thread.released, nullptr))
+        satisfy_waits(*header);
 }
 
-// Whether the thread took the event itself, as a mutex; it no longer has it then.
-bool gives_back(Thread& thread, const DISPATCHER_HEADER& header)
-{
-    const auto mine = std::ranges::find(thread.taken, &header);
-    if (mine == std::end(thread.taken))
-        return false;
-    *mine = nullptr;
-    return true;
-}
-
-// The same for a release, which may be left for later.
+// Wakes who waits for a semaphore, or leaves it for later. Dispatcher lock held.
 void satisfy_or_defer(Thread& thread, DISPATCHER_HEADER& header)
 {
-    const bool mine = header.Type == semaphore || gives_back(thread, header);
     if (IsListEmpty(&header.WaitListHead))
         return;
-    if (!mine || !scheduler().defers_wakes() || thread.kind != Thread::Kind::spawned) {
+    if (!scheduler().defers_wakes() || thread.kind != Thread::Kind::spawned) {
         satisfy_waits(header);
         return;
     }
@@ -137,14 +124,14 @@ VOID NTAPI KeInitializeEvent(PRKEVENT event, EVENT_TYPE type, BOOLEAN state)
 
 LONG NTAPI KeSetEvent(PRKEVENT event, KPRIORITY, BOOLEAN)
 {
-    Thread& caller = enter_at_most(DISPATCH_LEVEL, "KeSetEvent");
+    enter_at_most(DISPATCH_LEVEL, "KeSetEvent");
     check_event(event, "KeSetEvent");
     LONG old;
     {
         DispatcherLock lock;
         old = event->Header.SignalState;
         event->Header.SignalState = 1;
-        satisfy_or_defer(caller, event->Header);
+        satisfy_waits(event->Header);
     }
     scheduler().preemption_point();
     return old;
@@ -236,8 +223,6 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPROCESSOR_MODE
     const bool signalled = header->SignalState > 0;
     if (!signalled && poll)
         return STATUS_TIMEOUT;
-    if (header->Type == synchronization_event)
-        caller.taken[caller.taken_next++ % std::size(caller.taken)] = header;
     if (signalled) {
         consume(*header);
         return STATUS_SUCCESS;

@@ -41,10 +41,9 @@ struct Thread {
     KPRIORITY priority = 8;
     HeldLock held[held_locks_max];
     KWAIT_BLOCK wait_block{};
-    DISPATCHER_HEADER* taken[4] = {};  // synchronization events that its waits took last
-    std::uint8_t taken_next = 0;
-    DISPATCHER_HEADER* released = nullptr;  // its waiters are woken when this thread waits, or soon
-    std::uint64_t released_at = 0;          // in processor cycles
+    DISPATCHER_HEADER* released =
+        nullptr;                    // semaphore; its waiters are woken when this thread waits, or soon
+    std::uint64_t released_at = 0;  // in processor cycles
     std::string name;
     std::jmp_buf end{};  // PsTerminateSystemThread leaves the thread through it
 };
