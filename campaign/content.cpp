@@ -1,5 +1,6 @@
 #include "campaign/content.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -64,6 +65,20 @@ std::optional<Named> name_of(Place place, std::span<const std::uint8_t> sector)
     if (first.generation == zeros || std::memcmp(right.data(), sector.data(), right.size()) != 0)
         return std::nullopt;
     return Named{first.generation, first.start};
+}
+
+std::optional<Generation> Generations::newest_part(Place place, std::span<const std::uint8_t> sector) const
+{
+    Generation newest = zeros;
+    for (unsigned i = 0; i < groups; ++i) {
+        const Group group = group_of(sector, i);
+        const Named named{group.generation, group.start};
+        const Group right{place.lba & lba_max, i & 63, group.generation, place.lun & 3, group.start};
+        if (named.generation == zeros || !known(named) || group != right)
+            return std::nullopt;
+        newest = std::max(newest, named.generation);
+    }
+    return newest;
 }
 
 std::string describe(std::span<const std::uint8_t> sector)

@@ -53,6 +53,9 @@ public:
         return named.generation < start_of_.size() && start_of_[named.generation] == named.start;
     }
 
+    // The newest content that has a part in this sector of the place; nothing when a part is none of them.
+    std::optional<Generation> newest_part(Place place, std::span<const std::uint8_t> sector) const;
+
 private:
     std::vector<std::uint8_t> start_of_{0, 0};
 };

@@ -100,6 +100,7 @@ constexpr const char* events[] = {
     "cache: write-backs",
     "cache: write-throughs",
     "cache: writes lost with the power",
+    "cache: sectors left as a mixture",
     "local disk: read errors",
     "local disk: write errors",
     "local disk: power cuts",

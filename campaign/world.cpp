@@ -61,14 +61,20 @@ std::span<const std::uint8_t> World::stored(BlockServer& server, Place place) co
         .subspan(std::size_t{place.lba} * formats::sector_bytes, formats::sector_bytes);
 }
 
-Generation World::stored_generation(BlockServer& server, Place place) const
+Generation World::stored_generation(BlockServer& server, Place place)
 {
     const auto sector = stored(server, place);
     const auto named = name_of(place, sector);
-    if (!named || !generations.known(*named))
+    if (named && generations.known(*named))
+        return named->generation;
+    // A block that is written while it is being written back leaves as it is at that moment, fragment by
+    // fragment; it is to be written back once more, which the end of the start can forestall.
+    const auto newest = generations.newest_part(place, sector);
+    if (!newest || !plan.disks[place.lun].ram_cache())
         fail(fmt::format("server {} stores what was never written to LUN {} LBA {}: {}",
                          server.address().Ip[3], place.lun, place.lba, describe(sector)));
-    return named->generation;
+    coverage.add("cache: sectors left as a mixture");
+    return *newest;
 }
 
 }  // namespace campaign

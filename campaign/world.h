@@ -34,7 +34,7 @@ struct World {
     void store(Place place, Generation generation);
     std::span<const std::uint8_t> stored(BlockServer& server, Place place) const;
     // What a server has there; fails the seed when it is no content of this place that was ever written.
-    Generation stored_generation(BlockServer& server, Place place) const;
+    Generation stored_generation(BlockServer& server, Place place);
 };
 
 }  // namespace campaign
