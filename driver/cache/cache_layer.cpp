@@ -70,7 +70,7 @@ LONG QRNH_MEM_RW::Read_Piece(ULONG_PTR Ctx, ULONG Sec, ULONG Key, UCHAR* pBuffer
         Cache_Stats_Add(pSR_RW, &CacheStats::Hits);
         return Present;
     }
-    LONG Absent = Miss_Run(pRec, Sec, Key, Left, pRec ? -Bytes : Bytes);
+    LONG Absent = Miss_Run(pRec, Sec, Key, Left, Bytes);
     Mutex_Give(pObj_Mem->Obj_Lock);
     Cache_Stats_Add(pSR_RW, &CacheStats::Misses);
     LONG Result = pSR_RW->Read(Ctx, Sector_Of(Key, Sec), pBuffer, Absent);
@@ -79,31 +79,26 @@ LONG QRNH_MEM_RW::Read_Piece(ULONG_PTR Ctx, ULONG Sec, ULONG Key, UCHAR* pBuffer
     return Result;
 }
 
-// Length of the run of absent sectors from sector Sec of the chunk on, at most Left. Known is positive when
-// the chunk has no block and so many bytes of it are wanted; negative when its record is pRec, mapped, and
-// so many are to be looked at.
-LONG QRNH_MEM_RW::Miss_Run(const Rec_64K* pRec, ULONG Sec, ULONG Key, LONG Left, LONG Known)
+// How many of so many bytes from sector Sec on are absent. pRec is the mapped record of pLast, and is given
+// back; null when the chunk has no block.
+LONG QRNH_MEM_RW::Absent_In(const Rec_64K* pRec, ULONG Sec, LONG Bytes)
 {
-    LONG Absent = Known < 0 ? 0 : Known;
-    LONG Limit = -Known;
-    while (Absent < Left) {
-        if (!pRec) {
-            Limit = Smaller(Left - Absent, Chunk_64K);
-            Sec = 0;
-            pRec = Find(++Key);
-            if (!pRec) {
-                Absent += Limit;
-                continue;
-            }
-        }
-        LONG Clear = SecFlag_Miss_Len(pRec->Sec_Bits, Sec, Limit);
-        pObj_Mem->Rec_Put(pLast);
-        pRec = nullptr;
-        Absent += Clear;
-        if (Clear != Limit)
-            break;
-    }
+    if (!pRec)
+        return Bytes;
+    LONG Absent = SecFlag_Miss_Len(pRec->Sec_Bits, Sec, Bytes);
+    pObj_Mem->Rec_Put(pLast);
     return Absent;
+}
+
+// Length of the run of absent sectors from sector Sec of the chunk on, whose record is pRec if it has one; at
+// most Left, of which Bytes lie in this chunk.
+LONG QRNH_MEM_RW::Miss_Run(const Rec_64K* pRec, ULONG Sec, ULONG Key, LONG Left, LONG Bytes)
+{
+    LONG Absent = Absent_In(pRec, Sec, Bytes);
+    if (Absent != Bytes)
+        return Absent;
+    return Missing_Run(Key, Absent, Left,
+                       [this](ULONG Next_Key, LONG Length) { return Absent_In(Find(Next_Key), 0, Length); });
 }
 
 LONG QRNH_MEM_RW::Can_Fill(const LRU_Node* pNode)

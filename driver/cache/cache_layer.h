@@ -41,7 +41,8 @@ private:
     void Unlist(LRU_Node* pNode, Ent_Handle Slot);
     // Lists the block, whose mapped record is pRec, for a chunk. Returns the record, mapped, or null.
     Rec_64K* Install(Rec_64K* pRec, LRU_Node* pNode, ULONG Key);
-    LONG Miss_Run(const Rec_64K* pRec, ULONG Sec, ULONG Key, LONG Left, LONG Known);
+    LONG Absent_In(const Rec_64K* pRec, ULONG Sec, LONG Bytes);
+    LONG Miss_Run(const Rec_64K* pRec, ULONG Sec, ULONG Key, LONG Left, LONG Bytes);
     Rec_64K* Block_To_Fill(Rec_64K* pRec, ULONG Key);
     Rec_64K* Block_To_Write(ULONG_PTR Ctx, ULONG Key, LRU_Node*& pNode);
     LONG Write_Back(ULONG_PTR Ctx, const Rec_64K* pRec, LRU_Node* pNode, LONG Offset);

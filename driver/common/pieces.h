@@ -35,3 +35,18 @@ LONG Run_In_Pieces(ULONG Lun, ULONGLONG Sector, PVOID pBuffer, LONG Bytes, Piece
     }
     return Done;
 }
+
+// Length of a run of missing sectors that began with the Missing bytes up to a chunk's end and may go on in
+// the chunks behind it, at most Left. Missing_In(chunk key, bytes) measures the beginning of one of those.
+template <typename Measure>
+LONG Missing_Run(ULONG Key, LONG Missing, LONG Left, Measure Missing_In)
+{
+    while (Missing < Left) {
+        LONG Length = Smaller(Left - Missing, Chunk_64K);
+        LONG More = Missing_In(++Key, Length);
+        Missing += More;
+        if (More != Length)
+            break;
+    }
+    return Missing;
+}

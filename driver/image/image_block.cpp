@@ -130,7 +130,7 @@ LONG QRNH_IMG_RW::Read_Chunk(ULONG_PTR, ULONG Off, ULONG Key, PVOID pBuffer, LON
     bool Unknown = !pEntry && Find_Failed();
     LONG Present = pEntry ? SecFlag_Hit_Len(pEntry->SecFlag, Off, Bytes) : 0;
     if (Present == 0) {
-        LONG Missing = Unknown ? 0 : Miss_Len(pEntry, Off, Key, Left, pEntry ? -Bytes : Bytes);
+        LONG Missing = Unknown ? 0 : Miss_Len(pEntry, Off, Key, Left, Bytes);
         LONG Zeros = Unknown ? 0 : Known_Zeros(Off, Key, Missing);
         Mutex_Give(Map_Lock);
         if (Unknown)
@@ -166,32 +166,19 @@ LONG QRNH_IMG_RW::Read_Extend(ULONG Sector, ULONG Key, LONG Left, LONG Bytes)
     return Total;
 }
 
-// Length of the run of missing sectors from sector Off of the chunk on. Known is positive when the chunk has
-// no entry and so many bytes of it are wanted; negative when pEntry is its entry and so many are to be looked
-// at.
-LONG QRNH_IMG_RW::Miss_Len(const Entry_64K* pEntry, ULONG Off, ULONG Key, LONG Left, LONG Known)
+// Length of the run of missing sectors from sector Off of the chunk on, whose entry is pEntry if it has one;
+// at most Left, of which Bytes lie in this chunk. What cannot be looked up ends the run.
+LONG QRNH_IMG_RW::Miss_Len(const Entry_64K* pEntry, ULONG Off, ULONG Key, LONG Left, LONG Bytes)
 {
-    LONG Total = Known < 0 ? 0 : Known;
-    LONG Length = -Known;
-    while (Total < Left) {
-        if (!pEntry) {
-            Length = Smaller(Left - Total, Chunk_64K);
-            Off = 0;
-            pEntry = Map_Find(false, ++Key);
-            if (!pEntry && Find_Failed())
-                break;
-            if (!pEntry) {
-                Total += Length;
-                continue;
-            }
-        }
-        LONG Clear = SecFlag_Miss_Len(pEntry->SecFlag, Off, Length);
-        pEntry = nullptr;
-        Total += Clear;
-        if (Clear != Length)
-            break;
-    }
-    return Total;
+    LONG Missing = pEntry ? SecFlag_Miss_Len(pEntry->SecFlag, Off, Bytes) : Bytes;
+    if (Missing != Bytes)
+        return Missing;
+    return Missing_Run(Key, Missing, Left, [this](ULONG Next_Key, LONG Length) {
+        const Entry_64K* pNext = Map_Find(false, Next_Key);
+        if (!pNext)
+            return Find_Failed() ? 0 : Length;
+        return SecFlag_Miss_Len(pNext->SecFlag, 0, Length);
+    });
 }
 
 bool QRNH_IMG_RW::Forget(ULONGLONG Sector, LONG Bytes)

@@ -63,7 +63,7 @@ private:
     LONG Mark_Run(ULONG Off, ULONG Key, LONG Bytes);
     bool Is_Served(ULONG Key) const;
     LONG Read_Extend(ULONG Sector, ULONG Key, LONG Left, LONG Bytes);
-    LONG Miss_Len(const formats::Entry_64K* pEntry, ULONG Off, ULONG Key, LONG Left, LONG Known);
+    LONG Miss_Len(const formats::Entry_64K* pEntry, ULONG Off, ULONG Key, LONG Left, LONG Bytes);
     LONG Known_Zeros(ULONG Off, ULONG Key, LONG Bytes) const;
 
     Map_Cache Cache;
