@@ -167,9 +167,13 @@ NTSTATUS NTAPI DiskDevice::dispatch_flush(PDEVICE_OBJECT device, PIRP irp)
     enter_at_most(PASSIVE_LEVEL, "a flush of the local disk");
     scheduler().preemption_point();
     const DiskDevice& self = **static_cast<DiskDevice**>(device->DeviceExtension);
-    if (scheduler().simulated())
-        self.state_->medium->settle(std::numeric_limits<Ticks>::max());
-    return complete(irp, STATUS_SUCCESS, 0);
+    const auto state = self.state_;  // this device may be gone when the host is done
+    if (scheduler().simulated()) {
+        state->medium->settle(std::numeric_limits<Ticks>::max());
+        return complete(irp, STATUS_SUCCESS, 0);
+    }
+    wake_waiters();  // this can take a while
+    return complete(irp, state->medium->flush() ? STATUS_SUCCESS : STATUS_IO_DEVICE_ERROR, 0);
 }
 
 // Whether the request is one that the disk can carry out.

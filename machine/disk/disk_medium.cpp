@@ -106,6 +106,11 @@ bool DiskMedium::write(std::uint64_t sector, std::span<const std::uint8_t> bytes
     return transfer_all(pwrite, file_, position_of(sector), bytes);
 }
 
+bool DiskMedium::flush()
+{
+    return fdatasync(file_) == 0;
+}
+
 void DiskMedium::write_cached(std::uint64_t sector, std::span<const std::uint8_t> bytes, Ticks durable_at)
 {
     auto write = std::make_shared<CachedWrite>();

@@ -37,6 +37,8 @@ public:
     // The same if the host has it all in its memory, else false soon.
     bool read_at_hand(std::uint64_t sector, std::span<std::uint8_t> bytes) const;
     bool write(std::uint64_t sector, std::span<const std::uint8_t> bytes);
+    // What is written to the host's file outlives the host. False when the host cannot promise it.
+    bool flush();
 
     // Into the cache until the time given.
     void write_cached(std::uint64_t sector, std::span<const std::uint8_t> bytes, Ticks durable_at);
