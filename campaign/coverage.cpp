@@ -34,7 +34,6 @@ constexpr const char* messages[] = {
     "QRNH_OBJ_MEM: Destory",
     "QRNH_Oft_Buffer:",
     "MEM_RW_Create: Alloc",
-    "MEM_OBJ_Find:",
     "MEM_OBJ_Create:",
     "QRN_MC_Init:",
     "QRNH_MEM_RW::Create",

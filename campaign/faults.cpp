@@ -132,9 +132,9 @@ void FaultSchedule::begin_machine_fault(const Fault& fault)
     machine::Faults& faults = station_.machine.faults();
     weakened_ = true;
     if (fault.kind == FaultKind::allocation)
-        faults.fail_randomly(Operation::pool_allocate, fault.strength);
-    else
-        faults.fail_randomly(Operation::pages_map, 0.2 * fault.strength);
+        return faults.fail_randomly(Operation::pool_allocate, fault.strength);
+    faults.fail_randomly(Operation::pages_map, 0.2 * fault.strength);
+    faults.fail_randomly(Operation::map_io_space, 0.2 * fault.strength);
 }
 
 void FaultSchedule::begin_local_fault(const Fault& fault)
@@ -185,6 +185,7 @@ void FaultSchedule::end(const Fault& fault)
         break;
     case FaultKind::mapping:
         faults.clear(Operation::pages_map);
+        faults.clear(Operation::map_io_space);
         break;
     case FaultKind::local_request:
         faults.clear(Operation::irp_allocate);
@@ -226,7 +227,8 @@ void FaultSchedule::lose_writes(BlockServer& server, double strength)
         store.lose_writes(count, [&](std::uint64_t offset, std::uint64_t bytes) {
             const auto first = static_cast<std::uint32_t>(offset / formats::sector_bytes);
             for (std::uint32_t i = 0; i < bytes / formats::sector_bytes; ++i)
-                world.models[lun].may_hold(first + i, world.stored_generation(server, {lun, first + i}));
+                world.models[lun].may_hold(first + i, world.stored_generation(server, {lun, first + i}),
+                                           world.plan.disks[lun].mirrored);
         });
     }
 }

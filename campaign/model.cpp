@@ -67,18 +67,18 @@ DiskModel::Request DiskModel::read_begins()
 bool DiskModel::torn(std::uint32_t lba, std::span<const std::uint8_t> sector, std::uint64_t since) const
 {
     std::size_t from_begin = 0, from_end = 0;  // bytes that some allowed content explains
-    bool writing = false;
+    bool differing = false;
     for (const Version& version : unsettled_.at(lba)) {
         if (version.gone < since)
             continue;
-        writing |= version.begin > since || version.end > since;
+        differing |= version.begin > since || version.end > since || version.of_one_server;
         const Sector content = generations_.content({lun_, lba}, version.generation);
         const auto same = std::ranges::mismatch(content, sector).in1 - content.begin();
         from_begin = std::max(from_begin, static_cast<std::size_t>(same));
         const auto reversed = std::mismatch(content.rbegin(), content.rend(), sector.rbegin()).first;
         from_end = std::max(from_end, static_cast<std::size_t>(reversed - content.rbegin()));
     }
-    return writing && from_begin + from_end >= sector.size();
+    return differing && from_begin + from_end >= sector.size();
 }
 
 std::string DiskModel::judge(std::uint32_t lba, std::span<const std::uint8_t> sector,
@@ -121,10 +121,10 @@ std::string DiskModel::check(std::uint32_t lba, std::span<const std::uint8_t> se
     return judge(lba, sector, now_ + 1);
 }
 
-void DiskModel::may_hold(std::uint32_t lba, Generation generation)
+void DiskModel::may_hold(std::uint32_t lba, Generation generation, bool mirrored)
 {
     const std::uint64_t now = ++now_;
-    versions(lba).push_back({generation, now, now, open});
+    versions(lba).push_back({generation, now, now, open, mirrored});
 }
 
 // A write that was under way or failed happened by now, or never will.

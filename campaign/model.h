@@ -34,8 +34,9 @@ public:
 
     // Whether a read that began and ended now could find this; the same text when not.
     std::string check(std::uint32_t lba, std::span<const std::uint8_t> sector) const;
-    // A server lost its last writes: what it has now may be found from now on, beside the rest.
-    void may_hold(std::uint32_t lba, Generation generation);
+    // A server lost its last writes: what it has now may be found from now on, beside the rest. mirrored: a
+    // read may begin at this server and end at the other.
+    void may_hold(std::uint32_t lba, Generation generation, bool mirrored);
 
     // The workstation is gone. With contents, what its servers hold is all that is left.
     void power_off();
@@ -48,6 +49,7 @@ private:
         std::uint64_t begin;
         std::uint64_t end;
         std::uint64_t gone;
+        bool of_one_server = false;  // while the other has something else
     };
     struct Write {
         std::uint32_t lba, count;

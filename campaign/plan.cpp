@@ -14,6 +14,7 @@ using machine::ticks_per_us;
 
 constexpr std::uint64_t mb = 1u << 20, gb = 1u << 30;
 constexpr std::uint32_t small_disk_max = 6000, cached_disk_min = 16384, cached_disk_max = 40000;
+constexpr std::uint32_t wide_disk_min = 70000, wide_disk_max = 90000;
 
 std::uint8_t draw_flags(Stream& stream, bool system_disk)
 {
@@ -45,6 +46,22 @@ DiskPlan draw_disk(Stream& stream, bool system_disk)
                                     : stream.between(600, small_disk_max);
     disk.zeros = stream.chance(0.5);
     return disk;
+}
+
+bool is_wide(const DiskPlan& disk)
+{
+    return disk.sectors >= wide_disk_min;
+}
+
+// Gives a cached disk more blocks than all windows show at once. Whether there is such a disk.
+bool widen(Stream& stream, std::vector<DiskPlan>& disks)
+{
+    const auto cached = std::ranges::find_if(disks, &DiskPlan::ram_cache);
+    if (cached == disks.end() || !stream.chance(0.1))
+        return false;
+    cached->cache_mb = stream.between(40, 64);
+    cached->sectors = stream.between(wide_disk_min, wide_disk_max);
+    return true;
 }
 
 MemoryPlan draw_memory(Stream& stream)
@@ -107,8 +124,15 @@ machine::NetworkQuality draw_network(Stream& stream)
     return quality;
 }
 
-LoadPlan draw_load(Stream& stream)
+LoadPlan draw_load(Stream& stream, bool wide)
 {
+    if (wide)  // enough to use the blocks behind the last window
+        return {.clients_per_lun = 5,
+                .operations = 500,
+                .writes = 0.5,
+                .large = 0.3,
+                .hot = 0,
+                .overlapping = false};
     return {.clients_per_lun = stream.between(1, 5),
             .operations = stream.between(60, 500),
             .writes = 0.2 + stream.fraction() * 0.6,
@@ -152,18 +176,38 @@ BootFault draw_boot_fault(Stream& stream)
     return {.kind = kind, .skip = stream.between(2, 10), .count = stream.between(1, 3)};
 }
 
+// Shortly before the end of the start and beyond, so that the shutdown cannot wait for them.
+void silence_servers(Stream& stream, const Plan& plan, StartPlan& start)
+{
+    Fault fault{.kind = FaultKind::main_partition,
+                .at_ms = start.safety_ms - stream.between(0, 1500),
+                .for_ms = 300'000,
+                .strength = 0};
+    start.faults.push_back(fault);
+    fault.kind = FaultKind::slave_partition;
+    if (plan.mirrored())
+        start.faults.push_back(fault);
+}
+
 StartPlan draw_start(Stream& stream, const Plan& plan, bool last)
 {
     constexpr End ends[] = {End::power_off, End::power_off, End::shutdown};
     constexpr unsigned lengths_s[] = {2, 10, 30, 120};
     StartPlan start{};
     start.safety_ms = std::int64_t{stream.one_of(lengths_s)} * 1000;
+    start.end = last ? End::checked : stream.one_of(ends);
     for (unsigned count = stream.between(0, 8); count != 0; --count)
         start.faults.push_back(draw_fault(stream, plan, start.safety_ms));
+    if (start.end == End::shutdown && stream.chance(0.3))
+        silence_servers(stream, plan, start);
+    if (std::ranges::any_of(plan.disks, &is_wide) && stream.chance(0.5))
+        start.faults.push_back({.kind = FaultKind::mapping,
+                                .at_ms = start.safety_ms / 4,
+                                .for_ms = start.safety_ms / 2,
+                                .strength = stream.fraction()});
     std::ranges::stable_sort(start.faults, {}, &Fault::at_ms);
     if (stream.chance(0.15))
         start.boot_faults.push_back(draw_boot_fault(stream));
-    start.end = last ? End::checked : stream.one_of(ends);
     start.new_image = stream.chance(0.5);
     return start;
 }
@@ -201,6 +245,7 @@ Plan draw_plan(std::uint64_t seed)
     plan.pae = general.chance(0.5);
     for (unsigned count = general.between(1, formats::disk_count_max); count != 0; --count)
         plan.disks.push_back(draw_disk(disks, plan.disks.empty()));
+    const bool wide = widen(disks, plan.disks);
     plan.settings = draw_settings(settings);
     plan.memory = draw_memory(memory);
     if (plan.boots_locally()) {
@@ -208,7 +253,7 @@ Plan draw_plan(std::uint64_t seed)
         plan.local = draw_local(local, plan.disks[0], plan.disks.size());
     }
     plan.network = draw_network(network);
-    plan.load = draw_load(load);
+    plan.load = draw_load(load, wide);
     const unsigned starts = general.between(1, 3);
     for (unsigned i = 0; i < starts; ++i) {
         Stream stream(seed, "start", i);

@@ -9,17 +9,12 @@
 #include "machine/disk/local_disk.h"
 #include "machine/executive/physical_memory.h"
 #include "machine/transport/simulated_network.h"
+#include "simulation/boot_block.h"
 
 namespace campaign {
 
-struct DiskPlan {
-    std::uint32_t sectors;
-    std::uint8_t flags;  // Disk_Flags
-    unsigned read_kb, write_kb;
-    std::uint8_t retry_mins;
-    bool mirrored;
-    std::uint32_t cache_mb;  // what the servers offer
-    bool zeros;              // parts of it hold zeros at the beginning
+struct DiskPlan : simulation::Disk {
+    bool zeros;  // parts of it hold zeros at the beginning
 
     bool ram_cache() const;  // the workstation keeps its writes in memory
 };

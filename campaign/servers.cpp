@@ -1,7 +1,8 @@
 #include "campaign/servers.h"
 
 #include <algorithm>
-#include <cstring>
+#include <memory>
+#include <utility>
 
 namespace campaign {
 
@@ -41,87 +42,20 @@ void JournaledStore::lose_writes(
     }
 }
 
-std::array<std::uint8_t, 4> disk_id(unsigned lun, bool mirrored)
-{
-    return {0x51, 0x52, static_cast<std::uint8_t>(mirrored ? formats::disk_id_mirror : 0),
-            static_cast<std::uint8_t>(0xD0 + lun)};
-}
-
-formats::ServerRecord server_address(unsigned index)
-{
-    return machine::simulated_address(static_cast<std::uint8_t>(1 + index));
-}
-
 BlockServer::BlockServer(const Plan& plan, unsigned index, Canary& canary)
-    : address_(server_address(index)), canary_(canary)
+    : simulation::BlockServer(index), canary_(canary)
 {
-    for (unsigned lun = 0; lun < plan.disks.size(); ++lun) {
-        const DiskPlan& disk = plan.disks[lun];
-        disks_.push_back({{},
-                          std::make_unique<JournaledStore>(disk.sectors * std::uint64_t{512}, canary),
-                          server::MemoryStore(0)});
-        server::DiskOptions& options = disks_.back().options;
-        const auto id = disk_id(lun, disk.mirrored);
-        std::memcpy(options.disk_id, id.data(), id.size());
-        options.cache_mb = disk.cache_mb;
+    for (const DiskPlan& disk : plan.disks) {
+        auto store = std::make_unique<JournaledStore>(disk.sectors * std::uint64_t{512}, canary);
+        stores_.push_back(store.get());
+        add_disk(disk, std::move(store));
     }
 }
 
-void BlockServer::join(machine::Scheduler& scheduler, machine::SimulatedNetwork& network,
-                       std::int64_t skipped_ms)
+void BlockServer::transmit(std::vector<std::uint8_t>& packet)
 {
-    earlier_ms_ += skipped_ms;
-    scheduler_ = &scheduler;
-    network_ = &network;
-    if (protocol_)
-        attach();
-    else
-        start();
-}
-
-void BlockServer::leave()
-{
-    earlier_ms_ += scheduler_->now() / machine::ticks_per_ms;
-    scheduler_ = nullptr;
-    network_ = nullptr;
-}
-
-void BlockServer::start()
-{
-    protocol_ = std::make_unique<server::Protocol>(*this);
-    for (Disk& disk : disks_)
-        protocol_->add_disk(disk.options, *disk.store, disk.image.size_bytes() ? &disk.image : nullptr);
-    attach();
-}
-
-void BlockServer::stop()
-{
-    network_->detach(address_);
-    protocol_.reset();
-}
-
-void BlockServer::attach()
-{
-    network_->attach(address_,
-                     [this](const formats::ServerRecord& from, std::span<const std::uint8_t> packet) {
-                         const std::int64_t now_ms = earlier_ms_ + scheduler_->now() / machine::ticks_per_ms;
-                         protocol_->set_time_ms(static_cast<std::uint64_t>(now_ms));
-                         protocol_->receive(from, packet);
-                     });
-}
-
-server::DiskCounters BlockServer::counters(unsigned lun) const
-{
-    return protocol_ ? protocol_->counters(lun) : server::DiskCounters{};
-}
-
-void BlockServer::send(const server::Peer&, std::span<const std::uint8_t> header,
-                       std::span<const std::uint8_t> data)
-{
-    std::vector<std::uint8_t> packet(header.begin(), header.end());
-    packet.insert(packet.end(), data.begin(), data.end());
     if (!canary_.changes_answer(packet))
-        network_->send_from(address_, packet);
+        simulation::BlockServer::transmit(packet);
 }
 
 }  // namespace campaign

@@ -4,13 +4,11 @@
 
 #include <deque>
 #include <functional>
-#include <memory>
 #include <vector>
 
 #include "campaign/canary.h"
 #include "campaign/plan.h"
-#include "machine/scheduler/scheduler.h"
-#include "server/protocol.h"
+#include "simulation/block_server.h"
 
 namespace campaign {
 
@@ -40,45 +38,18 @@ private:
     std::uint64_t writes_ = 0;
 };
 
-class BlockServer : public server::PacketSink {
+// A server whose disks are journaled, and whose answers the canary may touch.
+class BlockServer : public simulation::BlockServer {
 public:
     BlockServer(const Plan& plan, unsigned index, Canary& canary);
 
-    // The workstation's network, for as long as it is on. skipped_ms: how long it was off.
-    void join(machine::Scheduler& scheduler, machine::SimulatedNetwork& network, std::int64_t skipped_ms);
-    void leave();
-
-    void start();  // also after stop()
-    void stop();
-    bool running() const { return protocol_ != nullptr; }
-    const formats::ServerRecord& address() const { return address_; }
-    JournaledStore& store(unsigned lun) { return *disks_[lun].store; }
-    server::MemoryStore& image(unsigned lun) { return disks_[lun].image; }
-    server::Protocol& protocol() { return *protocol_; }
-    // Zeros when it is not running.
-    server::DiskCounters counters(unsigned lun) const;
-
-    void send(const server::Peer& to, std::span<const std::uint8_t> header,
-              std::span<const std::uint8_t> data) override;
+    JournaledStore& store(unsigned lun) { return *stores_[lun]; }
 
 private:
-    struct Disk {
-        server::DiskOptions options;
-        std::unique_ptr<JournaledStore> store;
-        server::MemoryStore image;
-    };
-    void attach();
+    void transmit(std::vector<std::uint8_t>& packet) override;
 
-    formats::ServerRecord address_;
     Canary& canary_;
-    std::vector<Disk> disks_;
-    std::unique_ptr<server::Protocol> protocol_;
-    machine::Scheduler* scheduler_ = nullptr;
-    machine::SimulatedNetwork* network_ = nullptr;
-    std::int64_t earlier_ms_ = 0;  // before the present start
+    std::vector<JournaledStore*> stores_;
 };
-
-std::array<std::uint8_t, 4> disk_id(unsigned lun, bool mirrored);
-formats::ServerRecord server_address(unsigned index);
 
 }  // namespace campaign

@@ -128,7 +128,7 @@ void ImageVersions::allow_older()
     for (std::uint32_t lba = 0; lba < model.sectors(); ++lba)
         for (const auto& version : versions_)
             if (version[lba] != versions_.back()[lba])
-                model.may_hold(lba, version[lba]);
+                model.may_hold(lba, version[lba], false);
 }
 
 void ImageVersions::verify_local() const

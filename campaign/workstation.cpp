@@ -6,6 +6,7 @@
 #define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
+#include "formats/boot_record.h"
 #include "formats/cache_stats.h"
 #include "formats/image_descriptor.h"
 #include "formats/wire.h"
@@ -31,37 +32,14 @@ machine::MachineConfig machine_config(const Plan& plan, unsigned number)
     return config;
 }
 
-void fill_disk(formats::Disk_Info& disk, unsigned lun, const DiskPlan& plan)
-{
-    const auto id = disk_id(lun, plan.mirrored);
-    std::memcpy(disk.Disk_Id, id.data(), id.size());
-    const std::uint8_t parm[4] = {0xA0, 0xA1, 0xA2, static_cast<std::uint8_t>(lun)};
-    std::memcpy(disk.Disk_Parm, parm, sizeof parm);
-    disk.Disk_Secs.set(plan.sectors);
-    disk.Read_KB = static_cast<std::uint8_t>((plan.read_kb - 1) << 4);
-    disk.Write_KB = static_cast<std::uint8_t>((plan.write_kb - 1) << 4);
-    disk.Disk_Flags = plan.flags;
-    disk.Retry_Mins = plan.retry_mins;
-}
-
 Boot_Param boot_block(const Plan& plan)
 {
-    Boot_Param block{};
-    block.Boot_Mode.set(plan.boot_mode);
-    block.Lun_Nums = block.Disk_Nums = static_cast<std::uint8_t>(plan.disks.size());
-    block.Boot_Flags = plan.boot_flags;
-    block.Tag_Key.set(plan.tag_key);
-    block.Boot_Port.set(0x1234);
-    for (std::uint8_t i = 0; i < sizeof block.Identity_16; ++i)
-        block.Identity_16[i] = static_cast<std::uint8_t>(0x90 + i);
-    block.Rack_Level.set(plan.rack_level);
-    block.Boot_Server = server_address(0);
-    for (unsigned lun = 0; lun < plan.disks.size(); ++lun) {
-        fill_disk(block.Disks[lun], lun, plan.disks[lun]);
-        block.Main_Server[lun] = server_address(0);
-        if (plan.disks[lun].mirrored)
-            block.Slave_Server[lun] = server_address(1);
-    }
+    Boot_Param block = simulation::boot_block({.mode = plan.boot_mode,
+                                               .flags = plan.boot_flags,
+                                               .tag_key = plan.tag_key,
+                                               .rack_level = plan.rack_level});
+    for (const DiskPlan& disk : plan.disks)
+        simulation::add_disk(block, disk);
     if (plan.boots_locally()) {
         block.Local_Nums = 1;
         ++block.Disk_Nums;
@@ -100,8 +78,11 @@ Workstation::Workstation(World& owner, unsigned start, machine::DriverImage& dri
             see(direction, packet);
             return machine::SimulatedNetwork::Verdict::pass;
         });
-    world.main.join(machine.scheduler(), network, off_ms);
-    world.slave.join(machine.scheduler(), network, off_ms);
+    for (BlockServer* server : {&world.main, &world.slave}) {
+        server->join(machine.scheduler(), network, off_ms);
+        if (!server->running())
+            server->start();
+    }
     if (world.local)
         machine.add_local_disk(*world.local, static_cast<unsigned>(plan.disks.size()));
 }
@@ -118,13 +99,7 @@ Workstation::~Workstation()
 void Workstation::leave_boot_block()
 {
     const std::uint32_t base = machine.config().base_memory_kb * 1024u;
-    formats::BootRecord record{};
-    std::memcpy(record.Signature, formats::boot_record_signature, sizeof record.Signature);
-    record.Bound.set(formats::boot_record_bound_max);
-    record.Kind.set(formats::boot_record_kind);
-    record.Param = boot_block(world.plan);
-    record.Rack_Level.set(record.Param.Rack_Level.get());
-    machine.memory().write(base, bytes_of(record));
+    machine.memory().write(base, bytes_of(formats::boot_record(boot_block(world.plan))));
     if (!world.plan.boots_locally())
         return;
     formats::ImageDescriptor descriptor{};

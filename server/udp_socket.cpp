@@ -9,6 +9,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "formats/socket_address.h"
+
 namespace server {
 
 namespace {
@@ -31,23 +33,6 @@ bool set_option(int socket, int level, int option, Value value)
 [[noreturn]] void fail(const char* what)
 {
     throw std::system_error(errno, std::generic_category(), what);
-}
-
-sockaddr_in socket_address(const Peer& peer)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    std::memcpy(&address.sin_addr, peer.Ip, sizeof peer.Ip);
-    address.sin_port = htons(peer.Port.get());
-    return address;
-}
-
-Peer peer_of(const sockaddr_in& address)
-{
-    Peer peer{};
-    std::memcpy(peer.Ip, &address.sin_addr, sizeof peer.Ip);
-    peer.Port.set(ntohs(address.sin_port));
-    return peer;
 }
 
 struct alignas(cmsghdr) ControlBuffer {
@@ -114,7 +99,7 @@ UdpSocket::UdpSocket(const Peer& address)
     headers_.reserve(packets_max);
     if (socket_ < 0)
         fail("socket");
-    const sockaddr_in to_bind = socket_address(address);
+    const sockaddr_in to_bind = formats::socket_address(address);
     const timeval wait{.tv_sec = 0, .tv_usec = wait_ms * 1000};
     if (bind(socket_, reinterpret_cast<const sockaddr*>(&to_bind), sizeof to_bind) != 0 ||
         !set_option(socket_, SOL_SOCKET, SO_RCVTIMEO, wait)) {
@@ -143,7 +128,7 @@ Peer UdpSocket::address() const
     socklen_t size = sizeof bound;
     if (getsockname(socket_, reinterpret_cast<sockaddr*>(&bound), &size) != 0)
         fail("getsockname");
-    return peer_of(bound);
+    return formats::record_of(bound);
 }
 
 void UdpSocket::receive(const Handler& handler)
@@ -161,7 +146,7 @@ void UdpSocket::receive(const Handler& handler)
         mmsghdr& message = received_->messages[i];
         std::span<const std::uint8_t> bytes = std::span(received_->data[i]).first(message.msg_len);
         counters_.bytes_received += bytes.size();
-        const Peer peer = peer_of(received_->peers[i]);
+        const Peer peer = formats::record_of(received_->peers[i]);
         const std::size_t joined = joined_packet_bytes(message.msg_hdr);
         const std::size_t packet_bytes = joined != 0 ? joined : std::max<std::size_t>(bytes.size(), 1);
         do {
@@ -194,7 +179,7 @@ void UdpSocket::send(const Peer& to, std::span<const std::uint8_t> header, std::
 {
     if (packets_.size() == packets_max)
         flush();
-    const sockaddr_in address = socket_address(to);
+    const sockaddr_in address = formats::socket_address(to);
     const auto bytes = static_cast<std::uint16_t>(header.size() + data.size());
     if (runs_.empty() || !joins(runs_.back(), address, bytes)) {
         if (runs_.size() == runs_max)

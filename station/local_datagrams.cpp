@@ -1,7 +1,5 @@
 #include "station/local_datagrams.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -12,6 +10,8 @@
 #include <cstring>
 #include <span>
 #include <system_error>
+
+#include "formats/socket_address.h"
 
 namespace station {
 
@@ -25,20 +25,11 @@ constexpr int tries = 4;
 constexpr auto answer_time = 250ms;
 constexpr auto status_time = 200ms;
 
-sockaddr_in to_address(const ServerRecord& record)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    std::memcpy(&address.sin_addr, record.Ip, sizeof record.Ip);
-    address.sin_port = htons(record.Port.get());
-    return address;
-}
-
 // A socket that exchanges packets with one peer only; an empty one when there is no way to it.
 UniqueFd connected_socket(const ServerRecord& peer)
 {
     UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = to_address(peer);
+    const sockaddr_in address = socket_address(peer);
     if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         return UniqueFd();
     return fd;
@@ -126,8 +117,7 @@ StatusPoll::StatusPoll(std::uint16_t driver_port)
     socklen_t size = sizeof address;
     if (!socket_ || getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0)
         throw std::system_error(errno, std::generic_category(), "status poll");
-    self_ = driver;
-    self_.Port.set(ntohs(address.sin_port));
+    self_ = record_of(address);
 }
 
 std::optional<PollReply> StatusPoll::ask()

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
+#include "formats/boot_record.h"
 #include "machine/transport/transport.h"
 #include "station/lun_device.h"
 
@@ -146,12 +146,7 @@ void Workstation::hand_over_boot_block()
     transport.block() = {};
     transport.block().Boot_Flags = block_.Boot_Flags;
 
-    formats::BootRecord record{};
-    std::memcpy(record.Signature, formats::boot_record_signature, sizeof record.Signature);
-    record.Bound.set(formats::boot_record_bound_max);
-    record.Kind.set(formats::boot_record_kind);
-    record.Rack_Level.set(block_.Rack_Level.get());
-    record.Param = block_;
+    const formats::BootRecord record = formats::boot_record(block_);
     write_low_memory({reinterpret_cast<const std::uint8_t*>(&record), sizeof record});
 }
 

@@ -1,6 +1,5 @@
 #include "machine/transport/udp_sender.h"
 
-#include <netinet/in.h>
 #include <netinet/udp.h>
 #include <sys/socket.h>
 
@@ -8,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 #include <utility>
+
+#include "formats/socket_address.h"
 
 namespace machine {
 namespace {
@@ -19,15 +20,6 @@ std::uint64_t next_id()
 {
     static std::atomic<std::uint64_t> last = 0;
     return ++last;
-}
-
-sockaddr_in address_of(const formats::ServerRecord& record)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    std::memcpy(&address.sin_addr, record.Ip, sizeof record.Ip);
-    address.sin_port = htons(record.Port.get());
-    return address;
 }
 
 bool same_address(const sockaddr_in& a, const sockaddr_in& b)
@@ -116,7 +108,7 @@ void UdpSender::send(const formats::ServerRecord& to, std::span<const std::uint8
     const std::size_t size = header.size() + data.size();
     if (!to.names_a_server() || size == 0 || size > run_bytes_max)
         return;
-    const sockaddr_in address = address_of(to);
+    const sockaddr_in address = formats::socket_address(to);
     Run& run = own_run();
     if (run.packets != 0 && !run.continues_with(address, size))
         transmit(run);

@@ -18,6 +18,13 @@ protected:
 
     Generation fresh() { return generations.add(1); }
     Sector content(Generation generation) const { return generations.content({1, lba}, generation); }
+    Sector torn_between(Generation begin, Generation end) const
+    {
+        const Sector last = content(end);
+        Sector torn = content(begin);
+        std::copy(last.begin() + 274, last.end(), torn.begin() + 274);
+        return torn;
+    }
     bool allowed(Generation generation) const { return model.check(lba, content(generation)).empty(); }
     Generation written(bool succeeded = true)
     {
@@ -73,9 +80,7 @@ TEST_F(Model, Same_content_written_again_is_told_apart_from_the_first_time)
 TEST_F(Model, Torn_sector_passes_only_for_a_read_during_a_write)
 {
     const Generation generation = fresh();
-    const Sector old = content(initial);
-    Sector torn = content(generation);
-    std::copy(old.begin() + 274, old.end(), torn.begin() + 274);
+    const Sector torn = torn_between(generation, initial);
     Sector foreign = torn;
     foreign[400] ^= 1;
     auto read = model.read_begins();
@@ -101,12 +106,16 @@ TEST_F(Model, Content_of_another_place_or_disk_is_refused)
 
 TEST_F(Model, Server_that_lost_its_last_writes_may_show_the_old_or_the_new)
 {
-    const Generation lost = written();
-    model.may_hold(lba, initial);
-    EXPECT_TRUE(allowed(initial) && allowed(lost));
-    const Generation next = written();
-    EXPECT_FALSE(allowed(initial) || allowed(lost));
-    EXPECT_TRUE(allowed(next));
+    for (const bool mirrored : {false, true}) {
+        const Generation lost = written();
+        model.may_hold(lba, initial, mirrored);
+        EXPECT_TRUE(allowed(initial) && allowed(lost));
+        EXPECT_EQ(model.check(lba, torn_between(lost, initial)).empty(), mirrored);
+        const Generation next = written();
+        EXPECT_FALSE(allowed(initial) || allowed(lost));
+        EXPECT_TRUE(allowed(next));
+        EXPECT_NE(model.check(lba, torn_between(next, initial)), "");
+    }
 }
 
 }  // namespace

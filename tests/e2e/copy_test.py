@@ -12,20 +12,10 @@ class Copy(Case):
         self.server = Server(self, [self.image, self.target])
         self.station = Station(self, self.server, handover=handover)
 
-    def test_Disk_read_by_nbdcopy_equals_the_servers_image(self):
-        self.boot()
-        self.client("nbdcopy", self.station.uri(0), self.path("copy"))
-        self.assert_same_content(self.image, self.path("copy"))
-
     def test_Disk_read_by_qemu_img_equals_the_servers_image(self):
         self.boot()
         self.client("qemu-img", "convert", "-f", "raw", "-O", "raw", self.station.uri(0), self.path("copy"))
         self.assert_same_content(self.image, self.path("copy"))
-
-    def test_What_nbdcopy_wrote_is_on_the_server_once_it_is_done(self):
-        self.boot()
-        self.client("nbdcopy", "--flush", self.image, self.station.uri(1))
-        self.assert_same_content(self.image, self.target)
 
     def test_What_qemu_img_wrote_is_on_the_server_once_it_is_done(self):
         self.boot()

@@ -37,30 +37,27 @@ class ServerLoss(Case):
         self.main = Server(self, [system, f"{self.on_main},{identity},mirror=127.0.0.1:{self.mirror.port}"],
                            name="main")
 
-    def test_Mirrored_disk_goes_on_writing_when_its_main_server_is_gone(self):
-        self.mirrored()
+    def station_that_writes_while_one_goes(self, lost, kept):
         station = Station(self, self.main, registry=["HOT_RETRYS=1"])
-        source = self.random_disk("source", DISK_MB, seed=2)
-        writer = self.start_client("nbdcopy", "--flush", *ONE_BY_ONE, source, station.uri(1))
-        self.wait_until(lambda: stored_bytes(self.on_mirror) > 2 * MB, "writing has begun")
-        self.main.kill()
+        self.source = self.random_disk("source", DISK_MB, seed=2)
+        writer = self.start_client("nbdcopy", "--flush", *ONE_BY_ONE, self.source, station.uri(1))
+        self.wait_until(lambda: stored_bytes(kept) > 2 * MB, "writing has begun")
+        lost.kill()
         self.assertIsNone(writer.poll(), "writing was over before the server was killed")
         self.finish_client(writer)
-        self.assert_same_content(source, self.on_mirror)
+        self.assert_same_content(self.source, kept)
+        return station
+
+    def test_Mirrored_disk_goes_on_writing_when_its_main_server_is_gone(self):
+        self.mirrored()
+        station = self.station_that_writes_while_one_goes(self.main, self.on_mirror)
         self.assertEqual(station.log().count("Main Server Error, Try Use Slave"), 1)
         self.client("nbdcopy", station.uri(1), self.path("copy"))
-        self.assert_same_content(source, self.path("copy"))
+        self.assert_same_content(self.source, self.path("copy"))
 
     def test_Mirrored_disk_goes_on_writing_when_its_slave_server_is_gone(self):
         self.mirrored()
-        station = Station(self, self.main, registry=["HOT_RETRYS=1"])
-        source = self.random_disk("source", DISK_MB, seed=3)
-        writer = self.start_client("nbdcopy", "--flush", *ONE_BY_ONE, source, station.uri(1))
-        self.wait_until(lambda: stored_bytes(self.on_main) > 2 * MB, "writing has begun")
-        self.mirror.kill()
-        self.assertIsNone(writer.poll(), "writing was over before the server was killed")
-        self.finish_client(writer)
-        self.assert_same_content(source, self.on_main)
+        station = self.station_that_writes_while_one_goes(self.mirror, self.on_main)
         self.assertIn("Slave Server Error", station.log())
 
 

@@ -18,10 +18,10 @@ constexpr std::uint64_t mb = 1024 * 1024, gb = 1024 * mb;
 constexpr std::uint8_t cached = formats::disk_flag_ram_cache | 4;
 constexpr std::uint8_t splitting = cached | formats::disk_flag_split_writes;
 
-Plan cached_disk(std::uint32_t cache_word, std::uint8_t flags = cached)
+Plan cached_disk(std::uint32_t cache_mb, std::uint8_t flags = cached)
 {
     Plan plan;
-    plan.disks = {{.sectors = 65536, .flags = flags, .cache_word = cache_word}};
+    plan.disks = {{.sectors = 65536, .flags = flags, .cache_mb = cache_mb}};
     return plan;
 }
 
@@ -74,7 +74,7 @@ TEST(CacheNegotiation, Answers_of_every_kind_are_survived)
     struct Row {
         const char* what;
         std::uint8_t flags;
-        std::uint32_t cache_word;
+        std::uint32_t cache_mb;
         const char* state;
         const char* message;
     };
@@ -85,7 +85,7 @@ TEST(CacheNegotiation, Answers_of_every_kind_are_survived)
         {"more than there is", cached, 60000, "-1", "\nQRN_MC_Init: Disk 0 OBJ_Create Error"},
         {"not wanted", 0x80, 8, "-1", "\nQRN Local_Cache Info: 00000008 0 "}};
     for (const Row& row : rows) {
-        Rig rig(cached_disk(row.cache_word, row.flags));
+        Rig rig(cached_disk(row.cache_mb, row.flags));
         rig.run([&] {
             Bytes data = pattern(100, 8192);
             EXPECT_TRUE(rig.write(0, 100, data)) << row.what;
@@ -132,7 +132,7 @@ TEST(Cache, Disks_of_one_size_share_a_memory)
 {
     for (const std::uint32_t second : {8u, 16u}) {
         Plan plan = cached_disk(8);
-        plan.disks.push_back({.sectors = 16385, .flags = cached, .cache_word = second});
+        plan.disks.push_back({.sectors = 16385, .flags = cached, .cache_mb = second});
         Rig rig(plan);
         rig.run([&] {
             // Both at once: the set-ups come one after the other.
@@ -200,7 +200,7 @@ TEST(Cache, Content_survives_misses_fills_and_write_backs_while_the_server_fails
         plan.disks.push_back({.sectors = 65536,
                               .flags = seed % 2 ? splitting : cached,
                               .read_kb = 16,
-                              .cache_word = seed % 3 ? 4u : 8u});
+                              .cache_mb = seed % 3 ? 4u : 8u});
         plan.boot_flags = seed % 4 == 0 ? formats::boot_flag_tag_slot : 0;
         Rig rig(plan);
         rig.run([&] {
@@ -231,7 +231,7 @@ TEST(Cache, Content_survives_misses_fills_and_write_backs_while_the_server_fails
 TEST(Cache, Sixteen_gigabytes_are_used_through_eight_windows)
 {
     Plan plan;
-    plan.disks = {{.sectors = 0x4000000, .flags = cached, .read_kb = 16, .cache_word = 16384}};
+    plan.disks = {{.sectors = 0x4000000, .flags = cached, .read_kb = 16, .cache_mb = 16384}};
     plan.memory_ranges = {{mb, gb}, {4 * gb, 17 * gb}};
     Rig rig(plan);
     rig.run([&] {

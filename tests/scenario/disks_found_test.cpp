@@ -4,6 +4,8 @@
 #include <cstring>
 #include <regex>
 
+#include "formats/image_area.h"
+#include "formats/image_descriptor.h"
 #include "machine/executive/executive.h"
 #include "tests/scenario/rig.h"
 
@@ -69,7 +71,7 @@ TEST(DisksFound, Record_is_searched_by_paragraphs_from_the_end_of_base_memory)
         Plan plan = plan_of(2, Handover::none);
         plan.base_memory_kb = row.base_memory_kb;
         Rig rig(plan);
-        leave(rig, row.address, boot_record(boot_block(plan)));
+        leave(rig, row.address, formats::boot_record(boot_block(plan)));
         rig.run([&] { EXPECT_EQ(rig.scsi().luns().size(), row.found ? 2u : 0u); });
         EXPECT_TRUE(tells(find_dos(rig), row.paragraph, row.found)) << row.address;
     }
@@ -87,15 +89,15 @@ TEST(DisksFound, Malformed_records_are_skipped)
     Rig rig(plan_of(1, Handover::none));
     std::uint32_t address = 614400;
     for (auto spoiled : spoil) {
-        formats::BootRecord record = boot_record(boot_block(plan_of(3, Handover::none)));
+        formats::BootRecord record = formats::boot_record(boot_block(plan_of(3, Handover::none)));
         spoiled(record);
         leave(rig, address, record);
         address += sizeof record;
     }
-    formats::BootRecord good = boot_record(boot_block(rig.plan));
+    formats::BootRecord good = formats::boot_record(boot_block(rig.plan));
     good.Bound.set(0);
     leave(rig, address, good);
-    leave(rig, address + sizeof good, boot_record(boot_block(plan_of(2, Handover::none))));
+    leave(rig, address + sizeof good, formats::boot_record(boot_block(plan_of(2, Handover::none))));
     rig.run([&] {
         EXPECT_EQ(rig.scsi().luns().size(), 1u);
         Bytes data(512);
@@ -107,7 +109,7 @@ TEST(DisksFound, Malformed_records_are_skipped)
 TEST(DisksFound, Low_memory_that_cannot_be_mapped_leaves_the_transport_as_source)
 {
     Rig rig(plan_of(1, Handover::transport));
-    leave(rig, 614400, boot_record(boot_block(plan_of(3, Handover::none))));
+    leave(rig, 614400, formats::boot_record(boot_block(plan_of(3, Handover::none))));
     rig.machine.faults().fail(Operation::map_io_space);
     rig.run([&] { EXPECT_EQ(rig.scsi().luns().size(), 1u); });
     EXPECT_TRUE(tells(find_dos(rig), "0", false));
@@ -132,7 +134,7 @@ TEST(DisksFound, Transport_is_asked_once_with_the_whole_block_and_the_records_ow
 {
     Rig rig(plan_of(2, Handover::none));
     formats::Boot_Param block = boot_block(rig.plan);
-    formats::BootRecord record = boot_record(block);
+    formats::BootRecord record = formats::boot_record(block);
     record.Rack_Level.set(0x0701);
     leave(rig, 614400, record);
     rig.run([] {});
@@ -221,36 +223,20 @@ TEST(DisksFound, Missing_transport_leaves_only_the_disks_that_are_no_LUNs)
     }
 }
 
-struct Descriptor {
-    std::uint8_t jump = 0xE9;
-    formats::Le16 displacement;
-    std::uint8_t reserved = 0x90;
-    char mark[4] = {'Q', 'R', 'N', 'H'};
-    formats::Le32 kind;
-};
-static_assert(sizeof(Descriptor) == 12);
-
-Descriptor descriptor(unsigned displacement)
+formats::ImageDescriptor descriptor(unsigned displacement)
 {
-    Descriptor made;
-    made.displacement.set(static_cast<std::uint16_t>(displacement));
-    made.kind.set(0x1044);
+    formats::ImageDescriptor made{0xE9, {}, 0x90, {'Q', 'R', 'N', 'H'}, {}};
+    made.Displacement.set(static_cast<std::uint16_t>(displacement));
+    made.Kind.set(0x1044);
     return made;
 }
-
-struct PartitionSector {
-    std::uint8_t code[454] = {};
-    formats::Le32 start{}, sectors{};
-    std::uint8_t rest[50] = {};
-};
-static_assert(sizeof(PartitionSector) == 512);
 
 void leave_image(Rig& rig, std::uint32_t address, unsigned displacement)
 {
     leave(rig, address, descriptor(displacement));
-    PartitionSector sector;
-    sector.start.set(63);
-    sector.sectors.set(204800);
+    formats::PartitionSector sector{};
+    sector.Partition[0].Start.set(63);
+    sector.Partition[0].Count.set(204800);
     leave(rig, address + 3 + displacement, sector);
 }
 
@@ -310,9 +296,9 @@ TEST(DisksFound, Image_sector_is_read_only_from_within_low_memory)
 TEST(DisksFound, Descriptor_with_another_mark_or_kind_is_skipped)
 {
     Rig rig(plan_of(0, Handover::none));
-    Descriptor other_mark = descriptor(0), other_kind = descriptor(0);
-    other_mark.mark[3] = 'h';
-    other_kind.kind.set(0x11044);
+    formats::ImageDescriptor other_mark = descriptor(0), other_kind = descriptor(0);
+    other_mark.Mark[3] = 'h';
+    other_kind.Kind.set(0x11044);
     leave(rig, 614400, other_mark);
     leave(rig, 614400 + 16, other_kind);
     leave_image(rig, 614400 + 32, 0x40);

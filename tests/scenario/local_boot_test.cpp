@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "formats/image_area.h"
+#include "formats/image_descriptor.h"
 #include "machine/disk/local_disk.h"
 #include "tests/scenario/rig.h"
 
@@ -63,12 +64,9 @@ class LocalBoot : public Rig {
 public:
     LocalBoot(machine::LocalDisk& disk, const Bytes& image) : Rig(local_plan(image))
     {
-        struct {
-            std::uint8_t jump[4] = {0xE9, 0x40, 0, 0x90};
-            char mark[4] = {'Q', 'R', 'N', 'H'};
-            formats::Le32 kind;
-        } descriptor;
-        descriptor.kind.set(0x1044);
+        formats::ImageDescriptor descriptor{0xE9, {}, 0x90, {'Q', 'R', 'N', 'H'}, {}};
+        descriptor.Displacement.set(0x40);
+        descriptor.Kind.set(0x1044);
         machine.memory().write(614400 + 0x200,
                                {reinterpret_cast<const std::uint8_t*>(&descriptor), sizeof descriptor});
         machine.add_local_disk(disk, 1);
@@ -95,7 +93,7 @@ private:
     {
         Plan plan;
         plan.boot_mode = formats::boot_mode_local_image;
-        plan.disks[0].image = image;
+        plan.image = image;
         plan.adjust_block = [](formats::Boot_Param& block) {
             block.Disk_Nums = 2;
             block.Local_Nums = 1;
@@ -159,29 +157,6 @@ TEST(LocalBoot, Shutdown_waits_for_the_run_to_stop_after_its_chunk)
         EXPECT_TRUE(start.logged("QRNH_IMG_SYNC: End=1")) << start.machine.log().text();
         EXPECT_LT(start.now_ms() - before_ms, 2500);
         EXPECT_EQ(start.machine.pool_bytes("QRNM") / 65536, 6u) << "bounce areas; the run's buffer is gone";
-    });
-}
-
-TEST(LocalBoot, Lost_server_ends_the_run_and_the_next_start_goes_on)
-{
-    machine::LocalDisk disk(8000);
-    partition(disk);
-    const Bytes image = server_image(1, {1, 1, 0, 1});
-    {
-        LocalBoot start(disk, image);
-        start.drop = [](const SeenPacket& packet) {
-            return packet.header().Kind == formats::kind_sync_read &&
-                   packet.header().Byte_Offset.get() >= (first_data + 200 + 1) * 512;
-        };
-        start.run([&] { start.synchronise("QRNH_IMG_SYNC: End=2"); });
-    }
-    LocalBoot start(disk, image);
-    start.run([&] {
-        // Nobody knows yet whether the image is a true copy; so the server answers.
-        start.expect(140, 8192, pattern(140, 8192, 9));
-        start.synchronise("QRNH_IMG_SYNC: End=0");
-        start.expect(300, 512, Bytes(512));
-        start.expect(140, 8192, pattern(140, 8192, 1));
     });
 }
 

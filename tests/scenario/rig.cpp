@@ -27,124 +27,29 @@ static std::string driver_name()
     return name ? name : "builtin";
 }
 
-formats::ServerRecord server_address(unsigned index)
-{
-    return machine::simulated_address(static_cast<std::uint8_t>(1 + index));
-}
-
-std::array<std::uint8_t, 4> disk_id(unsigned lun, bool mirrored)
-{
-    return {0x51, 0x52, static_cast<std::uint8_t>(mirrored ? formats::disk_id_mirror : 0),
-            static_cast<std::uint8_t>(0xD0 + lun)};
-}
-
-static void fill_disk(formats::Disk_Info& disk, unsigned lun, const DiskPlan& plan)
-{
-    auto id = disk_id(lun, plan.mirrored);
-    std::memcpy(disk.Disk_Id, id.data(), id.size());
-    const std::uint8_t parm[4] = {0xA0, 0xA1, 0xA2, static_cast<std::uint8_t>(lun)};
-    std::memcpy(disk.Disk_Parm, parm, sizeof parm);
-    disk.Disk_Status.set(0x11110000 + lun);
-    disk.Disk_Secs.set(plan.sectors);
-    disk.Read_KB = static_cast<std::uint8_t>((plan.read_kb - 1) << 4);
-    disk.Write_KB = static_cast<std::uint8_t>((plan.write_kb - 1) << 4);
-    disk.Disk_Flags = plan.flags;
-    disk.Retry_Mins = plan.retry_mins;
-}
-
 formats::Boot_Param boot_block(const Plan& plan)
 {
-    formats::Boot_Param block{};
-    block.Boot_Mode.set(plan.boot_mode);
-    block.Lun_Nums = block.Disk_Nums = static_cast<std::uint8_t>(plan.disks.size());
-    block.Boot_Flags = plan.boot_flags;
-    block.Tag_Key.set(plan.tag_key);
-    block.Boot_Port.set(0x1234);
-    for (std::uint8_t i = 0; i < sizeof block.Identity_8; ++i) {
-        block.Identity_8[i] = static_cast<std::uint8_t>(0x80 + i);
-        block.Identity_16[i] = static_cast<std::uint8_t>(0x90 + i);
-    }
-    block.Rack_Level.set(plan.rack_level);
-    block.Boot_Server = server_address(0);
-    for (unsigned lun = 0; lun < plan.disks.size(); ++lun) {
-        fill_disk(block.Disks[lun], lun, plan.disks[lun]);
-        block.Main_Server[lun] = server_address(0);
-        if (plan.disks[lun].mirrored && plan.disks[lun].slave_server)
-            block.Slave_Server[lun] = server_address(1);
-    }
+    formats::Boot_Param block = simulation::boot_block({.mode = plan.boot_mode,
+                                                        .flags = plan.boot_flags,
+                                                        .tag_key = plan.tag_key,
+                                                        .rack_level = plan.rack_level});
+    for (const DiskPlan& disk : plan.disks)
+        simulation::add_disk(block, disk);
     if (plan.adjust_block)
         plan.adjust_block(block);
     return block;
 }
 
-formats::BootRecord boot_record(const formats::Boot_Param& block)
-{
-    formats::BootRecord record{};
-    std::memcpy(record.Signature, formats::boot_record_signature, sizeof record.Signature);
-    record.Bound.set(formats::boot_record_bound_max);
-    record.Kind.set(formats::boot_record_kind);
-    record.Rack_Level.set(block.Rack_Level.get());
-    record.Param = block;
-    return record;
-}
-
-SimulatedServer::SimulatedServer(machine::Scheduler& scheduler, machine::SimulatedNetwork& network,
-                                 const formats::ServerRecord& address, const Plan& plan)
-    : scheduler_(scheduler), network_(network), address_(address), plan_(plan)
-{
-    for (const DiskPlan& disk : plan.disks) {
-        stores_.push_back(std::make_unique<server::MemoryStore>(
-            std::min<std::uint64_t>(disk.sectors, stored_sectors_max) * 512));
-        images_.push_back(disk.image.empty() ? nullptr
-                                             : std::make_unique<server::MemoryStore>(disk.image.size()));
-        if (images_.back())
-            images_.back()->bytes() = disk.image;
-    }
-}
-
-void SimulatedServer::start()
-{
-    protocol_ = std::make_unique<server::Protocol>(*this);
-    for (unsigned lun = 0; lun < stores_.size(); ++lun) {
-        server::DiskOptions options;
-        auto id = disk_id(lun, plan_.disks[lun].mirrored);
-        std::memcpy(options.disk_id, id.data(), id.size());
-        options.cache_mb = plan_.disks[lun].cache_word;
-        protocol_->add_disk(options, *stores_[lun], images_[lun].get());
-    }
-    network_.attach(
-        address_, [this](const formats::ServerRecord& from, std::span<const std::uint8_t> packet) {
-            protocol_->set_time_ms(static_cast<std::uint64_t>(scheduler_.now() / machine::ticks_per_ms));
-            protocol_->receive(from, packet);
-        });
-}
-
-void SimulatedServer::stop()
-{
-    network_.detach(address_);
-    protocol_.reset();
-}
-
-void SimulatedServer::send(const server::Peer&, std::span<const std::uint8_t> header,
-                           std::span<const std::uint8_t> data)
-{
-    Bytes packet(header.begin(), header.end());
-    packet.insert(packet.end(), data.begin(), data.end());
-    network_.send_from(address_, packet);
-}
-
 static void leave_boot_record(machine::Machine& machine, const formats::Boot_Param& block)
 {
-    formats::BootRecord record = boot_record(block);
+    const formats::BootRecord record = formats::boot_record(block);
     auto bytes = reinterpret_cast<const std::uint8_t*>(&record);
     machine.memory().write(machine.config().base_memory_kb * 1024u, {bytes, sizeof record});
 }
 
 Rig::Rig(Plan wanted)
     : plan(std::move(wanted)), machine(machine_config(plan)), network(machine.scheduler(), plan.seed),
-      driver(machine::driver_named(driver_name())),
-      main(machine.scheduler(), network, server_address(0), plan),
-      slave(machine.scheduler(), network, server_address(1), plan)
+      driver(machine::driver_named(driver_name()))
 {
     formats::Boot_Param block = boot_block(plan);
     if (plan.transport) {
@@ -162,8 +67,16 @@ Rig::Rig(Plan wanted)
         return drop && drop(packets_.back()) ? machine::SimulatedNetwork::Verdict::drop
                                              : machine::SimulatedNetwork::Verdict::pass;
     });
+    for (simulation::BlockServer* server : {&main, &slave}) {
+        for (const DiskPlan& disk : plan.disks)
+            server->add_disk(disk, std::make_unique<server::MemoryStore>(
+                                       std::min<std::uint64_t>(disk.sectors, stored_sectors_max) * 512));
+        server->join(machine.scheduler(), network);
+    }
+    if (!plan.image.empty())
+        main.image(0).bytes() = plan.image;
     main.start();
-    if (std::any_of(plan.disks.begin(), plan.disks.end(), [](const DiskPlan& disk) { return disk.mirrored; }))
+    if (std::ranges::any_of(plan.disks, &DiskPlan::mirrored))
         slave.start();
 }
 

@@ -10,37 +10,30 @@
 #include <string>
 #include <vector>
 
-#include "formats/boot_block.h"
+#include "formats/boot_record.h"
 #include "formats/wire.h"
 #include "machine/loader/driver_image.h"
 #include "machine/machine.h"
 #include "machine/scsiport/scsi_port.h"
 #include "machine/transport/simulated_network.h"
 #include "machine/transport/transport.h"
-#include "server/block_store.h"
-#include "server/protocol.h"
+#include "simulation/block_server.h"
+#include "simulation/boot_block.h"
 
 namespace scenario {
 
 using Bytes = std::vector<std::uint8_t>;
 
-struct DiskPlan {
-    std::uint32_t sectors = 2048;
-    std::uint8_t flags = 0x04;  // Disk_Flags; 0: packets of 8 KB and 6 KB
-    unsigned read_kb = 8;
-    unsigned write_kb = 8;
-    std::uint8_t retry_mins = 1;
-    bool mirrored = false;
-    bool slave_server = true;      // of a mirrored disk; false: its record is empty from the start
-    Bytes image = {};              // the servers' image area of the disk; empty: none
-    std::uint32_t cache_word = 0;  // what the servers answer to the cache negotiation
-};
+using DiskPlan = simulation::Disk;
+using simulation::disk_id;
+using simulation::server_address;
 
 enum class Handover { low_memory, transport, none };
 
 struct Plan {
     std::uint64_t seed = 1;
     std::vector<DiskPlan> disks{DiskPlan{}};
+    Bytes image{};  // the main server's image area of LUN 0; empty: none
     std::uint32_t boot_mode = formats::boot_mode_network;
     std::uint8_t boot_flags = 0;
     std::uint32_t tag_key = 0x12345678;
@@ -55,41 +48,7 @@ struct Plan {
     std::function<void(formats::Boot_Param&)> adjust_block = nullptr;
 };
 
-// The boot parameter block of a plan; main servers are server_address(0), slaves server_address(1).
 formats::Boot_Param boot_block(const Plan& plan);
-// The same as the boot loader leaves it in low memory.
-formats::BootRecord boot_record(const formats::Boot_Param& block);
-formats::ServerRecord server_address(unsigned index);
-// Disk_Id of a disk of the plan.
-std::array<std::uint8_t, 4> disk_id(unsigned lun, bool mirrored);
-
-// A block server in the simulated network; crashes and comes back on demand.
-class SimulatedServer : public server::PacketSink {
-public:
-    SimulatedServer(machine::Scheduler& scheduler, machine::SimulatedNetwork& network,
-                    const formats::ServerRecord& address, const Plan& plan);
-
-    // Of larger disks the servers keep the beginning only; the rest is for scripted servers.
-    static constexpr std::uint64_t stored_sectors_max = 65536;
-
-    void start();  // also after stop(): the protocol's memory is gone, the disks' content stays
-    void stop();
-    std::vector<std::uint8_t>& content(unsigned lun) { return stores_[lun]->bytes(); }
-    server::Protocol& protocol() { return *protocol_; }
-    const formats::ServerRecord& address() const { return address_; }
-
-    void send(const server::Peer& to, std::span<const std::uint8_t> header,
-              std::span<const std::uint8_t> data) override;
-
-private:
-    machine::Scheduler& scheduler_;
-    machine::SimulatedNetwork& network_;
-    formats::ServerRecord address_;
-    Plan plan_;
-    std::vector<std::unique_ptr<server::MemoryStore>> stores_;
-    std::vector<std::unique_ptr<server::MemoryStore>> images_;  // null: none
-    std::unique_ptr<server::Protocol> protocol_;
-};
 
 // One packet as it was sent, before the network did anything to it.
 struct SeenPacket {
@@ -116,8 +75,10 @@ public:
     machine::Machine machine;
     machine::SimulatedNetwork network;
     std::unique_ptr<machine::DriverImage> driver;
-    SimulatedServer main;   // started
-    SimulatedServer slave;  // started when a disk of the plan is mirrored
+    // Of larger disks the servers keep the beginning only; the rest is for scripted servers.
+    static constexpr std::uint64_t stored_sectors_max = 65536;
+    simulation::BlockServer main{0};   // started
+    simulation::BlockServer slave{1};  // started when a disk of the plan is mirrored
 
     // Boots the driver and runs body as a kernel thread. Fails the test unless body ran to its end;
     // with expect, unless the run ended that way.

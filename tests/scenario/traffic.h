@@ -33,12 +33,11 @@ private:
     double start_ms_ = -1, done_ms_ = -1;
 };
 
-// Clients that read and write at random, each in a part of a disk of its own, one request at a time. What
-// they read is checked against what they last wrote.
+// Three clients for each disk that read and write at random, each in a part of the disk of its own, one
+// request at a time. What they read is checked against what they last wrote.
 class Traffic {
 public:
     struct Load {
-        unsigned clients_per_lun = 3;
         unsigned operations_each = 40;
         std::uint32_t sectors_each = 400;
         std::uint32_t request_sectors_max = 128;
@@ -49,12 +48,8 @@ public:
 
     void start();
     void wait();
-    void run() { start(), wait(); }
-    unsigned done() const { return done_; }
     unsigned reads() const { return reads_; }
     unsigned failed() const { return failed_; }
-    // The server's disks hold the newest of every sector.
-    void expect_stored(SimulatedServer& server);
 
 private:
     struct Client;
@@ -62,7 +57,7 @@ private:
     Rig& rig_;
     Load load_;
     std::vector<std::unique_ptr<Client>> clients_;
-    unsigned active_ = 0, done_ = 0, reads_ = 0, failed_ = 0;
+    unsigned active_ = 0, reads_ = 0, failed_ = 0;
 };
 
 // Packets sent to the servers as one line: "read@0 query@110 write:1,2*@115.2", times in ms since the

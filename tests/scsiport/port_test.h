@@ -44,9 +44,27 @@ protected:
         return message;
     }
 
+    // Transfers that arrive stay with the miniport until it is asked to reset its bus.
+    void hold_transfers()
+    {
+        miniport.start_io = [this](PSCSI_REQUEST_BLOCK srb) { miniport.hold(srb); };
+        miniport.reset_bus = [this] {
+            while (!miniport.held.empty()) {
+                miniport.complete(miniport.held.front(), held_status);
+                miniport.held.pop_front();
+            }
+        };
+    }
+    void let_go(UCHAR srb_status = SRB_STATUS_SUCCESS)
+    {
+        held_status = srb_status;
+        port().reset_bus();
+    }
+
     machine::ScsiPort& port() { return machine.scsi(); }
     machine::Adapter& adapter() { return port().internals().adapter; }
 
     machine::Machine machine;
     TestMiniport miniport;
+    UCHAR held_status = SRB_STATUS_SUCCESS;
 };

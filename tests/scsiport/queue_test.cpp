@@ -44,25 +44,6 @@ protected:
         std::vector<std::unique_ptr<ScsiRequest>> requests_;
         std::vector<std::uint8_t> finished_;
     };
-
-    void hold_transfers()
-    {
-        miniport.start_io = [this](PSCSI_REQUEST_BLOCK srb) { miniport.hold(srb); };
-        miniport.reset_bus = [this] {
-            while (!miniport.held.empty()) {
-                miniport.complete(miniport.held.front(), held_status);
-                miniport.held.pop_front();
-            }
-        };
-    }
-    // Completes all held transfers; the test miniport does it when it is asked to reset its bus.
-    void let_go(UCHAR srb_status = SRB_STATUS_SUCCESS)
-    {
-        held_status = srb_status;
-        port().reset_bus();
-    }
-
-    UCHAR held_status = SRB_STATUS_SUCCESS;
 };
 
 TEST_F(Queue, NextRequest_inside_HwStartIo_lets_254_requests_of_a_lun_go_down_one_by_one)

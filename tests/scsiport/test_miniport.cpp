@@ -139,17 +139,7 @@ void TestMiniport::complete(PSCSI_REQUEST_BLOCK srb, UCHAR srb_status)
 
 void TestMiniport::answer(PSCSI_REQUEST_BLOCK srb)
 {
-    if (srb->Function == SRB_FUNCTION_IO_CONTROL) {
-        const auto* control = static_cast<const SRB_IO_CONTROL*>(srb->DataBuffer);
-        if (control->ControlCode == complete_code) {
-            auto* finished =
-                reinterpret_cast<PSCSI_REQUEST_BLOCK>(static_cast<ULONG_PTR>(control->ReturnCode));
-            complete(finished, execute(*finished));
-        }
-        complete(srb, SRB_STATUS_SUCCESS);
-    } else {
-        complete(srb, srb->Function == SRB_FUNCTION_EXECUTE_SCSI ? execute(*srb) : SRB_STATUS_SUCCESS);
-    }
+    complete(srb, srb->Function == SRB_FUNCTION_EXECUTE_SCSI ? execute(*srb) : SRB_STATUS_SUCCESS);
 }
 
 void TestMiniport::hold(PSCSI_REQUEST_BLOCK srb)

@@ -18,7 +18,6 @@ public:
     struct Extension {
         std::uint32_t words[5];
     };
-    static constexpr UCHAR complete_code = 1;  // ControlCode of complete_through()'s control request
 
     explicit TestMiniport(unsigned lun_count = 2, std::uint32_t lun_sectors = 64);
 

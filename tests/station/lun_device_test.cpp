@@ -45,25 +45,7 @@ protected:
             body(*queue);
         });
     }
-    // SRBs that arrive stay with the miniport until it is asked to reset its bus.
-    void hold_transfers()
-    {
-        miniport.start_io = [this](PSCSI_REQUEST_BLOCK srb) { miniport.hold(srb); };
-        miniport.reset_bus = [this] {
-            while (!miniport.held.empty()) {
-                miniport.complete(miniport.held.back(), held_status);
-                miniport.held.pop_back();
-            }
-        };
-    }
-    void let_go(UCHAR status = SRB_STATUS_SUCCESS)
-    {
-        held_status = status;
-        port().reset_bus();
-    }
-
     LunStatistics statistics;
-    UCHAR held_status = SRB_STATUS_SUCCESS;
 
 private:
     struct Size {

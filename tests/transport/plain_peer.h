@@ -1,8 +1,6 @@
 // The other end of a UDP link in a test: a plain socket, without receive offload.
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <netinet/udp.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -14,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "formats/boot_block.h"
+#include "formats/socket_address.h"
 
 using Packet = std::vector<std::uint8_t>;
 
@@ -22,14 +20,11 @@ class PlainPeer {
 public:
     PlainPeer() : socket_(socket(AF_INET, SOCK_DGRAM, 0))
     {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = formats::socket_address({{127, 0, 0, 1}, {}, {}, {}});
         EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         socklen_t length = sizeof address;
         getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
-        std::memcpy(record.Ip, &address.sin_addr, sizeof record.Ip);
-        record.Port.set(ntohs(address.sin_port));
+        record = formats::record_of(address);
         const timeval patience{5, 0};
         setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     }
