@@ -58,7 +58,7 @@ std::string sync_text(const SyncStatus& sync)
     case SyncStatus::State::asking_server:
         return "local image: asking the server for its image";
     case SyncStatus::State::no_server_image:
-        return "local image: not filled, the server has no image of the disk";
+        return "local image: not filled, the server has no usable image of the disk";
     case SyncStatus::State::running: {
         const auto full =
             sync.chunks_total

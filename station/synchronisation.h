@@ -1,9 +1,10 @@
 // How far the driver has come with filling the system image from the server: from its messages, which tell
-// begin and end, and from its answers to status polls in between. Any thread; messages come at up to
-// DISPATCH_LEVEL.
+// begin and end, from the end of the thread that does it, and from answers to status polls in between. Any
+// thread; messages come at up to DISPATCH_LEVEL.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -51,10 +52,16 @@ private:
         bool exact;  // the run's very start
     };
 
+    // What the driver's thread still touches when it ends, at a time of its own.
+    struct Shared {
+        std::mutex lock;  // guards all of Synchronisation
+        SyncStatus::State state = SyncStatus::State::waiting;
+    };
+    struct ItsThread;
+
     void end(SyncStatus::State state, std::int64_t now_ms);
 
-    mutable std::mutex lock_;  // guards all
-    SyncStatus::State state_ = SyncStatus::State::waiting;
+    const std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
     std::uint32_t total_ = 0, done_ = 0;
     std::int64_t start_ms_ = 0, end_ms_ = 0;
     std::optional<Base> base_;
