@@ -7,6 +7,7 @@ bin="$root/build/bin"
 build_packages=(g++ g++-multilib cmake ninja-build mingw-w64-common g++-mingw-w64-i686 libgtest-dev
                 libcli11-dev libfmt-dev nlohmann-json3-dev python3)
 client_packages=(libnbd-bin qemu-utils fio e2fsprogs)
+fuzz_packages=(clang libclang-rt-dev)
 
 # One line per argument.
 say() { printf '%s\n' "$@"; }
@@ -60,20 +61,25 @@ need_packages() {
     fi
 }
 
-# Builds the programs, the tests and qrndisk.sys; the compiler's output shows on a failure or with a
-# terminal to show progress on.
-build_all() {
+# Builds the programs, the tests and qrndisk.sys.
+build_all() { build_preset host; }
+
+# build_preset NAME [TARGET...]: all that the preset builds, or these targets. The compiler's output shows on a
+# failure or with a terminal to show progress on.
+build_preset() {
     cd "$root"
     mkdir -p build
-    local log="$root/build/build.log"
+    local preset=$1 log="$root/build/build.log" what=()
+    shift
+    [ $# = 0 ] || what=(--target "$@")
     say "building"
-    if ! cmake --preset host >"$log" 2>&1; then
+    if ! cmake --preset "$preset" >"$log" 2>&1; then
         cat "$log" >&2
         fail "cmake failed"
     fi
     if [ -t 1 ]; then
-        cmake --build build/host -j2
-    elif ! cmake --build build/host -j2 >"$log" 2>&1; then
+        cmake --build "build/$preset" -j2 "${what[@]}"
+    elif ! cmake --build "build/$preset" -j2 "${what[@]}" >"$log" 2>&1; then
         tail -n 60 "$log" >&2
         fail "the build failed (all of it: build/build.log)"
     fi
