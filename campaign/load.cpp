@@ -105,7 +105,6 @@ void Load::Client::submit_write()
     for (std::uint32_t i = 0; i < sectors; ++i)
         std::ranges::copy(world().content({lun, lba + i}, generation),
                           buffer.begin() + static_cast<std::ptrdiff_t>(i * formats::sector_bytes));
-    owner.delay_over_ |= lun == 0 && sectors == large_sectors;
     handle = model().write_begins(lba, sectors, generation);
     request.set_write(static_cast<std::uint8_t>(lun), lba, buffer.data(),
                       static_cast<std::uint32_t>(buffer.size()));
@@ -119,13 +118,15 @@ void Load::Client::finished()
     const bool ok = request.ok();
     if (!ok)
         owner.request_failed(*this);
-    if (writing)
+    if (writing) {
         model().write_ends(handle, ok);
-    else if (!ok)
+        owner.delay_over_ |= lun == 0 && sectors == large_sectors;
+    } else if (!ok) {
         model().read_failed(handle);
-    else if (const std::string wrong = model().read_ends(handle, lba, buffer); !wrong.empty())
+    } else if (const std::string wrong = model().read_ends(handle, lba, buffer); !wrong.empty()) {
         fail(
             fmt::format("read of {} sectors from LBA {}, begun at {} ms: {}", sectors, lba, began_ms, wrong));
+    }
     Disk& disk = owner.disks_[lun];
     (writing ? disk.written_sectors : disk.read_sectors) += sectors;
     next();
