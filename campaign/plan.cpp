@@ -48,11 +48,6 @@ DiskPlan draw_disk(Stream& stream, bool system_disk)
     return disk;
 }
 
-bool is_wide(const DiskPlan& disk)
-{
-    return disk.sectors >= wide_disk_min;
-}
-
 // Gives a cached disk more blocks than all windows show at once. Whether there is such a disk.
 bool widen(Stream& stream, std::vector<DiskPlan>& disks)
 {
@@ -200,7 +195,7 @@ StartPlan draw_start(Stream& stream, const Plan& plan, bool last)
         start.faults.push_back(draw_fault(stream, plan, start.safety_ms));
     if (start.end == End::shutdown && stream.chance(0.3))
         silence_servers(stream, plan, start);
-    if (std::ranges::any_of(plan.disks, &is_wide) && stream.chance(0.5))
+    if (std::ranges::any_of(plan.disks, &DiskPlan::wide) && stream.chance(0.5))
         start.faults.push_back({.kind = FaultKind::mapping,
                                 .at_ms = start.safety_ms / 4,
                                 .for_ms = start.safety_ms / 2,
@@ -217,6 +212,11 @@ StartPlan draw_start(Stream& stream, const Plan& plan, bool last)
 bool DiskPlan::ram_cache() const
 {
     return (flags & formats::disk_flag_ram_cache) != 0 && cache_mb != 0;
+}
+
+bool DiskPlan::wide() const
+{
+    return sectors >= wide_disk_min;
 }
 
 bool Plan::boots_locally() const

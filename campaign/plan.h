@@ -17,6 +17,7 @@ struct DiskPlan : simulation::Disk {
     bool zeros;  // parts of it hold zeros at the beginning
 
     bool ram_cache() const;  // the workstation keeps its writes in memory
+    bool wide() const;       // it has more blocks there than all windows show at once
 };
 
 struct MemoryPlan {

@@ -41,9 +41,21 @@ void shut_down(Workstation& station, FaultSchedule& faults)
         fail(fmt::format("shutdown took {} ms", station.now_ms() - begin_ms));
 }
 
+// Has blocks in use that no window shows, before the faults come.
+void fill_wide_caches(Workstation& station, Load& load)
+{
+    constexpr std::uint32_t step = 128;
+    const auto& disks = station.world.plan.disks;
+    for (unsigned lun = 0; lun < disks.size(); ++lun)
+        for (std::uint32_t lba = 0; disks[lun].wide() && lba + step <= disks[lun].sectors; lba += step)
+            if (!load.reachable(lun) || !load.read(lun, lba, step))
+                break;
+}
+
 void live(Workstation& station, Load& load, FaultSchedule& faults)
 {
     station.boot();
+    fill_wide_caches(station, load);
     load.start(station.plan().safety_ms);
     faults.run_until(station.plan().safety_ms);
     if (station.plan().end == End::power_off)
