@@ -4,6 +4,7 @@
 // Input: a byte of flags, the base memory in KB (2 bytes), then things left in memory: what (a byte), where
 // (a paragraph above base memory, 2 bytes), the bytes that go over a sound one.
 #include "driver/startup/boot_record.h"
+#include "formats/boot_record.h"
 #include "formats/image_area.h"
 #include "formats/image_descriptor.h"
 #include "fuzz/workstation.h"
@@ -11,17 +12,6 @@
 using namespace fuzz;
 
 namespace {
-
-formats::BootRecord sound_record()
-{
-    formats::BootRecord record{};
-    std::memcpy(record.Signature, formats::boot_record_signature, sizeof record.Signature);
-    record.Bound.set(formats::boot_record_bound_max);
-    record.Kind.set(formats::boot_record_kind);
-    record.Rack_Level.set(formats::rack_level_status_query);
-    record.Param = two_disks(4);
-    return record;
-}
 
 formats::ImageDescriptor sound_descriptor()
 {
@@ -101,7 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const unsigned what = input.u8();
         const std::uint32_t where = config.base_memory_kb * 1024u + input.u16() % 4096 * 16u;
         if ((what & 3) == 0)
-            leave(machine, where, sound_record(), input);
+            leave(machine, where, formats::boot_record(two_disks(4)), input);
         else if ((what & 3) == 1)
             leave(machine, where, sound_descriptor(), input);
         else if ((what & 3) == 2)

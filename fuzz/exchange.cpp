@@ -38,10 +38,8 @@ private:
     {
         const auto bytes = input_.piece(input_.u16() % 1500);
         Bytes packet(bytes.begin(), bytes.end());
-        if (!(control & 8) && packet.size() >= formats::request_bytes) {
-            std::copy_n(request.begin(), 4, packet.begin());
-            std::copy_n(request.begin() + 6, formats::match_bytes, packet.begin() + 6);
-        }
+        if (!(control & 8))
+            make_answer(packet, request);
         return packet;
     }
 

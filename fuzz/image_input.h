@@ -1,8 +1,7 @@
 // Image areas for the fuzzer: a sound one, and what the input changes of it.
 //
 // Input: a byte with the number of changes, then 7 bytes for each: a control byte, a place of 2 bytes, a
-// value of
-// 4. They go into the header, or into the tables, which are few and known by their sectors.
+// value of 4. They go into the header, or into the tables, which are few and known by their sectors.
 #pragma once
 
 #include "formats/image_area.h"

@@ -62,10 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         while (const unsigned bytes = input.u16() % 1024) {
             const auto piece = input.piece(bytes);
             Bytes other(piece.begin(), piece.end());
-            if (other.size() >= formats::request_bytes) {
-                std::memcpy(other.data(), packet.data(), 4);
-                std::memcpy(&other[6], &packet[6], formats::match_bytes);
-            }
+            make_answer(other, packet);
             workstation.answer(other);
         }
         formats::NegotiationReply reply{};

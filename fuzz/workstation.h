@@ -84,6 +84,16 @@ public:
     Intercept intercept;
 };
 
+// Gives a packet that is long enough the header by which the driver knows the answer to a request.
+inline void make_answer(Bytes& packet, std::span<const std::uint8_t> request)
+{
+    if (packet.size() < formats::request_bytes)
+        return;
+    std::copy_n(request.begin(), 4, packet.begin());
+    std::copy_n(request.begin() + formats::match_offset, formats::match_bytes,
+                packet.begin() + formats::match_offset);
+}
+
 // Every sector names itself.
 inline Bytes pattern(unsigned lba, std::size_t bytes, std::uint32_t version)
 {
