@@ -129,14 +129,9 @@ void expect_slots_back(Workstation& station, Load& load, const FaultSchedule& fa
 
 void expect_contents(Workstation& station, Load& load)
 {
-    const Plan& plan = station.world.plan;
-    const std::uint32_t step = station.scsi().maximum_transfer_bytes() / formats::sector_bytes;
-    for (unsigned lun = 0; lun < plan.disks.size(); ++lun) {
-        const std::uint32_t sectors = plan.disks[lun].sectors;
-        for (std::uint32_t lba = 0; lba < sectors && load.reachable(lun); lba += step)
-            if (!load.read(lun, lba, std::min(step, sectors - lba)))
-                fail(fmt::format("LUN {} cannot be read at LBA {} though nothing is wrong", lun, lba));
-    }
+    for (unsigned lun = 0; lun < station.world.plan.disks.size(); ++lun)
+        if (const auto lba = load.read_all(lun))
+            fail(fmt::format("LUN {} cannot be read at LBA {} though nothing is wrong", lun, *lba));
 }
 
 void expect_poll_totals(Workstation& station, Load& load)

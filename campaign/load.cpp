@@ -242,4 +242,14 @@ bool Load::read(unsigned lun, std::uint32_t lba, std::uint32_t count)
     return true;
 }
 
+std::optional<std::uint32_t> Load::read_all(unsigned lun)
+{
+    const std::uint32_t sectors = station_.world.plan.disks[lun].sectors;
+    const std::uint32_t step = station_.scsi().maximum_transfer_bytes() / formats::sector_bytes;
+    for (std::uint32_t lba = 0; lba < sectors && reachable(lun); lba += step)
+        if (!read(lun, lba, std::min(step, sectors - lba)))
+            return lba;
+    return std::nullopt;
+}
+
 }  // namespace campaign

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,8 @@ public:
 
     // One request, waited for; false when it failed.
     bool read(unsigned lun, std::uint32_t lba, std::uint32_t count);
+    // The whole disk, as long as it is there: the first LBA of a request that failed, if one did.
+    std::optional<std::uint32_t> read_all(unsigned lun);
 
 private:
     struct Client;

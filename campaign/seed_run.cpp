@@ -44,12 +44,10 @@ void shut_down(Workstation& station, FaultSchedule& faults)
 // Has blocks in use that no window shows, before the faults come.
 void fill_wide_caches(Workstation& station, Load& load)
 {
-    constexpr std::uint32_t step = 128;
     const auto& disks = station.world.plan.disks;
     for (unsigned lun = 0; lun < disks.size(); ++lun)
-        for (std::uint32_t lba = 0; disks[lun].wide() && lba + step <= disks[lun].sectors; lba += step)
-            if (!load.reachable(lun) || !load.read(lun, lba, step))
-                break;
+        if (disks[lun].wide())
+            load.read_all(lun);
 }
 
 void live(Workstation& station, Load& load, FaultSchedule& faults)

@@ -220,13 +220,12 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPROCESSOR_MODE
     scheduler().preemption_point();
 
     DispatcherLock lock;
-    const bool signalled = header->SignalState > 0;
-    if (!signalled && poll)
-        return STATUS_TIMEOUT;
-    if (signalled) {
+    if (header->SignalState > 0) {
         consume(*header);
         return STATUS_SUCCESS;
     }
+    if (poll)
+        return STATUS_TIMEOUT;
     const Ticks deadline = timeout ? deadline_of(timeout->QuadPart) : never;
     KWAIT_BLOCK& block = caller.wait_block;
     block.Thread = caller.object();

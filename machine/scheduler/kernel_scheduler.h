@@ -24,9 +24,8 @@ public:
     // scheduler outside run(), a context that must not wait. Never returns to a dropped thread.
     virtual Thread& context() = 0;
 
-    // A thread that queues work mostly goes on to do it itself, and one that lets go of a mutex takes it
-    // again before a sleeper is up. On the real scheduler, where waking another is dear, waiters of a
-    // semaphore, or of an event that the thread took, are therefore woken only when it waits itself, calls
+    // A thread that queues work mostly goes on to do it itself. On the real scheduler, where waking another
+    // is dear, waiters of a semaphore that it releases are therefore woken only when it waits itself, calls
     // wake_waiters(), or has gone on for a while.
     bool defers_wakes() const { return !interleaves_; }
 

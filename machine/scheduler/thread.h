@@ -41,9 +41,8 @@ struct Thread {
     KPRIORITY priority = 8;
     HeldLock held[held_locks_max];
     KWAIT_BLOCK wait_block{};
-    DISPATCHER_HEADER* released =
-        nullptr;                    // semaphore; its waiters are woken when this thread waits, or soon
-    std::uint64_t released_at = 0;  // in processor cycles
+    DISPATCHER_HEADER* released = nullptr;  // a semaphore whose waiters are woken when it waits, or soon
+    std::uint64_t released_at = 0;          // in processor cycles
     std::string name;
     std::jmp_buf end{};  // PsTerminateSystemThread leaves the thread through it
 };
