@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The reference of the network benchmarks: a client that exchanges the packets of a workload with the
 // block server and does nothing else, with no driver in between. All packets of a request are in flight
 // at once; a packet that stays unanswered ends the run with an error, for nothing is sent twice.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The RAM cache of LUN 0: its set-up, hits through SRBs, and where the time of a small hit goes. The server
 // names the size.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Local images: the synchronisation of LUN 0's image, transfers that the local disk serves, and look-ups in
 // the map of small and large disks. LUN 0 has an image area at its server, and LUN 1 none.
 //

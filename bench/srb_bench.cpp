@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Workloads through SRBs in the process, with a real block server behind UDP.
 //
 //     qrn-bench-srb BOOT-BLOCK SECONDS [DRIVER]

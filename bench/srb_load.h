@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Requests to LUN 0 of a booted workstation, straight into the port driver. For the benchmark programs; every
 // function runs as a kernel thread.
 #pragma once

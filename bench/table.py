@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Runs the benchmark programs and the references, and prints the table of ratios. See bench/run."""
 import argparse
 import contextlib

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the benchmark programs measure, and how they report it: one line of JSON each.
 #pragma once
 

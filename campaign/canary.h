@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Faults planted on purpose in the servers, which the campaign must find: proof that it can.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What must hold when faults have stopped, and what the servers must hold when the workstation is off.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "campaign/content.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What sectors hold: every group of 8 bytes names its own place, the write that it came with, and the start
 // of the workstation during which that was. A sector of zeros is generation 0.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the seeds of a campaign met: faults, messages of the driver, recoveries. A fixed list says what they
 // ought to meet, so that what never happens is seen.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "campaign/faults.h"
 
 #include <algorithm>

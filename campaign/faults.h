@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Brings the plan's faults about while a start runs, ends them when their time is over, and remembers them:
 // they say which requests may fail.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Clients that read and write the disks at random, each one request at a time, against the models.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "campaign/local_area.h"
 
 #include <sys/mman.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The local disk of boot mode 7, the server's image of LUN 0 that it is filled from, and the check of what
 // is on it by the image tool's own verifier.
 #pragma once

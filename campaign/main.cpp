@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qrn-campaign: hunts faults of the driver by simulation. See --help.
 #include <cstdio>
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Knows for each sector of a disk which contents a read may find. A write that failed, or was under way when
 // the workstation went, may have happened or not; one that succeeded ends all that was complete before it
 // began. Requests may overlap in place and in time; a read that overlaps a write of the same sector may find

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "campaign/options.h"
 
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Everything that a seed decides, drawn before anything runs. Each part comes from a stream of its own.
 #pragma once
 

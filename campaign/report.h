@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How a seed ends when something is wrong: whoever finds it says so, and the process of the seed ends.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "campaign/runner.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Runs seeds, each in a process of its own and several at a time, and tells how it went.
 #pragma once
 

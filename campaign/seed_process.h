@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One seed in a process of its own, which may fail, crash or hang without harm to others.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "campaign/seed_run.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // All of one seed, in a process of its own: prints what was drawn, runs the starts, and ends the process when
 // something is wrong.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The block servers of a seed. They outlive the workstation: after it was off, the next start finds them as
 // they are. A server that crashes loses what it knows, and at times its last writes too.
 #pragma once

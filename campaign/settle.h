@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Between two starts: what is left on the servers and on the local disk, and what the next start finds.
 #pragma once
 

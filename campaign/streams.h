@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Independent streams of random numbers of one seed: a draw for one purpose does not shift the others.
 #pragma once
 

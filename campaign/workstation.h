@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One start of the simulated workstation: machine, network and driver, as the plan wants them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "campaign/world.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a seed has beside the workstation, and what outlives each of its starts.
 #pragma once
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # How everything is compiled for the fuzz targets. The driver has no type information for the checks of virtual tables
 # and of function types.
 add_compile_options(-O1 -gline-tables-only -fno-omit-frame-pointer

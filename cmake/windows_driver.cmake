@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Builds qrndisk.sys beside the programs of this build, with the compiler of the Windows flavour in a
 # build tree of its own.
 include(ExternalProject)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The driver's sources, for the host build and for qrndisk.sys alike.
 set(QRN_DRIVER_SOURCES
     common/sector_flags.cpp

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The boot parameter block: what a network boot loader knows about the disks and their servers, and
 // the record in conventional memory by which it hands the block over.
 #pragma once

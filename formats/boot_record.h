@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The record in which a boot loader hands a boot parameter block over. For those in the place of a boot
 // loader; the driver only reads such records.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the driver counts of each disk's RAM cache. It exports an array of disk_count_max of these as
 // QRN_Cache_Stats, for debuggers and for programs that run the driver. Words change while they are read.
 #pragma once

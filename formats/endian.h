@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Integer fields of byte formats: fixed byte order, no alignment, no padding.
 //
 // A format's struct is made of these types and of byte arrays only, so it can be laid over received

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The image area: a partition of a local disk, or a server's file, that holds chunks of virtual disks;
 // and the partition table that says where on a local disk the areas are.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Left on a 16-byte boundary of conventional memory by code that boots a machine from its local disk: where
 // the partition sector of the disk that it boots lies. Searched like a BootRecord.
 #pragma once

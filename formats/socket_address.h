@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Server records as addresses of sockets, for the programs that have real ones.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Packets between a workstation and its block servers. One datagram carries one packet: the header,
 // then the data bytes, nothing else. Fields are big-endian but for Seq.
 #pragma once

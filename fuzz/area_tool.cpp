@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qrn-image on areas, and on disks with partitions, that anybody may have written.
 //
 // Input: a byte that says what the file is and what the commands are told, the changes of an area

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What firmware and boot loader left in memory: the searches for the boot record and for the image
 // descriptor, and a start with what they find.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Driver files for the loader: what is taken lies within its image, and what is rejected leaves no mapping.
 #include <sys/mman.h>
 #include <unistd.h>

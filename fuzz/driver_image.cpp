@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The driver's image store on areas that anybody may have written: opening, reading, writing, and the
 // synchronisation from one such area to another.
 //

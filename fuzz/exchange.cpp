@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A server that answers requests in flight with whatever it likes, and becomes honest in the end.
 //
 // Input: a byte with the disks' flags, then answers: a control byte that says whether the request is answered

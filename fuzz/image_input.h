@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Image areas for the fuzzer: a sound one, and what the input changes of it.
 //
 // Input: a byte with the number of changes, then 7 bytes for each: a control byte, a place of 2 bytes, a

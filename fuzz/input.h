@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What every target shares: the fuzzer's bytes taken piece by piece, and the end of a run that broke a rule.
 #pragma once
 

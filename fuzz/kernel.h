@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // For targets with the linked driver: a machine whose driver data is that of a load.
 #pragma once
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Writes the seeds of the corpora: well-formed inputs from which the fuzzer finds its way.
 
 usage: fuzz/make_corpus.py [DRIVER.sys...]    (driver files for the loader's corpus)

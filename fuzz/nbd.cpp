@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The byte stream of a client of the exports.
 //
 // Input: a byte by which the stream is cut into pieces, then the stream. It goes through handshake and

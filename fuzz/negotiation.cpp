@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Answers to the question for a RAM cache, and the disk that comes of them.
 //
 // Input: a byte with the workstation's memory and flags, packets that come in the place of the answer (a

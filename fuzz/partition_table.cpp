@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A local disk with any partition table: which image areas the driver makes of it, and that nothing outside
 // them is written.
 //

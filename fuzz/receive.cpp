@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Packets from the network against workers in every state, through the receive thread.
 //
 // Input: a byte with the number of workers, 8 bytes for the state of each, then packets: a control byte, a

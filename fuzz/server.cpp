@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Packets from anybody against the block server's protocol.
 //
 // Input: packets, each a control byte, a length of 2 bytes, the bytes. The control byte says whose disk id

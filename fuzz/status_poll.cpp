@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The server's status poll in every state that the reply reports.
 //
 // Input: a byte that says which caches and images there are, the poll's 240 bytes, the boot parameter block,

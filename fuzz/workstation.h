@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // For targets in which the linked driver is booted: a workstation with two disks on one server, in virtual
 // time.
 #pragma once

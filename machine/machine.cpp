@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/machine.h"
 
 #include "machine/disk/disk_device.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The machine: a PC in a process. It owns the scheduler, the executive's state, the SCSI port driver,
 // the transport and the physical memory, and loads one driver. Kernel routines are global functions,
 // so one machine exists at a time; constructing the next one after the last is destroyed starts

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Helpers of ./run, ./test and bench/run. Sourced, never run.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "server/assembly_table.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Writes of one disk of which some fragments have arrived and some have not. Used by the protocol on
 // its own thread. Bounded: when all places are taken, the write heard of longest ago loses its
 // fragments, and its workstation sends them again.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Where a disk's blocks are kept: a raw image file, a block device, or memory.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "server/boot_parameters.h"
 
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The boot parameter block that describes a server's disks, as a network boot loader hands it over.
 #pragma once
 

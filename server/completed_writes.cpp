@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "server/completed_writes.h"
 
 namespace server {

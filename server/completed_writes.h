@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Memory of the last writes completed on one disk, so that a packet that comes twice is answered
 // again and not written again: a late copy of an old write must never undo a newer one. Used by the
 // protocol on its own thread; fixed size, nothing is allocated after the first write.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Raw image files and block devices. Every read and write is one system call on the page cache; the
 // file is locked against a second server that would write to it.
 #include <fcntl.h>

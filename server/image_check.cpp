@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "server/image_check.h"
 
 #include <span>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Whether what is to be served as a disk's image area is one, and one of that disk.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qrn-server: the disks of a command line, served over UDP until a signal ends it.
 #include <signal.h>
 #include <time.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Packets checked and dispatched; shutdown, status poll and retry limit.
 #include "server/protocol.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The block server's protocol without I/O: a packet in, packets out, block stores beneath. It never
 // trusts a packet. Single-threaded; the UDP program and the simulated network drive it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Inside of the protocol: its disks, and the steps that its source files share.
 #pragma once
 

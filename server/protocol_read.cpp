@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reads of a disk and of its image area: data in fragments, zeros for holes, the cache negotiation.
 #include "server/protocol_parts.h"
 

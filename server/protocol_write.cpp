@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Writes: fragments in any order, acknowledgements, and each write applied exactly once.
 #include <bit>
 

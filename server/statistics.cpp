@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "server/statistics.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the server counts, as JSON for others to read while it runs, and as a summary at its end.
 #pragma once
 

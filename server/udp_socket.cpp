@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "server/udp_socket.h"
 
 #include <netinet/udp.h>

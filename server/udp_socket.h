@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The server's UDP socket. Packets come in batches, runs of equal size joined by the kernel; answers
 // are gathered and leave in one system call per batch, runs of equal size as one message that the
 // kernel cuts up. One thread.

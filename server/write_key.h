@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What identifies one write packet at the server: who sent it, the bytes by which its answers match,
 // and where it goes. Kept in three words, so that comparing and hashing cost nothing.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulation/block_server.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A block server in a simulated network: the server's protocol over disks in memory, which outlive its
 // crashes and the machine that uses them. Set up outside the simulation; packets come at DISPATCH_LEVEL.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "simulation/boot_block.h"
 
 #include <algorithm>

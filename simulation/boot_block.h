@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The disks of a simulated workstation, described once for both sides: for the boot parameter block that the
 // driver finds, and for the servers that the block names.
 #pragma once

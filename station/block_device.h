@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What an export stands on: a disk that takes transfers through queues. The station's disks are LUNs
 // of the machine; tests put a memory disk here.
 #pragma once

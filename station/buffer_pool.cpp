@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/buffer_pool.h"
 
 #include <new>

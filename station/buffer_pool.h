@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Buffers of one connection's requests, within a fixed amount of memory: a client that wants more in
 // flight is simply not read from until something is done. Sizes are powers of two, so that a
 // connection in its stride takes every buffer from a free list. Used by the connection's thread alone.

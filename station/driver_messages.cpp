@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/driver_messages.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Follows what the driver says about its disks: time-outs, and the server in use. The driver keeps
 // these numbers to itself but for a server's poll; its debug messages tell them just as well, and that
 // of a loaded driver file too.

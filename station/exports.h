@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exports as clients see them. Filled after each bus scan, read by every connection's thread.
 #pragma once
 

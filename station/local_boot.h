@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What local boot code does before the driver: it finds the images on the local disk and the first sector of
 // the disk that the machine boots, and says in the boot parameter block that it booted from there. Used by
 // the main thread before the machine runs.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/local_datagrams.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Packets that the station itself exchanges, beside the driver: with a disk's servers before the driver is
 // there, and with the driver to ask for its status. Sockets of their own; the callers wait.
 #pragma once

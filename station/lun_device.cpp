@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/lun_device.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A LUN of the machine as a block device: transfers of any length become SRBs of at most the
 // adapter's largest transfer, several of them in flight at once.
 #pragma once

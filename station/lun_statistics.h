@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What one LUN has done, counted by its queues in any thread and by the driver's messages, shown by
 // the status view and the statistics file.
 #pragma once

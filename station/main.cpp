@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qrn-station: a workstation in a process. See --help.
 #include <cstdio>
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/message_log.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The file that receives every debug message of the driver: one line each, with the time of day.
 // write() is called by any thread of the driver, at up to DISPATCH_LEVEL.
 #pragma once

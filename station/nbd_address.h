@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Where clients reach the station: a Unix socket or a TCP address. Parsed from the command line.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One client. run() serves it in the calling thread: handshake, then requests until the client leaves,
 // breaks the protocol, or stop() is called. Requests are read and started there; replies leave from
 // the threads in which the transfers end. What a client can hold is bounded (memory, requests in

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The network block device protocol's bytes: fixed newstyle handshake and simple replies, as public
 // clients speak it. All integers are big-endian.
 #pragma once

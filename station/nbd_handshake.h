@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The server's half of the handshake, without I/O: bytes of the client in, bytes for it out. One per
 // connection, used by that connection's thread alone. It never trusts a byte: every length is bounded,
 // and whatever breaks the protocol ends the dialogue.

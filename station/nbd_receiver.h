@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The client's byte stream after the handshake, cut into requests and payloads, without I/O. Used by
 // one connection's thread: it fills the spaces with what the socket has, then takes event after event.
 // Payloads go straight to where the request's owner wants them; at most a few headers' worth of bytes

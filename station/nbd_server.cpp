@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/nbd_server.h"
 
 #include <netinet/in.h>

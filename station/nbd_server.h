@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Listens for clients and runs each in a thread of its own. Used by the station's main thread.
 #pragma once
 

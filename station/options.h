@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The command line of qrn-station.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/reply_sender.h"
 
 #include <sys/eventfd.h>

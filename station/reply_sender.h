@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Sends the replies of one connection, straight from the threads in which its transfers end, so that a
 // reply costs no change of threads. One thread at a time sends what all have queued, many replies in
 // one system call; it never waits: when the socket is full it leaves the rest to the connection's

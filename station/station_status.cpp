@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/station_status.h"
 
 #include <array>

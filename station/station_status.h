@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A moment's figures of the whole station, and their two forms: a table for people and JSON for
 // programs. No I/O.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/status_output.h"
 
 #include <fcntl.h>

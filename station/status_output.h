@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Puts the station's figures where they were asked for: a live table on the terminal (a line a second
 // when the output is none), and the statistics file. Used by the main thread.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/stop_signal.h"
 
 #include <csignal>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/synchronisation.h"
 
 #include <algorithm>

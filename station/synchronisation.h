@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How far the driver has come with filling the system image from the server: from its messages, which tell
 // begin and end, from the end of the thread that does it, and from answers to status polls in between. Any
 // thread; messages come at up to DISPATCH_LEVEL.

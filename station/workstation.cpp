@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/workstation.h"
 
 #include <algorithm>

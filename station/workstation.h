@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The workstation: a machine on the real scheduler with UDP beneath, the driver booted in it, and its
 // LUNs exported. Made and run once, by main; what it started stands until the process ends.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A program as others run it, for tests: its arguments, what it prints, its files and how it ends. It runs
 // in a directory of its own, one at a time.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A directory of the test's own, gone with it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tools/area_file.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The sectors of an image area, read-only and never past its end.
 #pragma once
 

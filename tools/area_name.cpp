@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tools/area_name.h"
 
 #include <unistd.h>

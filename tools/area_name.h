@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How an image area is named on the command line, and where it lies.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tools/area_writer.h"
 
 #define FMT_HEADER_ONLY

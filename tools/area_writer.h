@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Lays out a new image area: blocks one behind the other in the order in which a workstation that writes
 // the disk from its start to its end would hand them out.
 #pragma once

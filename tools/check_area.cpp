@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The verifier's findings, for people and for scripts.
 #define FMT_HEADER_ONLY
 #include <fmt/format.h>

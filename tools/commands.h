@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What qrn-image can do. Each prints to the file and returns the exit status; all throw ToolError.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // An image area of a raw disk, as a server hands it out to workstations.
 #include <algorithm>
 #include <memory>

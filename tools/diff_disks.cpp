@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Where two disks differ, whether they are raw or in image areas. Absent sectors count as zeros.
 #include <algorithm>
 #include <memory>

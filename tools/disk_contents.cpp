@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tools/disk_contents.h"
 
 #include <algorithm>

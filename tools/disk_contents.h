@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a disk holds, chunk by chunk, whether it comes from a raw file or from an image area.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How a command ends early. Messages are one line for the person who typed the command.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A raw disk of what an image area holds.
 #include <algorithm>
 #include <memory>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A file or block device that is only looked at.
 #pragma once
 

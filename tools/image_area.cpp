@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tools/image_area.h"
 
 #include <bit>

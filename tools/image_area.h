@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // An image area that is good enough to read from.
 #pragma once
 

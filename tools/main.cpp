@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qrn-image: makes, looks at and checks image areas.
 #include <cstdio>
 #include <exception>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A local disk: a partition table, and partitions for the images.
 #define FMT_HEADER_ONLY
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tools/map_walk.h"
 
 #include <algorithm>

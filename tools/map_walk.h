@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A walk over the map of an image area: every chunk once, in the order of the keys.
 //
 // Nothing in the area is trusted: a block is entered only when it lies where blocks can lie and no other

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The file a command makes: complete under its name when the command ends well, or not there at all.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A picture of how much of a disk is present.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How far a long command has come, on standard error when that is a terminal.
 #pragma once
 

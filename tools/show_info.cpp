@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The header of an image area, in words.
 #define FMT_HEADER_ONLY
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What an image area holds, per LUN: in numbers, as runs of chunks, and as a picture.
 #include <algorithm>
 #include <map>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tools/verifier.h"
 
 #include <algorithm>

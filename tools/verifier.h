@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Holds an image area against everything its format promises.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Times as image headers have them: 100 ns units since 1601, in local time.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which block holds which chunk of a disk: the region table and the region entries behind it.
 #include "driver/cache/cache_layer.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/cache/cache_layer.h"
 
 #include "driver/cache/cache_stats.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The RAM cache of one disk. Writes stay in the cache; a written block goes to the server only when a later
 // write needs its room, and nothing is written back at shutdown. Reads take what is present and fetch every
 // run of absent sectors in one request, which is then kept where there is a block that never held data or

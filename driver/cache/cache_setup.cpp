@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/cache/cache_setup.h"
 
 #include "driver/cache/cache_stats.h"

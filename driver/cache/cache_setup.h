@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Brings RAM caches into being: the registry of memory objects and the cache layer of each disk. Worker
 // threads at PASSIVE_LEVEL, inside the negotiation of a disk; set-ups of different disks run one after the
 // other.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/cache/cache_stats.h"
 
 formats::CacheStats QRN_Cache_Stats[formats::disk_count_max];

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Counts what the RAM caches do. Any thread, at IRQL up to DISPATCH_LEVEL.
 #pragma once
 

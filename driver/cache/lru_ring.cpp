@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/cache/lru_ring.h"
 
 void LRU_Unlink(LRU_Node* pNode)

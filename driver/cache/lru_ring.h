@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Rings of things that are used again when nobody holds them: the mapping windows of a page pool, the
 // data blocks of a memory object. The owner's lock guards a ring.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/cache/memory_object.h"
 
 #include "driver/common/delay.h"

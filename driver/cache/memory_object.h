@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A store of 64 KB data blocks in a page pool, with what is needed to find them: a ring of the blocks in
 // two parts, cold (about 80 %) and hot, a record per block, and entries that list the blocks of an 8 MB
 // region of a disk. Records and entries lie in the pool's own pages; only the ring is in non-paged pool.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/cache/page_pool.h"
 
 #include "driver/common/bytes.h"

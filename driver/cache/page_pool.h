@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The physical memory of one RAM cache, in large chunks that are seen through at most eight windows
 // ("views") of each kind: chunks of pages that the system gave us, and behind them chunks of memory above
 // 4 GB that it does not manage. Worker threads, PASSIVE_LEVEL; Pool_Lock guards all but the fields that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/cache/server_object.h"
 
 #include "driver/engine/route.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The block object that is a disk's server: what a cache layer falls back to, and what owns the blocks that
 // the disk fills. It has no state beyond the disk's number; Ctx is the worker block of the calling worker,
 // whose packets carry the transfer. Any number of workers at once, PASSIVE_LEVEL, holding no lock.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Small helpers on plain memory. Any IRQL.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The number that names one 64 KB chunk of one disk, and the measures that go with it.
 #pragma once
 

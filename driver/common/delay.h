@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Waiting for time to pass. PASSIVE_LEVEL only.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Scope guards for the driver's locks.
 //
 // Lock order: no two of the driver's spin locks are ever held together. They are, with the room they

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Objects in the driver's non-paged pool. PASSIVE_LEVEL.
 #pragma once
 

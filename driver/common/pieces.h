@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Cuts a run of sectors into pieces of one 64 KB chunk each, for block objects that keep data in chunks.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tags of the driver's non-paged pool blocks.
 #pragma once
 

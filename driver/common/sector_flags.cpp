@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/common/sector_flags.h"
 
 #include "driver/common/bytes.h"

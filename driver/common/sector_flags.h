@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Bit strings with one flag per 512-byte sector: flag i is bit i mod 8 of byte i / 8. Lengths are given
 // and returned in bytes of the sectors; what is below a whole sector is not covered. The caller holds
 // whatever lock guards the flags.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The interface of every backend to which the workers route a piece of a transfer.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/engine/chunk.h"
 
 #include "driver/common/locks.h"

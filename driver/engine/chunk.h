@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One chunk of a request: its choice under Active_Lock, its run, its end. Worker threads,
 // PASSIVE_LEVEL.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/engine/image_route.h"
 
 #include "driver/common/bytes.h"

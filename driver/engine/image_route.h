@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The local image step of routing, in boot mode 7 only, from the first piece on that a worker routes: the
 // local disk is opened, and each disk's image made, when they are first needed. Worker threads,
 // PASSIVE_LEVEL.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/engine/local_cache.h"
 
 #include "driver/cache/cache_setup.h"

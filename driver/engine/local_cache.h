@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Whether a disk has a RAM cache here, which its server is asked once.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/engine/queues.h"
 
 #include "driver/miniport/request.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The worker blocks, and the queues between SRB execution and the workers.
 //
 //   Pending_Queue  records queued and not yet admitted; guarded by Pending_Lock

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/engine/route.h"
 
 #include "driver/engine/image_route.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The fixed order of backends for one piece of a chunk. Worker threads, PASSIVE_LEVEL.
 #pragma once
 

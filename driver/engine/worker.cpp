@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/engine/worker.h"
 
 #include "driver/common/pool.h"

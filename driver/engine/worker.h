@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The worker threads: they admit request records, pick chunks and run them.
 #pragma once
 

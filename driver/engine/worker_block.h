@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A worker's block: its packet in flight and its bounce area.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/image/file_io.h"
 
 #include "driver/common/bytes.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Disks and volumes of the workstation: opened by their DOS device names, and read and written in runs of
 // 512-byte sectors. System threads at PASSIVE_LEVEL; every call lasts until the device has finished. Calls
 // share nothing, so several threads may use one device at once.

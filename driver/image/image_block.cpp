@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/image/image_block.h"
 
 #include "driver/common/bytes.h"

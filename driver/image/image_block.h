@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The image block object: one LUN's disk in an image area. Tells exactly what is present and what is missing
 // at the start of a run. Workers and the synchronisation at PASSIVE_LEVEL; Map_Lock is held for a lookup, not
 // for the transfer of data.

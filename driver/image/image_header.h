@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The image store object: one image area with its header, its root table and its allocator. Threads at
 // PASSIVE_LEVEL. Hdr_Lock guards Used and Map_Secs of the header, what is to be written of it, and the root
 // table, once the object is shared; Create, QRNH_Header_New, QRNH_Header_Modify, QRNH_Header_Offset and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/image/image_map.h"
 
 using formats::Entry_64K;

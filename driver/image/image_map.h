@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The map of one LUN in an image area: from a chunk key to the chunk's entry, through a cache of two map
 // blocks per level. All of it is guarded by the Map_Lock of the image block object that owns it; threads at
 // PASSIVE_LEVEL, since a lookup may read and write the disk.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/image/image_setup.h"
 
 #include "driver/common/objects.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Brings the image objects into being from the local disk's partition table. A worker at PASSIVE_LEVEL that
 // holds Img_Lock; the objects live as long as the system.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/image/image_sync.h"
 
 #include "driver/common/chunk_key.h"

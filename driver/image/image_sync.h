@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The synchronisation: fills the system image from the server's copy of it, in the background, chunk by
 // chunk, and goes on where an earlier start stopped. At most one run per start, in a thread of its own at
 // PASSIVE_LEVEL; the server's image is read by the workers, so it holds no lock of theirs while it reads.

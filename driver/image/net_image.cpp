@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/image/net_image.h"
 
 #include "driver/engine/queues.h"

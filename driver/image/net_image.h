@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The server's copy of the system image: an image area that is read through the workers and never written.
 // Used by the synchronisation thread alone, PASSIVE_LEVEL, holding no lock that a worker takes.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/miniport/adapter.h"
 
 #include "driver/miniport/request.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Registration with the SCSI port driver and the adapter-level callbacks.
 #pragma once
 

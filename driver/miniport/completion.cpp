@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/miniport/completion.h"
 
 #include "driver/common/delay.h"

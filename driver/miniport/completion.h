@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The completion path: carries the end of a request from a worker (PASSIVE_LEVEL) into the miniport's
 // own context, where alone the port driver may be notified. One IRP and one SRB of the adapter serve
 // all notices in turn.

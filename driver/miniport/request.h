@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The request record, the unit of work from SRB execution to the workers. For an SRB it is the SRB's
 // own extension, so queueing allocates nothing; internal records of the same layout, without an SRB,
 // are embedded in the objects that queue them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/miniport/scsi_commands.h"
 
 #include "driver/common/bytes.h"

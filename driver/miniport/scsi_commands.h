@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Sense data, and the SCSI commands that are answered at once from the disk table. Called by HwStartIo
 // in the port driver's context (DISPATCH_LEVEL, one call at a time).
 #pragma once

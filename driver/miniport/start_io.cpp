@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/miniport/start_io.h"
 
 #include "driver/common/bytes.h"

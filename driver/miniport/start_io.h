@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The port driver's entry for every SRB. Called at DISPATCH_LEVEL, one call at a time per adapter.
 #pragma once
 

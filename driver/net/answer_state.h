@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Ack_State of a worker: what the last answer was, and how many there have been.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A run of bytes over the network: packets one after another, each sent and waited for, with time-outs,
 // resends, failover and mirroring. Worker threads, PASSIVE_LEVEL, holding no lock.
 #pragma once

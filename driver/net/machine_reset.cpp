@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/net/machine_reset.h"
 
 namespace {

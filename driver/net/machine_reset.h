@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The forced reset of a machine whose system disk is gone during shutdown.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/net/packet.h"
 
 #include "driver/common/bytes.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Packets of a worker: set-up for a disk and direction, the tag of a transfer, and sending. All work in
 // the worker's own entry, in its thread.
 #pragma once

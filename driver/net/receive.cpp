@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/net/receive.h"
 
 #include "driver/common/bytes.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/net/servers.h"
 
 #include "driver/common/locks.h"

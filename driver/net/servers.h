@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The server address records of the disks. Several workers send while another moves the disk to its
 // slave server: a record is copied and changed under Server_Lock, and every send works on a copy.
 #pragma once

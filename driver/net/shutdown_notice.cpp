@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/net/shutdown_notice.h"
 
 #include "driver/common/bytes.h"

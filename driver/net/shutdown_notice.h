@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The notice to a disk's servers that the workstation goes down.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/net/status_poll.h"
 
 #include "driver/image/image_setup.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The answer to a server's status poll: a snapshot of the driver's state. Receive thread; takes no lock
 // but for the send, so the snapshot is not atomic.
 #pragma once

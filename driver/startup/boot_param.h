@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the driver knows of its disks and servers, and the entry points of the transport. Filled by the
 // loading thread before any other thread of the driver runs (boot_record, handshake, driver_entry).
 //

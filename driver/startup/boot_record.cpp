@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/startup/boot_record.h"
 
 #include "driver/common/bytes.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The boot record that a network boot loader leaves in conventional memory.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/startup/disk_table.h"
 
 Lun_Counters Lun_Stats[formats::disk_count_max];

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The disk table beside Boot_Param's disk records: counters and cache record of each disk.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Start-up, in the loading thread at PASSIVE_LEVEL. The order is fixed: later steps rely on what
 // earlier ones left in Boot_Param.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The driver object, kept from DriverEntry on.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/startup/handshake.h"
 
 static NTSTATUS Send_Control(PDEVICE_OBJECT pDevice, ULONG Control_Code, PVOID pOutput, ULONG Output_Bytes)

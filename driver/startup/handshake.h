@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The handshake with the transport driver. Loading thread, PASSIVE_LEVEL.
 #pragma once
 

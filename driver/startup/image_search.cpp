@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/startup/image_search.h"
 
 #include "driver/common/bytes.h"

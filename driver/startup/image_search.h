@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The search of conventional memory for the descriptor of a local disk image, left there by local boot
 // code. Loading thread, PASSIVE_LEVEL.
 #pragma once

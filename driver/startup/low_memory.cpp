@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/startup/low_memory.h"
 
 Low_Memory::Low_Memory()

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Conventional memory, as firmware and boot loader left it. Loading thread, PASSIVE_LEVEL.
 #pragma once
 

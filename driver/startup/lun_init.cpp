@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/startup/lun_init.h"
 
 #include "driver/cache/cache_setup.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The last step before the miniport is registered: settings, disk table, queues and threads.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/startup/memory_probe.h"
 
 #include "driver/common/locks.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How much physical memory there is, and how much of it lies above 4 GB where a 32-bit system does not
 // use it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "driver/startup/settings.h"
 
 #include "driver/common/pool.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tuning values from the driver's service key, and the registry helpers. Loading thread,
 // PASSIVE_LEVEL; Reg_* by any thread at PASSIVE_LEVEL.
 #pragma once

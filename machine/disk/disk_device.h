@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A local disk in a machine: the device \Device\Harddisk<n>\DR<n>, which PhysicalDrive<n> names, and a filter
 // above it. Reads and writes come at PASSIVE_LEVEL with their buffer in an MDL; they are complete at once, or
 // pending until a timer (simulated) or a worker thread (real) completes them.

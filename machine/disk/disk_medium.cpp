@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/disk/disk_medium.h"
 
 #include <fcntl.h>

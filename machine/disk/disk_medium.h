@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a local disk's bytes lie on: a host file, in front of it the disk's volatile write cache. A write in
 // the cache is read back like any other; it reaches the file when its time has come, and a power cut loses
 // or tears it.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a local disk and its device in a machine share. Threads of a machine that is off may still hold it.
 #pragma once
 

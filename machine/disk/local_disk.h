@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The machine's local hard disk. It belongs to whoever tests or runs the machine and outlives it: after a
 // power cut or a reset the next machine starts on what is left.
 //

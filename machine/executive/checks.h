@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The rules that kernel routines check on entry.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel's clocks above the scheduler's.
 #pragma once
 

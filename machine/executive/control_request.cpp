@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Device-control requests that the executive builds, and the end of every request that it built.
 #include <nt.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/executive/debug_format.h"
 
 #include <nt.h>

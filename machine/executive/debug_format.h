@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The format of DbgPrint.
 #pragma once
 

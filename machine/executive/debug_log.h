@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the driver prints with DbgPrint. Written by any thread at any IRQL, read by tests and tools.
 #pragma once
 

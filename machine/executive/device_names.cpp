@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/executive/device_names.h"
 
 #include "machine/executive/wide_text.h"

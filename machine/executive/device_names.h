@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The object name space: devices and symbolic links, by full path, without regard to case.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Device objects, symbolic links, and opening a device by name.
 #include <nt.h>
 

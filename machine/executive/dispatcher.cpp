@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Events, semaphores and waits. The signal state of every object is the one in its dispatcher header;
 // a waiting thread is in the object's wait list with the wait block of its Thread.
 #include <nt.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/executive/driver_object.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The driver object of a loaded driver, with the names and the registry path that its entry gets.
 #pragma once
 

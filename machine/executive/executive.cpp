@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/executive/executive.h"
 
 #include <chrono>

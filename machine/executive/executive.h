@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The executive's state: what the kernel routines of one machine share. The Machine owns it; the
 // routines, which are global functions, find it through executive().
 #pragma once

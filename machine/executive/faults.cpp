@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/executive/faults.h"
 
 #include <charconv>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Failures on demand: by count, by name, or by seed. The kernel routines ask hit() where the real one
 // could fail, and then fail the way the real one does.
 #pragma once

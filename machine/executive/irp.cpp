@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // I/O request packets: allocation, the way down through drivers and the way back up through their
 // completion routines.
 #include <nt.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // IRPs that the executive itself makes and finishes.
 #pragma once
 

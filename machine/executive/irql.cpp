@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Interrupt request levels. Each thread has its own: the machine has as many processors as threads.
 #include <nt.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The order in which spin locks are taken while others are held, over the whole run. An order that is
 // seen both ways round, directly or over other locks, is a deadlock waiting for its schedule.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Page lists (MDLs) as drivers see them. Only lists of MmAllocatePagesForMdl exist in this machine.
 #include <nt.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Physical memory as drivers see it.
 #include <nt.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/executive/objects.h"
 
 #include "machine/executive/checks.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reference counts and handles of kernel objects: threads, device and file objects, registry keys.
 #pragma once
 

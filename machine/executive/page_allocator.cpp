@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/executive/page_allocator.h"
 
 #include <algorithm>

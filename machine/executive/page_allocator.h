@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which pages of the managed memory are free. Kept as runs of neighbouring pages, so that memory of
 // any size costs a few entries. Pure bookkeeping without a lock: PhysicalMemory calls it under its own.
 #pragma once

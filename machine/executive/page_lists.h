@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The page lists (MDLs) that drivers got from MmAllocatePagesForMdl and whose pages they have not yet
 // given back. Any thread may call.
 #pragma once

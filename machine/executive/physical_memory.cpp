@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/executive/physical_memory.h"
 
 #include <fcntl.h>

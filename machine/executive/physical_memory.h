@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Physical memory as one sparse memory file. Conventional memory below 640 KB, the managed ranges and
 // memory above 4 GB are offsets in it; a mapping is a real mmap of it. Any thread may call; misuse is a
 // violation.

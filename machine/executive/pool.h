@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tagged pool with guards. Every block has guard bytes on both sides, is filled with a pattern when it
 // is allocated and again when it is freed, and waits in a quarantine before its memory is used again.
 // All functions may be called by any thread; misuse is a violation.

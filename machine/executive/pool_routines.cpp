@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include <nt.h>
 
 #include "machine/executive/checks.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Port I/O: the real-time clock, the ports that reset a PC, the screen's sequencer. Every access is
 // recorded in order.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The registry: keys by full path, values by name, both without regard to case. Filled by tests and
 // the station before boot, read by the driver through ZwOpenKey and ZwQueryValueKey.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The registry as drivers read it.
 #include <nt.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Spin locks, for the routines that drivers call and for the executive's own lists.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What stops the machine: bug checks, and a reset through the ports.
 #include <nt.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Runtime routines on strings and memory.
 #include <nt.h>
 

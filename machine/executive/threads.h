@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // System threads, for other parts of the executive.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reads, writes and flushes that the executive builds for synchronous requesters: the requester's buffer goes
 // down as a list of its pages, without a copy.
 #include <nt.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/executive/unanswered_memory.h"
 
 #include <signal.h>

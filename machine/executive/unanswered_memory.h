@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Physical addresses that can be mapped but where nothing answers: reads give ones and writes are
 // lost, as on an empty bus. Every access faults; the handler lets the one instruction run on a page
 // that is thrown away after it. Slow, exact, and for a driver's probes only.

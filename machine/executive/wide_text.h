@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel's counted wide strings and this side's string types.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel's interface on Linux: the same DDK headers that the Windows build sees, in a 32-bit
 // Linux program, side by side with the C and C++ libraries. Every kernel routine declared here is
 // implemented under machine/.

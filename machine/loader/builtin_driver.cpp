@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The driver that is linked into the program. All its data lies between two symbols of the linker
 // script beside this file, so that a load can put it back into the state in which the program began.
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A driver to boot: the one linked into this program, or a .sys file. Loading gives a fresh driver
 // with its initial data, however often it was loaded before in this process.
 #pragma once

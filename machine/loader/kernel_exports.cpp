@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/loader/kernel_exports.h"
 
 #include <strings.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel routines and variables that a driver file may import, by the module that exports them on
 // Windows. Nothing else of this program can be bound to.
 #pragma once

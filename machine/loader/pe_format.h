@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The parts of a Portable Executable file that a 32-bit driver consists of.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/loader/pe_image.h"
 
 #include <algorithm>

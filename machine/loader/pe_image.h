@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A driver file taken apart and checked: everything that loading needs, and nothing that could lead
 // it outside the image. Pure: no kernel, no mapping. Whatever is wrong with the file throws
 // std::runtime_error with one line that says what.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One fiber: a stack of its own and the switch between two of them, on one host thread. Used by the
 // simulated scheduler only.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/scheduler/futex.h"
 
 #include <linux/futex.h>

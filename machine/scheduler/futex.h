@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The host's futex calls and a lock built on them, for the real scheduler.
 #pragma once
 

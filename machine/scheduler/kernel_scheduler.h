@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the executive needs of a scheduler beyond the public interface, and the way to the calling
 // thread, which every kernel routine takes first.
 #pragma once

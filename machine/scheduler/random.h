@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The machine's random numbers: small, fast and the same on every host. One generator per purpose, so
 // that a draw of one does not shift the others.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What owns a real scheduler: destroying it switches the machine off and leaves the scheduler itself to
 // the threads that are parked in it.
 #include <vector>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/scheduler/real_scheduler.h"
 
 #include <pthread.h>

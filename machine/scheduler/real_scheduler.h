@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The real scheduler: kernel threads are host threads, in parallel on the wall clock. The dispatcher
 // lock is one short lock; a thread sleeps on a futex of its own and is woken after that lock was
 // released.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Threads and time of the machine. Two implementations stand behind this interface:
 //
 //   real       kernel threads are host threads and run in parallel on the wall clock;

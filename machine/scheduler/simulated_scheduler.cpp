@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/scheduler/simulated_scheduler.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The simulated scheduler: kernel threads are fibers of the host thread that calls run(), one runs at a
 // time, and the next one is drawn from the seed at every preemption point. It simulates many
 // processors: another thread may run although this one holds a spin lock or runs a timer callback.

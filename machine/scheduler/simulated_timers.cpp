@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Timer callbacks of the simulated scheduler. One fiber serves them in order of time, and in the order
 // of their setting at equal times; which due callback runs before or after which thread is drawn.
 #include <utility>

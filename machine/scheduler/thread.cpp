@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/scheduler/thread.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the scheduler and the executive keep of one kernel thread. The executive's fields are touched by
 // the thread itself only, except the dispatcher header, which the dispatcher lock guards.
 #pragma once

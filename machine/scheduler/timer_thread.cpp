@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/scheduler/timer_thread.h"
 
 #include <chrono>

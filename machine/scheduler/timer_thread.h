@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Timer callbacks of the real scheduler: one host thread that runs them in order of time.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/scsiport/adapter.h"
 
 #include "machine/machine.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The adapter and its miniport: start, the road of an SRB down and back, timers, resets.
 //
 // One thread at a time pumps: it finds the adapter without a pump, makes itself the pump, and makes all

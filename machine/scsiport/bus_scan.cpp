@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/scsiport/bus_scan.h"
 
 #include "formats/endian.h"

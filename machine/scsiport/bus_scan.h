@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Finds the LUNs of the bus: at boot, and again in a system thread after the adapter reports a change.
 #pragma once
 

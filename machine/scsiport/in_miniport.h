@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A call into the miniport: from here to the end of the scope its notifications are in order.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What stands behind ScsiPort: the adapter, the bus scan, and the class driver's state.
 #pragma once
 

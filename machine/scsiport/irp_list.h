@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A first-in first-out list of IRPs, linked through the entry that an IRP's present owner may use. No
 // lock of its own.
 #pragma once

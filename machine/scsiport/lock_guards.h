@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A kernel spin lock held, or let go, for a scope.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the miniport tells the port driver.
 #include <cstdarg>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // From ScsiPortInitialize to a started adapter.
 #include "machine/machine.h"
 #include "machine/scsiport/adapter.h"

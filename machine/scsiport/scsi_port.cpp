@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/scsiport/scsi_port.h"
 
 #include <algorithm>

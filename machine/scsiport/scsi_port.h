@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The SCSI port driver and the disk class above it, in one: it registers the miniport, finds and
 // starts its adapter, scans the bus, and carries SRBs from clients to the miniport and back.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The class driver's half of one request: from ScsiRequest to the IRP and back.
 #include <atomic>
 #include <cstring>

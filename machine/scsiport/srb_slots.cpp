@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/scsiport/srb_slots.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the port driver keeps for each SRB in the miniport's hands: the SRB extension and the record of
 // its flight. All of them are made when the adapter starts; a request allocates nothing.
 //

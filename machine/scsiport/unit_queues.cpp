@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/scsiport/unit_queues.h"
 
 #include <numeric>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The queues of SRBs that wait for the miniport, one for each logical unit, and which of them goes down
 // next: SRBs that bypass frozen queues first, in order of arrival; then one SRB of each unit in turn.
 //

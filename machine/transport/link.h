@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What carries packets below the transport device: real UDP sockets, or a simulated network.
 #pragma once
 

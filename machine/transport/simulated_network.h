@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A network in virtual time: seeded delay, loss, duplication, reordering, corruption and partitions
 // between one workstation and any number of servers. Runs on the simulated scheduler.
 #pragma once

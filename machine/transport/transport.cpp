@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/transport/transport.h"
 
 #include <atomic>

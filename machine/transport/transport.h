@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The companion transport driver \Device\QRNNDIS: a device with two control requests, three entry
 // points for the driver, and its own boot parameter block.
 #pragma once

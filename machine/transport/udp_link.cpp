@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/transport/udp_link.h"
 
 #include <nt.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Real UDP sockets. Packets of one thread are gathered and leave in one system call (segmentation
 // offload) when the thread blocks or the batch is full; received packets come in batches and are
 // handed out one at a time.

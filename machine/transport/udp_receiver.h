@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The receiving half of the UDP link. Takes many datagrams in one system call, each buffer possibly
 // a whole series of packets that the kernel has joined (receive offload), and hands the packets out
 // one at a time where they lie in the buffer. A buffer is used again when all its packets are back.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The sending half of the UDP link. Every thread gathers its packets in a run of its own: packets of
 // equal size to one address, which leave in one system call. A run leaves when it is full, when a
 // packet does not continue it, with a packet that has no data (a request: its sender waits for the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A UDP socket bound to an ephemeral port of one local address, with the largest buffers the system
 // grants: a burst of answers waits there while the receiving thread is busy.
 #pragma once

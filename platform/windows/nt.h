@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The kernel's interface on Windows: the DDK headers.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the campaign's model lets pass, and what it must not.
 #include <gtest/gtest.h>
 

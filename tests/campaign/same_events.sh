@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # A seed is the same run every time, with the linked driver and with qrndisk.sys.
 # usage: same_events.sh QRN-CAMPAIGN QRNDISK.SYS
 set -eu

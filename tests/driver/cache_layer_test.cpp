@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The RAM cache of disks over servers that are plain memory: first single steps, then many workers at
 // random, at tiny and at real size, with every sector's content known and the index checked at the end.
 #include "driver/cache/cache_layer.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a disk image leaves in the driver's tables.
 #include <cstring>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A machine with the driver's data as a load leaves it, for tests of single pieces of the linked driver.
 #pragma once
 

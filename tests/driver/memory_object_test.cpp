@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The store of data blocks: its geometry, its two-part ring, its records and entries.
 #include "driver/cache/memory_object.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How much physical memory there is, below and above 4 GB.
 #include "driver/startup/memory_probe.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A cache's physical memory: how it is laid out in chunks, and the few windows through which it is seen.
 #include "driver/cache/page_pool.h"
 

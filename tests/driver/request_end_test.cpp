@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How internal records end and how the image synchronisation is stopped.
 #include "driver/image/image_sync.h"
 #include "driver/miniport/completion.h"

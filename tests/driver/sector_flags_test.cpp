@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Runs of sector flags against a bit-by-bit model, and the names of chunks.
 #include "driver/common/sector_flags.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Tuning values of the service key.
 #include "driver/startup/settings.h"
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """A disk that the workstation caches in its memory."""
 import unittest
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Looks at the finished qrndisk.sys as a kernel's loader would.
 
     check_driver_file.py FILE.sys

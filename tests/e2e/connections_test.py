@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Many clients at once, some of them hostile; and the end of the programs."""
 import random
 import signal

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Whole disks through the driver, in both directions and with both ways of handing the disks over."""
 import unittest
 

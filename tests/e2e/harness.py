@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Real programs on loopback: block servers, a workstation, and NBD clients that others wrote.
 
 Every test boots its own, in a directory of its own. From the environment: QRN_BIN, where the programs

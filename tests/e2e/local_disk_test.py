@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """A workstation that boots from its local disk, where the driver keeps a copy of LUN 0."""
 import random
 import unittest

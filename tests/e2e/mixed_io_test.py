@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Requests of odd sizes, many of them in flight, by clients that check what they read."""
 import unittest
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Servers that go away: for a while, and for good."""
 import time
 import unittest

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Opening an image area: which headers are believed, what is made new, and what is allocated.
 #include "tests/image/memory_area.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Apart from the tests, since an object of the driver's own kind has no run-time type.
 #include "tests/image/memory_area.h"
 

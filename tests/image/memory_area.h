@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // An image area in memory: with a volatile write cache, requests that fail, and a look at what the disk would
 // hold if the power failed now. Also what sectors hold, and a check of an area by other means than the
 // driver's.

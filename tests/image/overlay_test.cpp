@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The image block objects of several LUNs over one temporary image: single rules, then writers and readers at
 // random over a disk that fails, with the newest content of every sector known.
 #include <array>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The image step of routing over a local disk: where each disk's data comes from and goes to, with the server
 // played by the test. Versions name contents; what the server had from the start is `served`, what the system
 // image holds of it is `copied`, so that a source that should not have answered is seen.

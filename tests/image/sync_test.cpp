@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The synchronisation over areas in memory: what it prints and leaves, and then, at random, servers that
 // change, disks and networks that fail, stop requests, readers beside it, and a look at the disk at every
 // write as a cut of power would leave it.

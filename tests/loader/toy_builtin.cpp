@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A stand-in for the linked driver: its answer shows whether all its variables start afresh.
 #include <nt.h>
 

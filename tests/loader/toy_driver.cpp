@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A driver file for the tests of the loader: it uses every kind of thing that loading prepares, and
 // answers with what it finds.
 #include <nt.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The toy driver file, and ways to damage it.
 #pragma once
 

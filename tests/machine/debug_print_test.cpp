@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tests/machine/kernel_test.h"
 
 namespace machine::test {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the tests of the machine share: broken rules that can be caught, waits in milliseconds, and
 // threads made the way a driver makes them.
 #pragma once

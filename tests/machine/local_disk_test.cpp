@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "machine/disk/local_disk.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The adapter: what the port driver is told, how it comes up, and the dispatch hook.
 #include <gtest/gtest.h>
 

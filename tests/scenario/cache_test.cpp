@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Disks with a RAM cache: what is asked of the server, what comes of its answer, and that no content is
 // ever lost between RAM and server.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How requests end: the completion channel, and control requests that are not the driver's own.
 #include <gtest/gtest.h>
 

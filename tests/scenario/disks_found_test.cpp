@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Where the disks come from: a boot record in low memory, the transport, or a local disk image.
 #include <gtest/gtest.h>
 

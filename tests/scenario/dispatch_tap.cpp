@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tests/scenario/dispatch_tap.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A tap between the driver's dispatch hook and the port driver: sees every SRB of the adapter on its
 // way down, as the hook lets it through, and can keep one back for a while. One tap at a time; make it
 // before the driver boots.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Mirrored disks and lost servers: what is sent where, and what the slave has when the main server is gone.
 #include <gtest/gtest.h>
 

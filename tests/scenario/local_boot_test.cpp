@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A workstation that boots from its own hard disk: its system image is filled from the server while it runs,
 // over one start after another.
 #include <cstring>

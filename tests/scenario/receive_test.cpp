@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the driver makes of every packet that comes in.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How requests are cut into chunks, how many run at once, and what tells them apart.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tests/scenario/rig.h"
 
 #include <gtest/gtest.h>

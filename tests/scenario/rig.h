@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A workstation in virtual time with its servers: what a scenario starts from. Black box: it works the
 // same with the linked driver and with a loaded qrndisk.sys (environment variable QRN_DRIVER).
 #pragma once

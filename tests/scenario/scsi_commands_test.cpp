@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Execution of SRBs: the command set, sense data, address checks, and the delay-load rule.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What servers are told when the workstation goes down, and when the SRB of the shutdown completes.
 #include <gtest/gtest.h>
 

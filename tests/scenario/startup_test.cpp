@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The order of the start, boot modes, and the driver's workers.
 #include <gtest/gtest.h>
 

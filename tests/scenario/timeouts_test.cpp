@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Waits, status queries, time-outs and what comes of them, to the millisecond.
 #include <gtest/gtest.h>
 

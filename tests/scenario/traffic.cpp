@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tests/scenario/traffic.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Requests under way beside the test's own thread, and clients that keep the disks of a rig busy.
 // Made inside Rig::run, after the boot; everything must have ended when the body does.
 #pragma once

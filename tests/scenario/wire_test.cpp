@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every byte of what the driver sends to its servers.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A machine with the test miniport, and the frame of a test in it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The road of SRBs down and back: who may go when, and what an error, a busy unit or silence does.
 #include <algorithm>
 #include <numeric>

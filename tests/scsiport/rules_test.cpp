@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A miniport that breaks the rules is stopped at once, and told how.
 #include <cstring>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Registration, start of the adapter, timers around it, and bus scans.
 #include "tests/scsiport/port_test.h"
 

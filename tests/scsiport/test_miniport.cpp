@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "tests/scsiport/test_miniport.h"
 
 #include <algorithm>

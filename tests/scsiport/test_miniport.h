@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A miniport of a few RAM disks, whose every callback a test may replace. It watches the rules that the
 // port driver must keep: one call at a time, at DISPATCH_LEVEL.
 #pragma once

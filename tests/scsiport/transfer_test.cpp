@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The class driver's half: lengths and sense data.
 #include <numeric>
 

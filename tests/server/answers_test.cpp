@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every byte of what the server answers.
 #include <gtest/gtest.h>
 

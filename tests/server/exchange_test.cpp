@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Eight workers of a workstation against the server over a bad network, in virtual time: every
 // acknowledged write is in the store, no older one comes back, and every read is right.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The program as others run it: its arguments, its files, and a workstation over a real socket.
 #include <arpa/inet.h>
 #include <sys/socket.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A workstation's side of one packet, written from the protocol alone, for tests of the server: the
 // requests it sends, and what answers do to its buffer and its set of outstanding fragments.
 #pragma once

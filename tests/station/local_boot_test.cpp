@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the station does in the place of local boot code, on local disks as a test lays them out.
 #include "station/local_boot.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the station asks servers and the driver, over real sockets on loopback.
 #include "station/local_datagrams.h"
 

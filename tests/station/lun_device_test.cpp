@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A LUN's queue on the real port driver, over a miniport that holds, answers or fails SRBs as told.
 #include "station/lun_device.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A disk in memory whose transfers end when the test says so, in the order it says.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the station makes of the driver's messages.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Bytes as a client writes and reads them, for dialogues that are compared byte by byte.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "station/nbd_handshake.h"
 
 #include <gtest/gtest.h>

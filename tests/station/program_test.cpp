@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The program as others run it, without a server: what it says and returns when it cannot work, and
 // that it starts and stops when no server answers.
 #include <nlohmann/json.hpp>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the station shows of the driver's caches and of the filling of its local image.
 #include <gtest/gtest.h>
 

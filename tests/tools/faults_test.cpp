@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Areas that are not as they should be.
 #include "tests/tools/tool_test.h"
 

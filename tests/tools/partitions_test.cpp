@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Areas in partitions, and what is there already.
 #include "tests/tools/tool_test.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The program itself: its arguments, its streams, its exit status.
 #include "tests/program.h"
 

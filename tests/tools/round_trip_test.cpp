@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Raw disk to area and back.
 #include <ctime>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A folder of raw disks and areas, and qrn-image's commands run in it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The other end of a UDP link in a test: a plain socket, without receive offload.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the tests of the transport share: opening its device, sending it control requests as a driver
 // does, and catching violations.
 #pragma once
