@@ -78,10 +78,10 @@ class Connections(Case):
             client.close()
 
     def test_Unknown_export_is_refused(self):
-        client = self.start_client("nbdinfo", self.station.uri(7))
+        client = self.start_client("nbdinfo", "--no-content", self.station.uri(7))
         client.communicate(timeout=10)
         self.assertNotEqual(client.returncode, 0)
-        self.assertIn(f"{64 * MB}", self.client("nbdinfo", self.station.uri(3)))
+        self.assertIn(f"{64 * MB}", self.client("nbdinfo", "--no-content", self.station.uri(3)))
 
 
 class End(Case):
