@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <bit>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "formats/wire.h"

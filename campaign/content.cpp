@@ -5,7 +5,6 @@
 #include <bit>
 #include <cstring>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 namespace campaign {

@@ -3,7 +3,6 @@
 
 #include <charconv>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 namespace campaign {

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 namespace campaign {

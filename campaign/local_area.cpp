@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstring>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "campaign/report.h"

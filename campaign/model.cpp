@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <utility>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 namespace campaign {

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 // A plan as lines for the log of a seed.
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "campaign/plan.h"

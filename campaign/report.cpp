@@ -5,7 +5,6 @@
 #include <cstring>
 #include <unistd.h>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "machine/machine.h"

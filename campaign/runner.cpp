@@ -11,7 +11,6 @@
 #include <sstream>
 #include <vector>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "campaign/coverage.h"

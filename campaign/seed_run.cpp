@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <optional>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "campaign/checks.h"

@@ -4,7 +4,6 @@
 #include <bit>
 #include <cstring>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "formats/boot_record.h"

@@ -4,7 +4,6 @@
 #include <span>
 #include <stdexcept>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "formats/image_area.h"

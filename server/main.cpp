@@ -11,7 +11,6 @@
 #include <stdexcept>
 #include <vector>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "server/block_store.h"

@@ -9,7 +9,6 @@
 #include <iostream>
 #include <string_view>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 namespace server {

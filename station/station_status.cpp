@@ -4,7 +4,6 @@
 #include <array>
 #include <bit>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>

@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "formats/image_area.h"

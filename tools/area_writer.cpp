@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "tools/area_writer.h"
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "tools/errors.h"

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 // The verifier's findings, for people and for scripts.
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "tools/commands.h"

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <exception>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "tools/errors.h"

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 // A local disk: a partition table, and partitions for the images.
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "formats/image_area.h"

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstring>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 namespace image_tool {

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstdio>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "tools/errors.h"

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 // The header of an image area, in words.
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "tools/commands.h"

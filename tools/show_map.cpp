@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <map>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "tools/commands.h"

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <numeric>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 #include "tools/image_area.h"

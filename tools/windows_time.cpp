@@ -3,7 +3,6 @@
 
 #include <time.h>
 
-#define FMT_HEADER_ONLY
 #include <fmt/format.h>
 
 namespace image_tool {
