@@ -15,9 +15,10 @@ public:
     virtual ~BlockStore() = default;
 
     virtual std::uint64_t size_bytes() const = 0;  // a multiple of 512
-    // Ranges are checked by the caller to lie inside the store. False: the medium failed.
+    // Ranges are checked by the caller to lie inside the store. False: the medium failed, errno says why.
     virtual bool read(std::uint64_t offset, std::span<std::uint8_t> out) = 0;
     virtual bool write(std::uint64_t offset, std::span<const std::uint8_t> data) = 0;
+    // The one call that another thread may make while the rest is used.
     virtual bool flush() = 0;
     // True only when the range certainly reads as zeros without being read (a hole).
     virtual bool hole(std::uint64_t offset, std::uint64_t bytes) = 0;
@@ -36,8 +37,16 @@ public:
     bool flush() override { return true; }
     bool hole(std::uint64_t, std::uint64_t) override { return false; }
     std::vector<std::uint8_t>& bytes() { return bytes_; }
+    // A medium that has gone bad, or is full. Reads and writes fail from here on, or work again.
+    void set_failing(bool reads, bool writes)
+    {
+        reads_fail_ = reads;
+        writes_fail_ = writes;
+    }
 
 private:
+    bool reads_fail_ = false;
+    bool writes_fail_ = false;
     std::vector<std::uint8_t> bytes_;
 };
 

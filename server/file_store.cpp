@@ -28,6 +28,8 @@ bool transfer_all(Transfer transfer, int file, std::uint64_t offset, std::span<B
         const ssize_t done = transfer(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
         if (done < 0 && errno == EINTR)
             continue;
+        if (done == 0)
+            errno = EIO;  // the file has become shorter
         if (done <= 0)
             return false;
         bytes = bytes.subspan(static_cast<std::size_t>(done));

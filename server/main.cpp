@@ -8,13 +8,19 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
+#include <system_error>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
 
+#include "programs/replace_file.h"
 #include "server/block_store.h"
 #include "server/boot_parameters.h"
+#include "server/flusher.h"
 #include "server/image_check.h"
 #include "server/options.h"
 #include "server/protocol.h"
@@ -44,9 +50,11 @@ void take_signals()
 {
     struct sigaction action {};
     action.sa_handler = note_signal;
-    for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2})
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2})
         sigaction(signal, &action, nullptr);
+    // A reader that left, or a file that may grow no more, is an error of the write and not the end.
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
 }
 
 std::uint64_t now_ms()
@@ -73,6 +81,8 @@ private:
     void every_second();
     Statistics statistics() const;
     void write_statistics();
+    void tell_failure(const StoreFailure& failure);
+    void take_ended_flushes();
 
     static constexpr std::size_t workstations_max = 64;
 
@@ -88,6 +98,9 @@ private:
     std::uint64_t start_ms_ = now_ms();
     std::uint64_t next_second_ms_ = start_ms_ + 1000;
     std::uint64_t next_poll_ms_ = start_ms_;
+    std::set<std::tuple<unsigned, StoreFailure::Operation, int>> failures_told_;
+    bool statistics_failed_ = false;  // and told
+    std::optional<Flusher> flusher_;  // its thread uses the stores
 };
 
 Server::Server(const Options& options)
@@ -101,9 +114,16 @@ Server::Server(const Options& options)
         for (const std::uint64_t bytes : disk_bytes_)
             sectors.push_back(static_cast<std::uint32_t>(bytes / formats::sector_bytes));
         const formats::Boot_Param block = make_boot_parameters(options_.disks, sectors, self_);
-        replace_file(options_.boot_block_path, {reinterpret_cast<const char*>(&block), sizeof block});
+        programs::replace_file(options_.boot_block_path,
+                               {reinterpret_cast<const char*>(&block), sizeof block});
     }
-    write_statistics();
+    if (!options_.stats_json_path.empty())
+        programs::replace_file(options_.stats_json_path, statistics().json());
+    protocol_.set_failure_listener([this](const StoreFailure& failure) { tell_failure(failure); });
+    flusher_.emplace();
+    protocol_.set_flusher([this](unsigned disk, const Peer& workstation) {
+        flusher_->start({disk, stores_[disk].get(), workstation});
+    });
 }
 
 void Server::open_disks()
@@ -140,16 +160,21 @@ void Server::run()
     const UdpSocket::Handler handler = [this](const Peer& from, std::span<const std::uint8_t> packet) {
         receive(from, packet);
     };
+    protocol_.set_time_ms(now_ms());
     while (stop_requested == 0) {
         socket_.receive(handler);
         const std::uint64_t now = now_ms();
         protocol_.set_time_ms(now);
+        take_ended_flushes();
         obey_signals();
         if (now >= next_second_ms_) {
             next_second_ms_ = now + 1000;
             every_second();
         }
     }
+    protocol_.set_flusher(nullptr);
+    flusher_->finish();
+    take_ended_flushes();
     const bool flushed = protocol_.flush();
     write_statistics();
     fmt::print("{}", statistics().summary());
@@ -239,8 +264,37 @@ Statistics Server::statistics() const
 
 void Server::write_statistics()
 {
-    if (!options_.stats_json_path.empty())
-        replace_file(options_.stats_json_path, statistics().json());
+    if (options_.stats_json_path.empty())
+        return;
+    try {
+        programs::replace_file(options_.stats_json_path, statistics().json());
+    } catch (const std::system_error& error) {
+        if (!std::exchange(statistics_failed_, true))
+            fmt::print(stderr, "qrn-server: --stats-json: {}\n", error.what());
+    }
+}
+
+// Once for each reason: a full disk fails every write.
+void Server::tell_failure(const StoreFailure& failure)
+{
+    using Operation = StoreFailure::Operation;
+    if (!failures_told_.insert({failure.disk, failure.operation, failure.error}).second)
+        return;
+    const ServedDisk& served = options_.disks[failure.disk];
+    const bool of_image = failure.operation == Operation::read_image;
+    const char* const what = failure.operation == Operation::write   ? "write"
+                             : failure.operation == Operation::flush ? "flush"
+                                                                     : "read";
+    fmt::print(stderr, "qrn-server: {}: cannot {}{}: {} (errno {}); told once, counted as store_errors\n",
+               of_image ? served.image_path : served.path, what,
+               failure.workstation ? " for " + to_text(*failure.workstation) : "",
+               std::generic_category().message(failure.error), failure.error);
+}
+
+void Server::take_ended_flushes()
+{
+    for (const Flusher::Job& job : flusher_->take_ended())
+        protocol_.flush_ended(job.disk, job.workstation, job.error);
 }
 
 int report(const std::exception& error, int status)

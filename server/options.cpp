@@ -39,7 +39,8 @@ A --disk is a raw image file or a block device, with options behind commas (so i
 Four disks at most, the first is LUN 0. A writable disk is locked against other servers.
 
 Once it serves, the server prints "ready ADDR:PORT". Signals:
-  SIGINT, SIGTERM  write everything back, print a summary and exit with status 0
+  SIGINT, SIGTERM, SIGHUP
+                   write everything back, print a summary and exit with status 0
   SIGUSR1          tell the workstations to give up soon what is under way and does not complete
   SIGUSR2          write everything back
 

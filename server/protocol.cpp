@@ -2,7 +2,9 @@
 // Packets checked and dispatched; shutdown, status poll and retry limit.
 #include "server/protocol.h"
 
+#include <cerrno>
 #include <stdexcept>
+#include <utility>
 
 #include "server/protocol_parts.h"
 
@@ -92,35 +94,54 @@ void Protocol::Parts::dispatch(const Peer& from, Disk& disk, const WireHeader& h
 }
 
 // What a workstation wrote before it went down is on the medium before the next one starts.
-void Protocol::Parts::shutdown(Disk& disk)
+void Protocol::Parts::shutdown(const Peer& from, Disk& disk)
 {
     ++disk.counters.shutdowns;
-    flush(disk);
+    if (!flusher) {
+        if (!flush(disk))
+            failed(disk, StoreFailure::Operation::flush, &from);
+    } else if (disk.unflushed) {
+        ++disk.counters.flushes;
+        disk.unflushed = false;
+        flusher(disk.index, from);
+    }
 }
 
+// The caller counts and tells the failure.
 bool Protocol::Parts::flush(Disk& disk)
 {
     if (!disk.unflushed)
         return true;
     ++disk.counters.flushes;
-    if (!disk.store->flush()) {
-        ++disk.counters.store_errors;
-        return false;
-    }
-    disk.unflushed = false;
-    return true;
+    disk.unflushed = !disk.store->flush();
+    return !disk.unflushed;
+}
+
+// With errno as the store left it.
+void Protocol::Parts::failed(Disk& disk, StoreFailure::Operation operation, const Peer* from)
+{
+    const int error = errno;
+    ++disk.counters.store_errors;
+    if (tell_failure)
+        tell_failure({disk.index, operation, error, from ? std::optional(*from) : std::nullopt});
+}
+
+// Null: nothing was heard of it lately.
+Unserved* Protocol::Parts::find_unserved(const Peer& from, Disk& disk, const WireHeader& header)
+{
+    const auto known = std::span(disk.unserved).first(disk.unserved_count);
+    const auto is_it = [&](const Unserved& other) {
+        return same_peer(other.from, from) && now_ms - other.heard_ms <= history_ms &&
+               std::memcmp(&other.header.Tag, &header.Tag, formats::match_bytes) == 0;
+    };
+    const auto found = std::ranges::find_if(known, is_it);
+    return found == known.end() ? nullptr : &*found;
 }
 
 void Protocol::Parts::note_unserved(const Peer& from, Disk& disk, const WireHeader& header)
 {
-    const auto known = std::span(disk.unserved).first(disk.unserved_count);
-    const auto is_it = [&](const Unserved& other) {
-        return same_peer(other.from, from) &&
-               std::memcmp(&other.header.Tag, &header.Tag, formats::match_bytes) == 0;
-    };
-    const auto found = std::find_if(known.begin(), known.end(), is_it);
-    if (found != known.end()) {
-        found->heard_ms = now_ms;
+    if (Unserved* const known = find_unserved(from, disk, header)) {
+        known->heard_ms = now_ms;
         return;
     }
     disk.unserved[disk.unserved_next] = {from, header, now_ms};
@@ -169,10 +190,31 @@ unsigned Protocol::add_disk(const DiskOptions& options, BlockStore& store, Block
     if (parts_->find_disk(options.disk_id))
         throw std::invalid_argument("two disks have the same id");
     parts_->disks.push_back(std::make_unique<Disk>());
+    parts_->disks.back()->index = static_cast<unsigned>(parts_->disks.size() - 1);
     parts_->disks.back()->options = options;
     parts_->disks.back()->store = &store;
     parts_->disks.back()->image = image;
     return static_cast<unsigned>(parts_->disks.size() - 1);
+}
+
+void Protocol::set_failure_listener(FailureListener listener)
+{
+    parts_->tell_failure = std::move(listener);
+}
+
+void Protocol::set_flusher(Flusher flusher)
+{
+    parts_->flusher = std::move(flusher);
+}
+
+void Protocol::flush_ended(unsigned disk_index, const Peer& workstation, int error)
+{
+    if (error == 0)
+        return;
+    Disk& disk = *parts_->disks.at(disk_index);
+    disk.unflushed = true;
+    errno = error;
+    parts_->failed(disk, StoreFailure::Operation::flush, &workstation);
 }
 
 void Protocol::set_time_ms(std::uint64_t now_ms)
@@ -207,7 +249,7 @@ void Protocol::receive(const Peer& from, std::span<const std::uint8_t> packet)
         return;
     }
     if (header.Kind == formats::kind_shutdown && header.Sub_Code == formats::sub_request)
-        return parts_->shutdown(*disk);
+        return parts_->shutdown(from, *disk);
     if (!length_valid(header.Length.get())) {
         ++dropped.bad_length;
         return;
@@ -244,8 +286,12 @@ void Protocol::send_retry_limit(unsigned disk_index)
 bool Protocol::flush()
 {
     bool all_flushed = true;
-    for (const auto& disk : parts_->disks)
-        all_flushed &= parts_->flush(*disk);
+    for (const auto& disk : parts_->disks) {
+        if (parts_->flush(*disk))
+            continue;
+        parts_->failed(*disk, StoreFailure::Operation::flush, nullptr);
+        all_flushed = false;
+    }
     return all_flushed;
 }
 

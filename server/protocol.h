@@ -5,7 +5,9 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 
 #include "formats/boot_block.h"
@@ -52,8 +54,21 @@ struct DroppedCounters {
                   bad_fragment = 0, readonly = 0, no_image = 0;
 };
 
+// A store failed. `error` is an errno; a flush of the server's own has no workstation.
+struct StoreFailure {
+    enum class Operation { read, write, flush, read_image };
+
+    unsigned disk;
+    Operation operation;
+    int error;
+    std::optional<Peer> workstation;
+};
+
 class Protocol {
 public:
+    using FailureListener = std::function<void(const StoreFailure&)>;
+    using Flusher = std::function<void(unsigned disk, const Peer& workstation)>;
+
     explicit Protocol(PacketSink& sink);
     ~Protocol();
 
@@ -61,6 +76,14 @@ public:
     // local copies, or null. The stores must outlive the protocol. Returns the disk's index. Throws
     // std::invalid_argument for an id that is zero, taken, or begins like a status poll.
     unsigned add_disk(const DiskOptions& options, BlockStore& store, BlockStore* image = nullptr);
+
+    // Called for every failure, whose data are then neither delivered nor acknowledged.
+    void set_failure_listener(FailureListener listener);
+
+    // Where the flush at a workstation's shutdown goes instead of being waited for: it starts one elsewhere
+    // and reports its end with flush_ended(), on the protocol's thread.
+    void set_flusher(Flusher flusher);
+    void flush_ended(unsigned disk, const Peer& workstation, int error);  // error: 0 or an errno
 
     // The time from any fixed start, as of the packets that follow. It only ages what the server
     // remembers of completed and unfinished writes; without it nothing ages.

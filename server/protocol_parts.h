@@ -24,7 +24,11 @@ struct Unserved {
     std::uint64_t heard_ms;
 };
 
+// As many as there can be unfinished writes; a workstation has at most eight packets in flight.
+constexpr std::size_t unserved_max = AssemblyTable::places;
+
 struct Disk {
+    unsigned index;
     DiskOptions options;
     BlockStore* store;
     BlockStore* image;  // null: none
@@ -32,7 +36,7 @@ struct Disk {
     AssemblyTable assemblies;
     CompletedWrites completed;
     bool unflushed = false;
-    std::array<Unserved, 32> unserved;
+    std::array<Unserved, unserved_max> unserved;
     std::size_t unserved_count = 0;
     std::size_t unserved_next = 0;
 };
@@ -64,6 +68,8 @@ struct Protocol::Parts {
     explicit Parts(PacketSink& packet_sink) : sink(packet_sink) {}
 
     PacketSink& sink;
+    Protocol::FailureListener tell_failure;
+    Protocol::Flusher flusher;
     std::uint64_t now_ms = 0;
     std::vector<std::unique_ptr<Disk>> disks;
     DroppedCounters dropped;
@@ -77,7 +83,7 @@ struct Protocol::Parts {
 
     void read_disk(const Peer& from, Disk& disk, const WireHeader& request);
     void read_image(const Peer& from, Disk& disk, const WireHeader& request);
-    void read(const Peer& from, Disk& disk, BlockStore& store, const WireHeader& request,
+    void read(const Peer& from, Disk& disk, StoreFailure::Operation operation, const WireHeader& request,
               std::uint64_t& byte_count);
     void negotiate(const Peer& from, Disk& disk, const WireHeader& request);
     void send_zeros(const Peer& to, const WireHeader& request);
@@ -94,8 +100,10 @@ struct Protocol::Parts {
     void acknowledge(const Peer& to, Disk& disk, const WireHeader& request, unsigned arrived);
     void write_done(const Peer& to, const WireHeader& request);
 
-    void shutdown(Disk& disk);
+    void shutdown(const Peer& from, Disk& disk);
     bool flush(Disk& disk);
+    void failed(Disk& disk, StoreFailure::Operation operation, const Peer* from);
+    Unserved* find_unserved(const Peer& from, Disk& disk, const WireHeader& header);
     void note_unserved(const Peer& from, Disk& disk, const WireHeader& header);
     void limit_retries(const Peer& to, const WireHeader& request);
     void take_poll_reply(std::span<const std::uint8_t> packet);

@@ -11,7 +11,7 @@ void Protocol::Parts::read_disk(const Peer& from, Disk& disk, const WireHeader& 
     if (request.Byte_Offset.get() == 0 && request.Length.get() == formats::sector_bytes)
         negotiate(from, disk, request);
     else
-        read(from, disk, *disk.store, request, disk.counters.read_bytes);
+        read(from, disk, StoreFailure::Operation::read, request, disk.counters.read_bytes);
 }
 
 // A workstation that asks for an image that is not there goes on asking.
@@ -20,14 +20,15 @@ void Protocol::Parts::read_image(const Peer& from, Disk& disk, const WireHeader&
     const bool is_query = request.Sub_Code == formats::sub_status_query;
     ++(is_query ? disk.counters.status_queries : disk.counters.sync_reads);
     if (disk.image)
-        return read(from, disk, *disk.image, request, disk.counters.sync_bytes);
+        return read(from, disk, StoreFailure::Operation::read_image, request, disk.counters.sync_bytes);
     ++dropped.no_image;
     note_unserved(from, disk, request);
 }
 
-void Protocol::Parts::read(const Peer& from, Disk& disk, BlockStore& store, const WireHeader& request,
-                           std::uint64_t& byte_count)
+void Protocol::Parts::read(const Peer& from, Disk& disk, StoreFailure::Operation operation,
+                           const WireHeader& request, std::uint64_t& byte_count)
 {
+    BlockStore& store = operation == StoreFailure::Operation::read ? *disk.store : *disk.image;
     if (!range_valid(request, store)) {
         ++dropped.bad_offset;
         return;
@@ -40,7 +41,7 @@ void Protocol::Parts::read(const Peer& from, Disk& disk, BlockStore& store, cons
     }
     const auto data = sink.data_buffer().first(length);
     if (!store.read(store_offset(request), data)) {
-        ++disk.counters.store_errors;
+        failed(disk, operation, &from);
         return note_unserved(from, disk, request);
     }
     byte_count += send_data(from, request, data);

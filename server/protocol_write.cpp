@@ -85,7 +85,7 @@ void Protocol::Parts::complete_write(const Peer& from, Disk& disk, const WireHea
                                      const std::uint32_t (&content)[fragments_max])
 {
     if (!disk.store->write(store_offset(header), data)) {
-        ++disk.counters.store_errors;
+        failed(disk, StoreFailure::Operation::write, &from);
         return note_unserved(from, disk, header);
     }
     disk.unflushed = true;
@@ -95,12 +95,16 @@ void Protocol::Parts::complete_write(const Peer& from, Disk& disk, const WireHea
     write_done(from, header);
 }
 
+// Silence about a write that came and could not be stored: told that nothing has come, its workstation would
+// send it again at once, for ever. In silence it waits, counts a time-out, and gives up in its time.
 void Protocol::Parts::write_status(const Peer& from, Disk& disk, const WireHeader& query)
 {
     const WriteKey key(from, query);
     if (const Assembly* assembly = disk.assemblies.find(key, now_ms))
         return acknowledge(from, disk, query, assembly->arrived);
     CompletedWrite* write = disk.completed.find(key, now_ms);
+    if (!write && find_unserved(from, disk, query))
+        return;
     if (!write)
         return acknowledge(from, disk, query, 0);
     write->heard_ms = now_ms;

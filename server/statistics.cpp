@@ -80,11 +80,6 @@ Json workstation_json(const PolledWorkstation& workstation)
             {"image_position", reply.Image_Position.get()}};
 }
 
-[[noreturn]] void fail(const std::string& path)
-{
-    throw std::system_error(errno, std::generic_category(), path);
-}
-
 }  // namespace
 
 std::string Statistics::json() const
@@ -127,19 +122,6 @@ std::string Statistics::summary() const
                     dropped.short_packet + dropped.unknown_disk + dropped.unknown_kind + dropped.bad_length +
                         dropped.bad_offset + dropped.bad_fragment + dropped.readonly + dropped.no_image);
     return text;
-}
-
-void replace_file(const std::string& path, std::span<const char> content)
-{
-    const std::string fresh = path + ".new";
-    const int file = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (file < 0)
-        fail(fresh);
-    const bool written = write(file, content.data(), content.size()) == static_cast<ssize_t>(content.size());
-    if (close(file) != 0 || !written)
-        fail(fresh);
-    if (std::rename(fresh.c_str(), path.c_str()) != 0)
-        fail(path);
 }
 
 }  // namespace server

@@ -30,7 +30,4 @@ struct Statistics {
     std::string summary() const;
 };
 
-// Readers see the old content or the new one, never a part. Throws std::system_error.
-void replace_file(const std::string& path, std::span<const char> content);
-
 }  // namespace server

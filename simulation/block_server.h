@@ -33,6 +33,7 @@ public:
 
     const formats::ServerRecord& address() const { return address_; }
     std::vector<std::uint8_t>& content(unsigned lun) { return disks_[lun].store->bytes(); }
+    server::MemoryStore& store(unsigned lun) { return *disks_[lun].store; }
     // The disk's image area; without content there is none. Its size counts at the next start().
     server::MemoryStore& image(unsigned lun) { return disks_[lun].image; }
     server::Protocol& protocol() { return *protocol_; }

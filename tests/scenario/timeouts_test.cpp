@@ -259,6 +259,45 @@ TEST(TimeOuts, Shutdown_cuts_the_budget)
         }
 }
 
+// A store that takes no more writes: the disk has its budget, reads and the system disk beside it go on.
+TEST(TimeOuts, A_full_store_at_the_server_fails_its_writes_in_their_time_and_nothing_else)
+{
+    Rig rig({.disks = std::vector<DiskPlan>(2)});
+    rig.main.store(1).set_failing(false, true);
+    rig.run([&] {
+        Pending write(rig);
+        write.write(1, 0, Bytes(8192, 1));
+        rig.machine.sleep_ms(2000);
+        EXPECT_TRUE(rig.write(0, 0, Bytes(4096, 2)));
+        Bytes data(4096);
+        EXPECT_TRUE(rig.read(1, 64, data));
+        write.wait();
+        EXPECT_FALSE(write.ok());
+        EXPECT_NEAR(write.took_ms(), budget_59_ms, 60);
+        EXPECT_TRUE(rig.read(0, 0, data));
+        EXPECT_EQ(data, Bytes(4096, 2));
+        rig.scsi().shutdown();
+    });
+    EXPECT_EQ(rig.log_count("Time Out"), 60u);
+    EXPECT_EQ(rig.main.counters(1).writes_completed, 0u);
+    EXPECT_LT(rig.sent(formats::sub_request, kind_write).size(), 2u * 6 * 61);
+}
+
+TEST(TimeOuts, Shutdown_ends_while_writes_fail_at_the_server)
+{
+    Rig rig({.disks = std::vector<DiskPlan>(2, {.retry_mins = 0})});
+    rig.main.store(1).set_failing(false, true);
+    rig.run([&] {
+        Pending write(rig);
+        write.write(1, 0, Bytes(8192, 1));
+        rig.machine.sleep_ms(500);
+        rig.scsi().shutdown();
+        write.wait();
+        EXPECT_FALSE(write.ok());
+        EXPECT_NEAR(write.took_ms(), 4 * time_out_ms, 60);
+    });
+}
+
 TEST(TimeOuts, Machine_without_its_system_disk_at_shutdown_is_reset)
 {
     using Access = machine::Ports::Access;

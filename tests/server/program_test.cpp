@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 // The program as others run it: its arguments, its files, and a workstation over a real socket.
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
 
@@ -156,6 +159,93 @@ TEST_F(Program, Polls_a_workstation_and_limits_its_retries_on_request)
     EXPECT_EQ(stop(SIGTERM), 0);
     const auto stats = nlohmann::json::parse(content_of("stats"));
     EXPECT_EQ(stats["workstations"][0]["disks"][0]["reads"], 99);
+}
+
+struct Client {
+    explicit Client(std::uint16_t port) : socket(::socket(AF_INET, SOCK_DGRAM, 0))
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const timeval wait{5, 0};
+        setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+        EXPECT_EQ(connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    ~Client() { close(socket); }
+    void send(const Bytes& packet) const { ::send(socket, packet.data(), packet.size(), 0); }
+    // The kind of the answer to a packet that gets one; what came before it was not answered.
+    unsigned kind_of_answer(const Bytes& packet) const
+    {
+        send(packet);
+        Bytes answer(2000);
+        return recv(socket, answer.data(), answer.size(), 0) >= 26 ? answer[5] : 0u;
+    }
+    const int socket;
+};
+
+TEST_F(Program, A_disk_that_may_not_grow_is_told_once_and_the_others_are_served)
+{
+    rlimit before;
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit small{65536, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &small);
+    start("--listen 127.0.0.1:0 --disk a.img --stats-json stats");
+    setrlimit(RLIMIT_FSIZE, &before);
+    const Client client(ready_port());
+    for (std::uint16_t seq = 1; seq <= 5; ++seq) {
+        Packet beyond = make_write(1000, 512, seq, seq);
+        client.send(beyond.fragment(1));
+        client.send(beyond.request(true));
+    }
+    EXPECT_EQ(client.kind_of_answer(make_write(0, 512, 9, 9).fragment(1)), formats::kind_write_done);
+    EXPECT_EQ(stop(SIGTERM), 0);
+    const std::string told = content_of("err");
+    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1) << told;
+    EXPECT_NE(told.find("a.img: cannot write for 127.0.0.1:"), told.npos) << told;
+    EXPECT_NE(told.find("File too large (errno 27)"), told.npos) << told;
+    EXPECT_EQ(nlohmann::json::parse(content_of("stats"))["disks"][0]["store_errors"], 5);
+}
+
+TEST_F(Program, Statistics_that_cannot_be_written_are_told_once_and_serving_goes_on)
+{
+    std::filesystem::create_directory(folder / "gone");
+    start("--listen 127.0.0.1:0 --disk a.img --stats-json gone/stats");
+    const Client client(ready_port());
+    std::filesystem::remove_all(folder / "gone");
+    for (int tries = 0; tries < 2000 && content_of("err").empty(); ++tries)
+        usleep(5000);
+    EXPECT_EQ(client.kind_of_answer(make_write(0, 512, 1, 1).fragment(1)), formats::kind_write_done);
+    EXPECT_EQ(stop(SIGHUP), 0) << "the end of a session is an end like others";
+    const std::string told = content_of("err");
+    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1) << told;
+    EXPECT_NE(told.find("gone/stats"), told.npos) << told;
+    EXPECT_NE(content_of("out").find("1 writes"), std::string::npos) << "the summary";
+}
+
+TEST_F(Program, Links_and_what_is_no_file_are_written_through)
+{
+    std::filesystem::create_directory(folder / "elsewhere");
+    for (const char* name : {"stats", "bb"}) {
+        std::ofstream(folder / "elsewhere/" + name) << "old";
+        std::filesystem::create_symlink(std::string("elsewhere/") + name, folder / name);
+    }
+    start("--listen 127.0.0.1:0 --disk a.img --stats-json stats --boot-block bb");
+    ready_port();
+    EXPECT_EQ(stop(SIGTERM), 0);
+    EXPECT_TRUE(std::filesystem::is_symlink(folder / "stats") && std::filesystem::is_symlink(folder / "bb"));
+    EXPECT_EQ(content_of("elsewhere/bb").size(), 360u);
+    EXPECT_TRUE(nlohmann::json::parse(content_of("elsewhere/stats")).contains("disks"));
+
+    ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+    const int pipe = open((folder / "pipe").c_str(), O_RDONLY | O_NONBLOCK);
+    start("--listen 127.0.0.1:0 --disk a.img --boot-block pipe");
+    ready_port();
+    EXPECT_EQ(stop(SIGTERM), 0);
+    char block[1000];
+    EXPECT_EQ(read(pipe, block, sizeof block), 360);
+    close(pipe);
+    EXPECT_TRUE(std::filesystem::is_fifo(folder / "pipe"));
 }
 
 }  // namespace

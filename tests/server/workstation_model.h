@@ -4,6 +4,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <span>
@@ -58,11 +59,11 @@ public:
     }
     bool read(std::uint64_t offset, std::span<std::uint8_t> out) override
     {
-        return check(offset, out.size()) && !fails && MemoryStore::read(offset, out);
+        return check(offset, out.size()) && works() && MemoryStore::read(offset, out);
     }
     bool write(std::uint64_t offset, std::span<const std::uint8_t> data) override
     {
-        if (!check(offset, data.size()) || fails)
+        if (!check(offset, data.size()) || !works())
             return false;
         ++writes;
         for (std::uint64_t at = offset / unit; at <= (offset + data.size() - 1) / unit; ++at)
@@ -86,6 +87,12 @@ public:
     unsigned accesses_outside = 0;
 
 private:
+    bool works() const
+    {
+        if (fails)
+            errno = ENOSPC;
+        return !fails;
+    }
     bool check(std::uint64_t offset, std::uint64_t bytes)
     {
         const bool inside = bytes != 0 && offset <= size_bytes() && bytes <= size_bytes() - offset;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <numeric>
 
 #include "server/completed_writes.h"
@@ -186,12 +187,49 @@ TEST_F(Writes, A_failed_store_leaves_the_write_undone_until_it_is_sent_again)
         Packet packet = make_write(5, length, 1, length);
         store.fails = true;
         EXPECT_EQ(write(packet), "");
+        EXPECT_EQ(answers(packet.request(true)), "") << "its data came, and could not be kept";
+        EXPECT_EQ(write(packet), "");
         store.fails = false;
-        EXPECT_EQ(answers(packet.request(true)), length == 512 ? "ack 1" : "ack 1 2");
+        EXPECT_EQ(answers(packet.request(true)), "");
         EXPECT_EQ(write(packet), "done");
+        EXPECT_EQ(answers(packet.request(true)), "done");
         EXPECT_EQ(stored(5, length), packet.data);
     }
-    EXPECT_EQ(counters().store_errors, 2u);
+    EXPECT_EQ(counters().store_errors, 4u);
+}
+
+TEST_F(Writes, However_many_writes_fail_none_is_said_to_have_never_come)
+{
+    store.fails = true;
+    std::vector<Packet> packets;
+    for (unsigned i = 0; i < 128; ++i) {
+        packets.push_back(make_write(i, 512, static_cast<std::uint16_t>(i / 8), i));
+        packets.back().header.Worker_Byte = static_cast<std::uint8_t>(i % 8);
+        EXPECT_EQ(write(packets.back()), "");
+    }
+    for (Packet& packet : packets)
+        EXPECT_EQ(answers(packet.request(true)), "");
+    protocol.set_time_ms(server::history_ms + 1);
+    EXPECT_EQ(answers(packets[0].request(true)), "ack 1") << "of another start, maybe";
+}
+
+TEST_F(Writes, What_failed_is_told_with_the_place_the_reason_and_the_workstation)
+{
+    std::vector<std::string> told;
+    protocol.set_failure_listener([&](const server::StoreFailure& failure) {
+        told.push_back(std::to_string(failure.disk) + " " +
+                       std::to_string(static_cast<int>(failure.operation)) + " " +
+                       std::to_string(failure.error) + " " +
+                       std::to_string(failure.workstation ? failure.workstation->Port.get() : 0));
+    });
+    store.fails = true;
+    errno = 0;
+    Packet packet = make_write(5, 512, 1, 1);
+    write(packet);
+    exchange(Packet(formats::kind_read, 0, 512, 2).request());
+    store.fails = false;
+    exchange(Packet(formats::kind_read, 0, 512, 3).request());
+    EXPECT_EQ(told, (std::vector<std::string>{"0 1 28 4001", "0 0 28 4001"}));
 }
 
 }  // namespace
