@@ -98,6 +98,7 @@ inline void run_workstation(
 {
     config.scheduler = machine::SchedulerKind::real;
     config.strict = false;
+    config.feeding = machine::Feeding::held_back;
     std::unique_ptr<machine::UdpLink> link;  // outlives the machine
     machine::Machine machine(config);
     link = std::make_unique<machine::UdpLink>(machine.scheduler(), "0.0.0.0");

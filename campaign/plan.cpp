@@ -233,7 +233,8 @@ bool Plan::mirrored() const
 Plan draw_plan(std::uint64_t seed)
 {
     Stream general(seed, "general"), disks(seed, "disks"), settings(seed, "settings"), memory(seed, "memory"),
-        local(seed, "local disk"), network(seed, "network quality"), load(seed, "load");
+        local(seed, "local disk"), network(seed, "network quality"), load(seed, "load"),
+        port(seed, "port driver");
     constexpr std::uint32_t modes[] = {0, 0, 0, 0, 0, 7, 7, 7, 7, 1};
     Plan plan{};
     plan.seed = seed;
@@ -244,6 +245,8 @@ Plan draw_plan(std::uint64_t seed)
     plan.through_transport = general.chance(0.3);
     plan.reset_ports_work = general.chance(0.7);
     plan.pae = general.chance(0.5);
+    plan.feeding = port.chance(0.5) ? machine::Feeding::held_back : machine::Feeding::eager;
+    plan.curious_class_driver = port.chance(0.5);
     for (unsigned count = general.between(1, formats::disk_count_max); count != 0; --count)
         plan.disks.push_back(draw_disk(disks, plan.disks.empty()));
     const bool wide = widen(disks, plan.disks);

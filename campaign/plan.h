@@ -9,6 +9,7 @@
 
 #include "machine/disk/local_disk.h"
 #include "machine/executive/physical_memory.h"
+#include "machine/machine.h"
 #include "machine/transport/simulated_network.h"
 #include "simulation/boot_block.h"
 
@@ -98,6 +99,8 @@ struct Plan {
     std::uint16_t rack_level;
     bool through_transport;  // the boot block comes from the transport, not from low memory
     bool reset_ports_work;
+    machine::Feeding feeding;
+    bool curious_class_driver;
     std::vector<DiskPlan> disks;
     std::map<std::string, std::uint32_t> settings;  // of the service key
     bool pae;                                       // the system says that it uses long addresses

@@ -73,10 +73,12 @@ const char* name_of(BootFault::Kind kind)
 std::string to_text(const Plan& plan)
 {
     std::string text =
-        fmt::format("seed {}: boot mode {}, flags {:02X}, tag key {:08X}, level {:04X}, {}{}{}\n", plan.seed,
-                    plan.boot_mode, plan.boot_flags, plan.tag_key, plan.rack_level,
+        fmt::format("seed {}: boot mode {}, flags {:02X}, tag key {:08X}, level {:04X}, {}{}{}{}{}\n",
+                    plan.seed, plan.boot_mode, plan.boot_flags, plan.tag_key, plan.rack_level,
                     plan.through_transport ? "block from transport" : "block in low memory",
-                    plan.pae ? ", long addresses" : "", plan.reset_ports_work ? "" : ", reset ports dead");
+                    plan.pae ? ", long addresses" : "", plan.reset_ports_work ? "" : ", reset ports dead",
+                    plan.feeding == machine::Feeding::held_back ? ", fed one at a time" : "",
+                    plan.curious_class_driver ? ", curious class driver" : "");
     for (unsigned lun = 0; lun < plan.disks.size(); ++lun)
         text += text_of(plan, lun);
     for (const auto& [name, value] : plan.settings)

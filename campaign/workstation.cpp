@@ -29,6 +29,8 @@ machine::MachineConfig machine_config(const Plan& plan, unsigned number)
     config.window_bytes_max = plan.memory.window_bytes_max;
     config.mm64bit = plan.memory.mm64bit;
     config.reset_ports_work = plan.reset_ports_work;
+    config.feeding = plan.feeding;
+    config.curious_class_driver = plan.curious_class_driver;
     return config;
 }
 

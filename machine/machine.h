@@ -31,6 +31,14 @@ class LocalDisk;    // machine/disk/local_disk.h
 
 enum class SchedulerKind { simulated, real };
 
+// How the port driver feeds a LUN with more than one request, after NextRequest. Real ones tend to the
+// second.
+enum class Feeding {
+    eager,      // as many as there are
+    held_back,  // one, and the next when an SRB of that LUN completes, one without data or of the miniport's
+                // own included
+};
+
 struct MachineConfig {
     SchedulerKind scheduler = SchedulerKind::simulated;
     std::uint64_t seed = 1;
@@ -49,6 +57,11 @@ struct MachineConfig {
     std::uint16_t base_memory_kb = 600;
     // What local time is behind universal time, in minutes; east of Greenwich it is negative.
     std::int32_t time_zone_bias_minutes = 0;
+
+    Feeding feeding = Feeding::eager;
+    // The class driver looks closely at each LUN of a bus scan: vital product data, mode pages, the first
+    // sector, with repeats of what is refused. Off, it asks for identity and size alone.
+    bool curious_class_driver = false;
 
     // A machine whose forced reset through the ports works ends with Outcome::reset; on one where it
     // does not, the driver goes on to its bug check.

@@ -129,7 +129,7 @@ std::string one_line(std::string text)
 std::optional<Options> parse_options(int argc, char** argv)
 {
     Options options;
-    std::string boot_block, handover = "low-memory", nbd = "tcp:127.0.0.1:10809";
+    std::string boot_block, handover = "low-memory", feeding = "held-back", nbd = "tcp:127.0.0.1:10809";
     std::optional<std::string> memory;
     std::vector<std::string> settings;
 
@@ -150,6 +150,13 @@ std::optional<Options> parse_options(int argc, char** argv)
     app.add_option("--driver", options.driver,
                    "the driver linked into this program (default), or a\ndriver file")
         ->option_text("builtin|FILE.sys");
+    app.add_option("--feeding", feeding,
+                   "how the port driver gives the driver requests of a\n"
+                   "disk: the next when one is complete, as real ones\n"
+                   "tend to, or all at once (default " +
+                       feeding + ")")
+        ->check(CLI::IsMember({"held-back", "eager"}))
+        ->option_text("held-back|eager");
     app.add_option("--reg", settings, "a setting of the driver; may be repeated")
         ->option_text("NAME=VALUE")
         ->allow_extra_args(false);
@@ -179,6 +186,7 @@ std::optional<Options> parse_options(int argc, char** argv)
         const auto unknown = app.remaining();
         throw OptionError(one_line(unknown.empty() ? error.what() : "unknown argument " + unknown.front()));
     }
+    options.feed_eagerly = feeding == "eager";
     options.handover = handover == "transport" ? Handover::transport : Handover::low_memory;
     options.boot_block = read_boot_block(boot_block);
     if (options.handover == Handover::transport &&

@@ -21,6 +21,7 @@ struct Options {
     Handover handover = Handover::low_memory;
     NbdAddress nbd;
     std::string driver = "builtin";
+    bool feed_eagerly = false;
     std::vector<std::pair<std::string, std::uint32_t>> settings;
     std::uint32_t memory_mb = 512;
     std::uint32_t above_4g_mb = 0;

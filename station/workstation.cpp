@@ -28,6 +28,7 @@ machine::MachineConfig machine_config(const Options& options)
     config.scheduler = machine::SchedulerKind::real;
     config.memory_ranges = {{megabyte, options.memory_mb * megabyte}};
     config.unmanaged_above_4g_bytes = options.above_4g_mb * megabyte;
+    config.feeding = options.feed_eagerly ? machine::Feeding::eager : machine::Feeding::held_back;
     config.strict = false;
     return config;
 }

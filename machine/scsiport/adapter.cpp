@@ -57,7 +57,7 @@ void Adapter::configure_queues()
 {
     const unsigned luns = configuration_.MaximumNumberOfLogicalUnits;
     const unsigned depth = configuration_.MultipleRequestPerLu ? unit_depth : 1;
-    queues_.configure(luns, depth);
+    queues_.configure(luns, depth, Machine::current().config().feeding == Feeding::held_back);
     slots_.configure((luns + 1) * depth + bypass_slots, configuration_.SrbExtensionSize, strict_);
 }
 
@@ -136,7 +136,7 @@ bool Adapter::step()
         scheduler_->call_at(scheduler_->now() + ticks_per_second, [this] { second_passed(); });
     } else {
         PIRP irp = nullptr;
-        if (ready_for_next_ && slots_.available() != 0)
+        if (ready_for_next_ && !undisturbed_ && slots_.available() != 0)
             irp = queues_.next();
         if (irp == nullptr)
             return false;
@@ -161,6 +161,8 @@ void Adapter::start_next(PIRP irp)
         configuration_.TaggedQueuing && !slot.bypass && (srb->SrbFlags & SRB_FLAGS_QUEUE_ACTION_ENABLE) != 0;
     slot.tag = tagged ? UnitQueues::take_tag(*slot.unit) : SP_UNTAGGED;
     srb->QueueTag = slot.tag;
+    slot.undisturbed = (srb->SrbFlags & SRB_FLAGS_DISABLE_DISCONNECT) != 0;
+    undisturbed_ = slot.undisturbed;
     ++in_flight_;
 
     SpinLockPause pause(queue_lock_);
@@ -232,7 +234,9 @@ void Adapter::settle(SrbSlot& slot)
         UnitQueues::give_back_tag(unit, slot.tag);
     if (!slot.bypass)
         --unit.active;
-    srb->SrbExtension = nullptr;
+    slots_.restore(slot);
+    if (slot.undisturbed)
+        undisturbed_ = false;
     --in_flight_;
     if (!retry_later(slot)) {
         srb->SrbStatus &= static_cast<UCHAR>(~SRB_STATUS_QUEUE_FROZEN);
@@ -247,7 +251,7 @@ void Adapter::settle(SrbSlot& slot)
         unit.busy_retries = 0;
     }
     slots_.give_back(slot);
-    queues_.refresh(unit);
+    queues_.draw(unit);
 }
 
 // A unit that is busy gets its SRB again, after its next completion or in a second.

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include <nt.h>
 
@@ -39,6 +40,9 @@ public:
     // A further device object of this driver, which takes the same requests. Null when there is none.
     PDEVICE_OBJECT create_device(DEVICE_TYPE type);
 
+    // HwInitialize; what it returned.
+    bool start_miniport();
+
     // An IRP with an SRB, at up to DISPATCH_LEVEL.
     NTSTATUS dispatch_scsi(PIRP irp);
     // ScsiPortNotification.
@@ -55,6 +59,7 @@ public:
 
     // Called by the pump at DISPATCH_LEVEL, without locks, after BusChangeDetected.
     std::function<void()> on_bus_change;
+    std::string arguments;  // of HwFindAdapter
     // Called at PASSIVE_LEVEL between HwFindAdapter and HwInitialize.
     std::function<void(PDRIVER_OBJECT)> before_initialize;
 
@@ -72,8 +77,6 @@ private:
     ULONG find_adapter(std::unique_ptr<std::byte[]>& extension, PORT_CONFIGURATION_INFORMATION& found);
     NTSTATUS check_configuration() const;
     void configure_queues();
-    bool start_miniport();
-
     UCHAR refusal(const SCSI_REQUEST_BLOCK& srb) const;
     void pump();
     bool step();
@@ -106,6 +109,8 @@ private:
 
     // Pump's own.
     bool ready_for_next_ = true;
+    bool undisturbed_ =
+        false;  // an SRB that must not disconnect is down: nothing follows it until it is back
     bool bus_change_pending_ = false;
     SrbSlot* first_completed_ = nullptr;
     SrbSlot* last_completed_ = nullptr;

@@ -11,6 +11,7 @@ namespace {
 constexpr std::uint8_t inquiry_bytes = 36;
 constexpr std::uint8_t capacity_bytes = 8;
 constexpr std::uint32_t scan_timeout_seconds = 4;
+constexpr unsigned attempts_max = 4;
 constexpr std::uint8_t no_unit = 3;  // peripheral qualifier
 
 }  // namespace
@@ -74,6 +75,8 @@ std::vector<LunInfo> BusScan::look()
         if (!inquire(lun, info))
             continue;
         info.sectors = read_capacity(lun);
+        if (Machine::current().config().curious_class_driver)
+            look_closely(lun);
         if (devices_[lun] == nullptr)
             devices_[lun] = adapter.create_device(FILE_DEVICE_DISK);
         found.push_back(info);
@@ -84,7 +87,8 @@ std::vector<LunInfo> BusScan::look()
 bool BusScan::inquire(std::uint8_t lun, LunInfo& info)
 {
     info.lun = lun;
-    return ask(lun, SCSIOP_INQUIRY, info.inquiry.data(), inquiry_bytes) && info.inquiry[0] >> 5 != no_unit;
+    return ask(lun, {SCSIOP_INQUIRY, 0, 0, 0, inquiry_bytes}, info.inquiry.data(), inquiry_bytes) &&
+           info.inquiry[0] >> 5 != no_unit;
 }
 
 // 0: no medium.
@@ -95,28 +99,51 @@ std::uint32_t BusScan::read_capacity(std::uint8_t lun)
         formats::Be32 sector_bytes;
     } capacity{};
     static_assert(sizeof(capacity) == capacity_bytes);
-    if (!ask(lun, SCSIOP_READ_CAPACITY, &capacity, capacity_bytes))
+    if (!ask(lun, {SCSIOP_READ_CAPACITY}, &capacity, capacity_bytes))
         return 0;
     const std::uint32_t last = capacity.last_sector.get();
     return last == UINT32_MAX ? UINT32_MAX : last + 1;
 }
 
-// One command that brings data, once.
-bool BusScan::ask(std::uint8_t lun, std::uint8_t operation_code, void* answer, std::uint8_t answer_bytes)
+// What a class driver likes to know before it uses a disk; whatever the answers are.
+void BusScan::look_closely(std::uint8_t lun)
+{
+    constexpr std::uint8_t product_data_pages[] = {0x00, 0x80, 0x83}, mode_pages[] = {0x3F, 0x08, 0x1C};
+    constexpr std::uint8_t page_bytes = 192;
+    std::array<std::uint8_t, 512> answer{};
+    for (const std::uint8_t page : product_data_pages)
+        ask(lun, {SCSIOP_INQUIRY, 1, page, 0, page_bytes}, answer.data(), page_bytes);
+    for (const std::uint8_t page : mode_pages)
+        ask(lun, {SCSIOP_MODE_SENSE, 0, page, 0, page_bytes}, answer.data(), page_bytes);
+    ask(lun, {SCSIOP_TEST_UNIT_READY}, nullptr, 0);
+    ask(lun, {SCSIOP_READ, 0, 0, 0, 0, 0, 0, 0, 1}, answer.data(), answer.size());
+}
+
+// One command, repeated while it is refused. The last try may not be disturbed by others.
+bool BusScan::ask(std::uint8_t lun, const std::array<std::uint8_t, 16>& cdb, void* answer,
+                  std::uint32_t answer_bytes)
 {
     ScsiRequest request(port_);
     request.lun = lun;
-    request.cdb = {operation_code};
-    request.cdb_bytes = operation_code == SCSIOP_INQUIRY ? 6 : 10;
-    if (operation_code == SCSIOP_INQUIRY)
-        request.cdb[4] = answer_bytes;
+    request.cdb = cdb;
+    request.cdb_bytes = cdb[0] < SCSIOP_READ_CAPACITY ? 6 : 10;
     request.data = answer;
     request.data_bytes = answer_bytes;
-    request.srb_flags = SRB_FLAGS_DATA_IN | SRB_FLAGS_DISABLE_SYNCH_TRANSFER | SRB_FLAGS_NO_QUEUE_FREEZE |
-                        SRB_FLAGS_BYPASS_FROZEN_QUEUE;
     request.timeout_seconds = scan_timeout_seconds;
-    port_.execute(request);
-    return request.ok() || SRB_STATUS(request.srb_status) == SRB_STATUS_DATA_OVERRUN;
+    for (unsigned attempt = 1; attempt <= attempts_max; ++attempt) {
+        request.srb_flags =
+            SRB_FLAGS_DISABLE_SYNCH_TRANSFER | SRB_FLAGS_NO_QUEUE_FREEZE | SRB_FLAGS_BYPASS_FROZEN_QUEUE;
+        if (answer_bytes != 0)
+            request.srb_flags |= SRB_FLAGS_DATA_IN;
+        if (attempt == attempts_max)
+            request.srb_flags |= SRB_FLAGS_DISABLE_DISCONNECT;
+        port_.execute(request);
+        if (request.ok() || SRB_STATUS(request.srb_status) == SRB_STATUS_DATA_OVERRUN)
+            return true;
+        if (!request.sense())
+            return false;  // nobody there
+    }
+    return false;
 }
 
 std::vector<LunInfo> BusScan::luns() const

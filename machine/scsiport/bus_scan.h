@@ -35,7 +35,9 @@ private:
     std::vector<LunInfo> look();
     bool inquire(std::uint8_t lun, LunInfo& info);
     std::uint32_t read_capacity(std::uint8_t lun);
-    bool ask(std::uint8_t lun, std::uint8_t operation_code, void* answer, std::uint8_t answer_bytes);
+    void look_closely(std::uint8_t lun);
+    bool ask(std::uint8_t lun, const std::array<std::uint8_t, 16>& cdb, void* answer,
+             std::uint32_t answer_bytes);
 
     ScsiPort& port_;
     KEVENT turn_;  // signalled while nobody scans

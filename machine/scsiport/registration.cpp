@@ -156,11 +156,11 @@ ULONG Adapter::find_adapter(std::unique_ptr<std::byte[]>& extension, PORT_CONFIG
     while (again && result == SP_RETURN_NOT_FOUND) {
         extension = std::make_unique<std::byte[]>(registration_.DeviceExtensionSize);
         found = proposed_configuration();
-        char no_arguments[] = "";
+        std::string text = arguments;
         again = FALSE;
         InMiniport call(*this, Call::find_adapter, extension.get());
         result =
-            registration_.HwFindAdapter(extension.get(), hw_context_, nullptr, no_arguments, &found, &again);
+            registration_.HwFindAdapter(extension.get(), hw_context_, nullptr, text.data(), &found, &again);
         call.check_irql();
     }
     if (result == SP_RETURN_FOUND && again) {

@@ -68,6 +68,16 @@ unsigned ScsiPort::search_adapter_again()
     return internals_->adapter.search_again();
 }
 
+void ScsiPort::set_adapter_arguments(std::string arguments)
+{
+    internals_->adapter.arguments = std::move(arguments);
+}
+
+bool ScsiPort::initialize_again()
+{
+    return internals_->adapter.start_miniport();
+}
+
 // Hands a long transfer down piece by piece; set_piece is set_read or set_write.
 template <typename Byte, typename SetPiece>
 static bool transfer(ScsiPort& port, Byte* data, std::uint32_t lba, std::uint32_t bytes, SetPiece set_piece)

@@ -117,6 +117,11 @@ public:
     // (PASSIVE_LEVEL). Returns what HwFindAdapter returned, SP_RETURN_...; nothing is started.
     unsigned search_adapter_again();
 
+    // The argument string that HwFindAdapter gets; empty by default. Set before boot.
+    void set_adapter_arguments(std::string arguments);
+    // HwInitialize once more, as after a change of power, at any time (PASSIVE_LEVEL). What it returned.
+    bool initialize_again();
+
     // HwResetBus, as a class driver would ask for it.
     bool reset_bus();
 

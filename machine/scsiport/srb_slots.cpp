@@ -11,6 +11,7 @@ namespace {
 
 constexpr auto unused_fill = std::byte{0xB5};  // what a miniport finds in a new extension
 constexpr auto retired_fill = std::byte{0xDD};
+constexpr std::uintptr_t own_fill = 0xB5B5B5B5;  // in fields that are the port driver's
 constexpr auto guard_fill = std::byte{0x6C};
 constexpr std::size_t guard_bytes = 16;
 constexpr std::size_t extension_alignment_bytes = 16;
@@ -56,7 +57,24 @@ SrbSlot& SrbSlots::take(PIRP irp, PSCSI_REQUEST_BLOCK srb)
     slot.requested_bytes = srb->DataTransferLength;
     slot.complete = false;
     srb->SrbExtension = slot.extension;
+    slot.original_request = srb->OriginalRequest;
+    slot.next_srb = srb->NextSrb;
+    slot.queue_sort_key = srb->QueueSortKey;
+    if (strict_) {
+        srb->OriginalRequest = reinterpret_cast<PVOID>(own_fill);
+        srb->NextSrb = reinterpret_cast<PSCSI_REQUEST_BLOCK>(own_fill);
+        srb->QueueSortKey = own_fill;
+    }
     return slot;
+}
+
+void SrbSlots::restore(SrbSlot& slot)
+{
+    PSCSI_REQUEST_BLOCK srb = slot.srb;
+    srb->SrbExtension = nullptr;
+    srb->OriginalRequest = slot.original_request;
+    srb->NextSrb = slot.next_srb;
+    srb->QueueSortKey = slot.queue_sort_key;
 }
 
 // Slots go to the end of the list, so that an extension rests as long as possible before its next use

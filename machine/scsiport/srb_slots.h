@@ -26,16 +26,22 @@ struct SrbSlot {
     std::uint32_t requested_bytes = 0;  // DataTransferLength on the way down
     std::uint8_t tag = SP_UNTAGGED;
     bool bypass = false;
-    bool complete = false;  // the miniport has completed it; it is on its way back to the sender
+    bool undisturbed = false;  // SRB_FLAGS_DISABLE_DISCONNECT
+    bool complete = false;     // the miniport has completed it; it is on its way back to the sender
     std::byte* extension = nullptr;
     SrbSlot* next = nullptr;
     SCSI_REQUEST_BLOCK at_completion{};  // strict: the SRB as the miniport completed it
+    // Fields that are the port driver's own while the SRB is down, as the sender set them.
+    PVOID original_request = nullptr;
+    PSCSI_REQUEST_BLOCK next_srb = nullptr;
+    ULONG queue_sort_key = 0;
 };
 
 class SrbSlots {
 public:
     // strict: extensions are never clean when they are handed out, and are watched for writes beyond
-    // their end and after completion.
+    // their end and after completion; fields of an SRB that are the port driver's hold nothing of use to
+    // others.
     void configure(unsigned count, std::uint32_t extension_bytes, bool strict);
 
     unsigned available() const { return available_; }
@@ -49,6 +55,8 @@ public:
     void retire(SrbSlot& slot);
     // Strict: stops when the SRB was changed since retire().
     void check_untouched(const SrbSlot& slot) const;
+    // Gives the sender the fields back that the port driver used.
+    void restore(SrbSlot& slot);
 
     std::vector<SrbSlot>& all() { return slots_; }
 

@@ -5,9 +5,10 @@
 
 namespace machine {
 
-void UnitQueues::configure(unsigned luns, unsigned depth)
+void UnitQueues::configure(unsigned luns, unsigned depth, bool one_at_a_time)
 {
     depth_ = depth;
+    one_at_a_time_ = one_at_a_time;
     units_ = std::vector<Unit>(luns + 1);
     for (Unit& unit : units_)
         std::iota(unit.free_tags.begin(), unit.free_tags.end(), std::uint8_t{0});
@@ -54,6 +55,7 @@ PIRP UnitQueues::next()
             continue;
         PIRP irp = unit.waiting.pop_front();
         ++unit.active;
+        unit.drawn = false;
         refresh(unit);
         return irp;
     }
@@ -71,6 +73,12 @@ void UnitQueues::refresh(Unit& unit)
     else
         last_ready_->next_ready = &unit;
     last_ready_ = &unit;
+}
+
+void UnitQueues::draw(Unit& unit)
+{
+    unit.drawn = true;
+    refresh(unit);
 }
 
 bool UnitQueues::release_held()

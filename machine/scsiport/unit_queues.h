@@ -24,6 +24,7 @@ struct Unit {
     unsigned busy_retries = 0;  // answers BUSY in a row
     bool frozen = false;        // after an error, until the class driver releases the queue
     bool held = false;          // after BUSY, until a completion or the next second
+    bool drawn = true;          // fed one at a time: an SRB has come back since the last went down
     bool on_ready_list = false;
     Unit* next_ready = nullptr;
     std::array<std::uint8_t, unit_depth> free_tags{};  // from tags_in_use on
@@ -32,8 +33,9 @@ struct Unit {
 
 class UnitQueues {
 public:
-    // depth: normal SRBs in flight for each unit, at most unit_depth.
-    void configure(unsigned luns, unsigned depth);
+    // depth: normal SRBs in flight for each unit, at most unit_depth. one_at_a_time: a unit gets the next
+    // when one has come back.
+    void configure(unsigned luns, unsigned depth, bool one_at_a_time);
 
     // The unit of a LUN; all addresses that the adapter does not have share one more unit.
     Unit& unit_at(unsigned path, unsigned target, unsigned lun);
@@ -51,8 +53,10 @@ public:
     // Takes the next SRB that may go down now; null when there is none.
     PIRP next();
 
-    // To be called when a unit may have become able to send: released, or an SRB came back.
+    // To be called when a unit may have become able to send.
     void refresh(Unit& unit);
+    // An SRB of the unit came back.
+    void draw(Unit& unit);
     // Ends the pause of all units that answered BUSY. True when there were any.
     bool release_held();
 
@@ -62,10 +66,12 @@ public:
 private:
     bool can_send(const Unit& unit) const
     {
-        return !unit.frozen && !unit.held && !unit.waiting.empty() && unit.active < depth_;
+        return !unit.frozen && !unit.held && !unit.waiting.empty() && unit.active < depth_ &&
+               (unit.drawn || !one_at_a_time_);
     }
 
     unsigned depth_ = unit_depth;
+    bool one_at_a_time_ = false;
     std::vector<Unit> units_;
     IrpList bypassing_;
     Unit* first_ready_ = nullptr;

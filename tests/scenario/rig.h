@@ -44,6 +44,8 @@ struct Plan {
     std::map<std::string, std::uint32_t> settings{};  // registry values of the service key
     bool reset_ports_work = true;
     std::uint16_t base_memory_kb = 600;
+    machine::Feeding feeding = machine::Feeding::eager;
+    bool curious_class_driver = false;
     std::vector<machine::MemoryRange> memory_ranges{};  // empty: the machine's own
     // Has the last word on the block that is handed over; the servers serve the disks as planned.
     std::function<void(formats::Boot_Param&)> adjust_block = nullptr;
