@@ -16,6 +16,7 @@ set(QRN_DRIVER_SOURCES
     miniport/scsi_commands.cpp
     miniport/completion.cpp
     engine/queues.cpp
+    engine/holds.cpp
     engine/worker.cpp
     engine/chunk.cpp
     engine/route.cpp

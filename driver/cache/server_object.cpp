@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "driver/cache/server_object.h"
 
+#include "driver/engine/holds.h"
 #include "driver/engine/route.h"
 #include "driver/net/exchange.h"
 #include "driver/net/packet.h"
@@ -39,10 +40,18 @@ LONG SR_RW::Write(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
     auto pEntry = reinterpret_cast<RW_Entry*>(Ctx);
     Run_Switch Switch(pEntry, Sector, pBuffer);
     ULONG Own_Lun = pEntry->Lun;
-    Pkt_Init(pEntry, Lun, Direction_Write);
-    Pkt_Tag(pEntry, Write_Slot_Index(pEntry), Bytes);
-    LONG Done = Net_Send_Wait(pEntry, Bytes);
+    Hold_Kind Own_Hold = pEntry->Hold;
+    LONG Done;
+    {
+        Disk_Turn Turn(Own_Lun, Lun);
+        Pkt_Init(pEntry, Lun, Direction_Write);
+        Pkt_Tag(pEntry, Write_Slot_Index(pEntry), Bytes);
+        Done = Net_Send_Wait(pEntry, Bytes);
+    }
     Pkt_Init(pEntry, Own_Lun, Direction_Write);
+    // A write-back for another disk that was given up is none of this chunk's business.
+    if (Lun != Own_Lun)
+        pEntry->Hold = Own_Hold;
     return Done > 0 ? Done : -Bytes;
 }
 

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "driver/engine/chunk.h"
 
+#include "driver/common/bytes.h"
 #include "driver/common/locks.h"
+#include "driver/engine/holds.h"
 #include "driver/engine/queues.h"
 #include "driver/engine/route.h"
 #include "driver/miniport/completion.h"
@@ -23,12 +25,14 @@ static void Restore_Setup(RW_Entry* pEntry, const RW_Req* pReq)
     RtlCopyMemory(pEntry->Hdr.Disk_Parm, pHdr->Disk_Parm, sizeof pHdr->Disk_Parm);
 }
 
-// The first record whose disk has a free slot. An internal record waits until nothing stands behind it.
+// The first record whose disk has a free slot and may hold a worker. An internal record waits until nothing
+// stands behind it.
 static RW_Req* First_Ready()
 {
     for (PLIST_ENTRY pLink = Active_List.Flink; pLink != &Active_List; pLink = pLink->Flink) {
         RW_Req* pReq = CONTAINING_RECORD(pLink, RW_Req, Link);
-        if (Lun_Stats[pReq->Lun].Free_Slots > 0 && (pReq->pSrb || pLink->Flink == &Active_List))
+        if (Lun_Stats[pReq->Lun].Free_Slots > 0 && (pReq->pSrb || pLink->Flink == &Active_List) &&
+            May_Hold(pReq->Lun))
             return pReq;
     }
     return nullptr;
@@ -41,8 +45,10 @@ static RW_Entry* Take_Slot_Block()
 
 static void Give_Slot_Block_Back(RW_Entry* pBlock)
 {
-    if (pBlock)
-        ExInterlockedInsertTailList(&pRW_List, &pBlock->Link, &Active_Lock);
+    if (!pBlock)
+        return;
+    Spin_Guard Guard(Active_Lock);
+    InsertTailList(&pRW_List, &pBlock->Link);
 }
 
 // Tags the chunk: once for all chunks of a read, each write chunk for itself. When every slot block is
@@ -60,25 +66,47 @@ static void Tag_Chunk(RW_Entry* pEntry, RW_Req* pReq, bool First, LONG Bytes)
     }
 }
 
+// Whether chunks of the record are left to be picked. An empty record is picked once, for its end.
+static bool Has_Chunks(const RW_Req* pReq)
+{
+    const ULONG(&Again)[Again_Words] = pReq->Setup.Again;
+    return pReq->Chunk_Next * pReq->Setup.Pkt.Split_Size < pReq->Bytes || (Again[0] | Again[1]) != 0;
+}
+
+// The number of the next chunk: of those that are to be run again, if there are any.
+static ULONG Take_Chunk(RW_Req* pReq)
+{
+    for (ULONG Word = 0; Word < Again_Words; ++Word) {
+        ULONG& Again = pReq->Setup.Again[Word];
+        if (Again == 0)
+            continue;
+        auto Bit = static_cast<ULONG>(__builtin_ctz(Again));
+        Again &= Again - 1;
+        return Word * Again_Word_Bits + Bit;
+    }
+    return pReq->Chunk_Next++;
+}
+
 static Chunk Pick_Next(RW_Entry* pEntry, RW_Req* pReq)
 {
-    ULONG Index = pReq->Chunk_Next++;
+    bool First = pReq->Chunk_Next == 0;
+    ULONG Index = Take_Chunk(pReq);
     auto Size = static_cast<LONG>(pReq->Setup.Pkt.Split_Size);
     LONG Offset = Size * static_cast<LONG>(Index);
-    Chunk Picked{pReq, Size, static_cast<LONG>(pReq->Bytes) - Offset};
-    if (Picked.Rest <= Size) {
-        Picked.Bytes = Picked.Rest;
-        Picked.Rest = 0;
+    Chunk Picked{pReq, Index, Smaller(Size, static_cast<LONG>(pReq->Bytes) - Offset), Left::Nothing};
+    if (Has_Chunks(pReq))
+        Picked.Rest = Left::Chunks;
+    else
         RemoveEntryList(&pReq->Link);
-    }
-    if (InterlockedDecrement(&Lun_Stats[pReq->Lun].Free_Slots) <= 0)
-        Picked.Rest = -Picked.Rest;
+    Hold_Begin(pReq->Lun);
+    if (InterlockedDecrement(&Lun_Stats[pReq->Lun].Free_Slots) <= 0 && Picked.Rest == Left::Chunks)
+        Picked.Rest = Left::Chunks_Without_Slot;
 
     Restore_Setup(pEntry, pReq);
     pEntry->pData = pReq->pBuffer + Offset;
     pEntry->Sector = pReq->Sector + static_cast<ULONG>(Offset >> 9);
     pEntry->Hdr.Pkt_Index = static_cast<UCHAR>(Index);  // a chunk with a tag of its own restarts at 0
-    Tag_Chunk(pEntry, pReq, Index == 0, Picked.Bytes);
+    Tag_Chunk(pEntry, pReq, First, Picked.Bytes);
     return Picked;
 }
 
@@ -94,22 +122,23 @@ bool Chunk_Pick(RW_Entry* pEntry, Chunk& Picked)
 // An internal record goes straight from its own buffer to the network.
 static void Run_Internal(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes)
 {
-    if (pReq->Status == Req_Failed)
+    LONG Status = pReq->Status;
+    if (Status == Req_Failed)
         return;
-    auto Operation = static_cast<USHORT>(pReq->Status);
+    auto Operation = static_cast<USHORT>(Status);
     pEntry->Hdr.Sub_Code = static_cast<UCHAR>(Operation);
     pEntry->Hdr.Kind = static_cast<UCHAR>(Operation >> 8);
-    if (Net_Send_Wait(pEntry, Bytes) <= 0)
+    if (Net_Send_Wait(pEntry, Bytes) <= 0 && pEntry->Hold != Hold_Kind::Let_Go)
         pReq->Status = Req_Failed;
 }
 
 // Lets others go on while this worker runs its chunk.
 static void Wake_Others(const RW_Entry* pEntry, const Chunk& Picked)
 {
-    if (Picked.Rest == 0)
+    if (Picked.Rest == Left::Nothing)
         Chan_Send(static_cast<Hw_Ext*>(Picked.pReq->pDone), nullptr, pEntry->Lun);
-    else if (Picked.Rest > 0)
-        KeReleaseSemaphore(&RW_Sem, IO_NO_INCREMENT, 1, FALSE);
+    else if (Picked.Rest == Left::Chunks)
+        Wake_Worker();
 }
 
 static void Run_Srb(RW_Entry* pEntry, const Chunk& Picked)
@@ -120,24 +149,41 @@ static void Run_Srb(RW_Entry* pEntry, const Chunk& Picked)
     if (pReq->Write && Picked.Bytes > 0)
         RtlCopyMemory(pEntry->Bounce, pCaller, static_cast<SIZE_T>(Picked.Bytes));
     pEntry->pData = pEntry->Bounce;
-    for (LONG Left = Picked.Bytes; Left > 0;) {
-        LONG Done = Route_Piece(pEntry, pReq, Left);
-        Left -= Done;
+    for (LONG Bytes = Picked.Bytes; Bytes > 0 && pEntry->Hold != Hold_Kind::Let_Go;) {
+        LONG Done = Route_Piece(pEntry, pReq, Bytes);
+        Bytes -= Done;
         pEntry->pData += Done;
         pEntry->Sector += static_cast<ULONG>(Done >> 9);
     }
     auto Processed = static_cast<SIZE_T>(pEntry->pData - pEntry->Bounce);
     pEntry->pData = pCaller;
-    if (!pReq->Write && Processed > 0)
+    if (!pReq->Write && Processed > 0 && pEntry->Hold != Hold_Kind::Let_Go)
         RtlCopyMemory(pCaller, pEntry->Bounce, Processed);
     Give_Slot_Block_Back(pEntry->pWr_Slot);
     pEntry->pWr_Slot = nullptr;
+}
+
+// The chunk goes back to its record. The sectors of a write that is tagged afresh then count once.
+static void Run_Again_Later(RW_Entry* pEntry, const Chunk& Picked)
+{
+    RW_Req* pReq = Picked.pReq;
+    if (pReq->Write && !pEntry->Setup.pMC_Write)
+        InterlockedExchangeAdd(&pEntry->Setup.pCounters->Secs, -(Picked.Bytes >> 9));
+    InterlockedIncrement(&Lun_Stats[pEntry->Lun].Free_Slots);
+    {
+        Spin_Guard Guard(Active_Lock);
+        if (!Has_Chunks(pReq))
+            InsertTailList(&Active_List, &pReq->Link);
+        pReq->Setup.Again[Picked.Index / Again_Word_Bits] |= 1u << Picked.Index % Again_Word_Bits;
+    }
+    Hold_End(pEntry->Lun);
 }
 
 // After the last chunk the record belongs to its owner again.
 static void Finish_Chunk(RW_Entry* pEntry, RW_Req* pReq)
 {
     InterlockedIncrement(&Lun_Stats[pEntry->Lun].Free_Slots);
+    Hold_End(pEntry->Lun);
     if (InterlockedDecrement(&pReq->Chunk_Nums) > 0)
         return;
     Give_Slot_Block_Back(pReq->pSlot);
@@ -146,9 +192,14 @@ static void Finish_Chunk(RW_Entry* pEntry, RW_Req* pReq)
 
 void Chunk_Run(RW_Entry* pEntry, const Chunk& Picked)
 {
+    pEntry->Hold = Picked.Index < Again_Max ? Hold_Kind::Loose : Hold_Kind::Firm;
+    pEntry->pNotify = Picked.pReq->pSrb ? Picked.pReq->pDone : nullptr;
     if (Picked.pReq->pSrb)
         Run_Srb(pEntry, Picked);
     else
         Run_Internal(pEntry, Picked.pReq, Picked.Bytes);
-    Finish_Chunk(pEntry, Picked.pReq);
+    if (pEntry->Hold == Hold_Kind::Let_Go)
+        Run_Again_Later(pEntry, Picked);
+    else
+        Finish_Chunk(pEntry, Picked.pReq);
 }

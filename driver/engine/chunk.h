@@ -7,17 +7,24 @@
 
 struct RW_Req;
 
+// What a pick leaves of its record.
+enum class Left {
+    Nothing,
+    Chunks,               // another worker may take the next at once
+    Chunks_Without_Slot,  // the disk has no free slot for them
+};
+
 struct Chunk {
     RW_Req* pReq;
+    ULONG Index;
     LONG Bytes;
-    // What the pick leaves of the record: 0, this was its last chunk; positive, more chunks that another
-    // worker may take at once; negative, more chunks but no free slot of the disk.
-    LONG Rest;
+    Left Rest;
 };
 
 // Picks the next chunk of the first admitted record that may run and sets the entry up for it. False
 // when there is none.
 bool Chunk_Pick(RW_Entry* pEntry, Chunk& Picked);
 
-// Runs a picked chunk to its end; the worker that ends a record's last chunk completes the record.
+// Runs a picked chunk to its end; the worker that ends a record's last chunk completes the record. A chunk
+// whose worker other disks need goes back to its record and is picked again later.
 void Chunk_Run(RW_Entry* pEntry, const Chunk& Picked);

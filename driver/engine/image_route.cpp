@@ -76,7 +76,7 @@ void Open_Local_Drive()
     if (pLocal_Drive)
         return;
     char Name[] = "PhysicalDrive0";
-    Name[sizeof Name - 2] = static_cast<char>('0' + Valid_Luns());
+    Name[sizeof Name - 2] = static_cast<char>('0' + Lun_Count());
     PDEVICE_OBJECT pDrive = QRNH_FSD_Obj(Name);
     if (!pDrive)
         return;

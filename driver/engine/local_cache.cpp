@@ -3,6 +3,8 @@
 
 #include "driver/cache/cache_setup.h"
 #include "driver/common/locks.h"
+#include "driver/engine/holds.h"
+#include "driver/engine/queues.h"
 #include "driver/net/exchange.h"
 #include "driver/startup/boot_param.h"
 #include "driver/startup/memory_probe.h"
@@ -19,7 +21,7 @@ static USHORT Memory_Tag()
 }
 
 // Asks the disk's server: a read of the sector before the disk. No answer is one of zeros.
-static void Query(RW_Entry* pEntry, NegotiationReply& Reply)
+static void Query(RW_Entry* pEntry, PVOID pNotify, NegotiationReply& Reply)
 {
     formats::WireHeader& Hdr = pEntry->Hdr;
     UCHAR Sub_Code = Hdr.Sub_Code;
@@ -30,6 +32,8 @@ static void Query(RW_Entry* pEntry, NegotiationReply& Reply)
     pEntry->pData = reinterpret_cast<UCHAR*>(&Reply);
     Hdr.Pkt_Index = 0;
     Hdr.Tag.set(Memory_Tag());
+    pEntry->Hold = Hold_Kind::Loose;
+    pEntry->pNotify = pNotify;
     if (Net_Send_Wait(pEntry, sizeof Reply) <= 0)
         RtlZeroMemory(&Reply, sizeof Reply);
     Hdr.Sub_Code = Sub_Code;
@@ -44,28 +48,42 @@ static void Print_Reply(const NegotiationReply& Reply)
     DbgPrint("\nQRN Local_Cache Info: %08X %d %s", Reply.Cache_Word.get(), Reply.Value.get(), Text);
 }
 
-static LONG Negotiate(RW_Entry* pEntry, Local_Cache_Record& Record)
+// False when other disks needed the worker before the server had answered.
+static bool Negotiate(RW_Entry* pEntry, PVOID pNotify, Local_Cache_Record& Record)
 {
     NegotiationReply Reply;
-    Query(pEntry, Reply);
+    Query(pEntry, pNotify, Reply);
+    if (pEntry->Hold == Hold_Kind::Let_Go)
+        return false;
     Print_Reply(Reply);
     bool Wanted = (pEntry->Setup.Disk_Parms.Disk_Flags & formats::disk_flag_ram_cache) != 0;
     if (Wanted && Reply.Cache_Word.get() != 0 && !Record.pMC_Write)
         Record.pMC_Write = QRN_MC_Init(Reply.Cache_Word.get() & 0xFFFF, pEntry->Lun);
-    return Record.pMC_Write ? Cache_In_Use : Cache_None;
+    Record.State = Record.pMC_Write ? Cache_In_Use : Cache_None;
+    return true;
 }
 
-LONG Local_Init(RW_Entry* pEntry)
+// Nobody waits for another's negotiation: the workers are for the other disks meanwhile.
+static void Settle(RW_Entry* pEntry, PVOID pNotify, Local_Cache_Record& Record)
+{
+    if (!May_Hold(pEntry->Lun) || !Mutex_Try(Record.Lock))
+        return;
+    bool Settled = false;
+    if (Record.State == Cache_Unknown) {
+        Disk_Hold Hold(pEntry->Lun);
+        Settled = Negotiate(pEntry, pNotify, Record);
+    }
+    Mutex_Give(Record.Lock);
+    if (Settled)
+        DbgPrint("\nQRN Local Init: Lun:%d %d %X %X", pEntry->Lun, Record.State, Record.pMC_Write, 0);
+    Unpark_Records();
+}
+
+LONG Local_Init(RW_Entry* pEntry, PVOID pNotify)
 {
     Local_Cache_Record& Record = Local_Cache[pEntry->Lun];
-    if (Record.State == Cache_Unknown) {
-        {
-            Mutex_Guard Guard(Record.Lock);
-            if (Record.State == Cache_Unknown)
-                Record.State = Negotiate(pEntry, Record);
-        }
-        DbgPrint("\nQRN Local Init: Lun:%d %d %X %X", pEntry->Lun, Record.State, Record.pMC_Write, 0);
-    }
+    if (Record.State == Cache_Unknown)
+        Settle(pEntry, pNotify, Record);
     pEntry->Setup.pMC_Write = Record.pMC_Write;
     return Record.State;
 }

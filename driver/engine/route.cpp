@@ -33,6 +33,8 @@ static LONG Route_Network(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes, LONG Left)
         Pkt_Tag(pEntry, Write_Slot_Index(pEntry), Left);
     if (Net_Send_Wait(pEntry, Bytes) > 0)
         return Bytes;
+    if (pEntry->Hold == Hold_Kind::Let_Go)
+        return Left;
     LONG Done = Images_Take_Part() ? Img_Server_Lost(pEntry, pReq, Bytes) : -Bytes;
     if (Done > 0)
         return Done;
@@ -50,7 +52,7 @@ LONG Route_Piece(RW_Entry* pEntry, RW_Req* pReq, LONG Left)
         Done = Route_Cache(pEntry, pReq, -Done);
     if (Done < 0)
         Done = Route_Network(pEntry, pReq, -Done, Left);
-    if (Images && pReq->Write && pReq->Status != Req_Failed)
+    if (Images && pReq->Write && pReq->Status != Req_Failed && pEntry->Hold != Hold_Kind::Let_Go)
         Img_Written_Past(pEntry, pReq, Done);
     return Done;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "driver/engine/worker.h"
 
+#include "driver/common/locks.h"
 #include "driver/common/pool.h"
 #include "driver/engine/chunk.h"
 #include "driver/engine/local_cache.h"
@@ -73,15 +74,21 @@ static void Admit(RW_Entry* pEntry, RW_Req* pReq)
         return;
     }
     Pkt_Init(pEntry, pReq->Lun, pReq->Write);
-    Local_Init(pEntry);
+    ULONG Round = Parking_Round();
+    if (Local_Init(pEntry, pReq->pSrb ? pReq->pDone : nullptr) == Cache_Unknown) {
+        Park_Record(pReq, Round);
+        return;
+    }
     ULONG Split_Size = Chunk_Size(pEntry, pReq);
     pEntry->Setup.Split_Size = Split_Size;
     pReq->Setup.Pkt = pEntry->Setup;
     RtlCopyMemory(pReq->Setup.Hdr, &pEntry->Hdr, sizeof pReq->Setup.Hdr);
+    RtlZeroMemory(pReq->Setup.Again, sizeof pReq->Setup.Again);
     pReq->Chunk_Nums = Split_Size ? static_cast<LONG>((pReq->Bytes + Split_Size - 1) / Split_Size) : 0;
     pReq->Chunk_Next = 0;
     pReq->pSlot = nullptr;
-    ExInterlockedInsertTailList(&Active_List, &pReq->Link, &Active_Lock);
+    Spin_Guard Guard(Active_Lock);
+    InsertTailList(&Active_List, &pReq->Link);
 }
 
 static void Work(RW_Entry* pEntry)

@@ -30,6 +30,13 @@ struct Pkt_Setup {
 };
 static_assert(sizeof(Pkt_Setup) == 24);
 
+// How a worker is held by the disk that it serves (engine/holds.h).
+enum class Hold_Kind : UCHAR {
+    Firm,    // to the end of the run
+    Loose,   // until other disks need the worker: the run can be done again
+    Let_Go,  // they did: the network has given the run up, and it is to be done again
+};
+
 // A worker and its packet in flight. Only its own thread touches a block, but for the fields that
 // Ack_Lock guards and those that match answers: the receive thread reads Hdr, pData and Length under
 // Ack_Lock while Frag_Mask is not 0, and the worker changes them only while it is 0.
@@ -44,6 +51,8 @@ struct RW_Entry {
     UCHAR* pData;        // next byte of the current piece
     ULONG Sector;        // engine sector at pData
     RW_Entry* pWr_Slot;  // slot block of the write chunk in progress, or null
+    Hold_Kind Hold;
+    PVOID pNotify;  // the Hw_Ext of the request in progress, or null
     Pkt_Setup Setup;
     formats::WireHeader Hdr;  // Worker_Byte's low 3 bits are this worker's index, for ever
     alignas(8) UCHAR Bounce[Bounce_Bytes];

@@ -43,16 +43,34 @@ static void Fill_Configuration(PPORT_CONFIGURATION_INFORMATION pConfig)
     pConfig->MaximumNumberOfLogicalUnits = formats::disk_count_max;
 }
 
-static ULONG NTAPI HwFindAdapter(PVOID HwDeviceExtension, PVOID, PVOID, PCHAR,
+// The port driver's arguments say that the system goes down with a crash dump or into hibernation, where no
+// thread of the driver runs and no disk can be served.
+static bool For_Dump(PCSTR Arguments)
+{
+    constexpr char Mark[] = "dump=1";
+    for (; Arguments && *Arguments; ++Arguments) {
+        SIZE_T Same = 0;
+        while (Mark[Same] && Arguments[Same] == Mark[Same])
+            ++Same;
+        if (!Mark[Same])
+            return true;
+    }
+    return false;
+}
+
+static ULONG NTAPI HwFindAdapter(PVOID HwDeviceExtension, PVOID, PVOID, PCHAR Arguments,
                                  PPORT_CONFIGURATION_INFORMATION pConfig, PBOOLEAN pAgain)
 {
     *pAgain = FALSE;
+    if (For_Dump(Arguments))
+        return SP_RETURN_NOT_FOUND;
     DbgPrint("\nQRN SCSI: HwFindAdapter %X %d", HwDeviceExtension, Boot_Param.Lun_Nums);
     if (InterlockedCompareExchange(&Stop_Level, Stop_Adapter_Found, Stop_Loaded) != Stop_Loaded)
         return SP_RETURN_NOT_FOUND;
     if (Boot_Param.Lun_Nums != Presented_Disks())
         Bus_Change_Timer(HwDeviceExtension);
     auto pExt = static_cast<Hw_Ext*>(HwDeviceExtension);
+    pExt->pChan_Irp = nullptr;
     KeInitializeEvent(&pExt->Chan_Free, SynchronizationEvent, FALSE);
     Gate_Init(pExt->Chan_Gate);
     Fill_Configuration(pConfig);
@@ -93,13 +111,19 @@ static bool Carries_Srb(PIO_STACK_LOCATION pStack)
     }
 }
 
-// The time-outs of a request are the driver's own; the port driver counts none. Callers' threads, up to
+// The time-outs of a request are the driver's own; the port driver counts none. And while an SRB is here that
+// must not disconnect, a port driver sends nothing else, completion notices included, so that nothing would
+// ever complete: class drivers mark the last try of a refused request so. Callers' threads, up to
 // DISPATCH_LEVEL.
 static NTSTATUS NTAPI Scsi_Dispatch_Hook(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 {
     PIO_STACK_LOCATION pStack = IoGetCurrentIrpStackLocation(Irp);
-    if (Carries_Srb(pStack) && pStack->Parameters.Scsi.Srb->TimeOutValue != 0)
-        pStack->Parameters.Scsi.Srb->TimeOutValue = No_Time_Out;
+    if (Carries_Srb(pStack)) {
+        PSCSI_REQUEST_BLOCK Srb = pStack->Parameters.Scsi.Srb;
+        if (Srb->TimeOutValue != 0)
+            Srb->TimeOutValue = No_Time_Out;
+        Srb->SrbFlags &= ~static_cast<ULONG>(SRB_FLAGS_DISABLE_DISCONNECT);
+    }
     return pOrig_Scsi_Dispatch(DeviceObject, Irp);
 }
 
@@ -134,6 +158,8 @@ static BOOLEAN NTAPI HwInitialize(PVOID HwDeviceExtension)
 {
     auto pExt = static_cast<Hw_Ext*>(HwDeviceExtension);
     DbgPrint("\nQRN SCSI: HwInitialize %X", HwDeviceExtension);
+    if (pExt->pChan_Irp)
+        return TRUE;  // again, as after a change of power; a notice may be under way
     Find_Controller(pExt);
     if (!pExt->pChan_Irp) {
         DbgPrint(" NULL");

@@ -10,11 +10,16 @@
 
 constexpr LONG Req_Failed = -1;
 
+// Chunks that may be run again are the first of a record: all of the largest transfer in packets of 1 KB.
+constexpr ULONG Again_Word_Bits = 32;
+constexpr ULONG Again_Words = 2;
+constexpr ULONG Again_Max = Again_Words * Again_Word_Bits;
+
 // What the admitting worker settled, for every worker that takes a chunk.
 struct Req_Setup {
     Pkt_Setup Pkt;
-    UCHAR Hdr[16];  // the first bytes of the wire header
-    UCHAR Reserved[8];
+    UCHAR Hdr[16];             // the first bytes of the wire header
+    ULONG Again[Again_Words];  // Active_Lock: bit n set while chunk n of the record waits to be run again
 };
 static_assert(sizeof(Req_Setup) == 48);
 

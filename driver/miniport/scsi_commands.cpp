@@ -51,7 +51,8 @@ struct Capacity_Data {
 template <typename Data>
 void Answer(PSCSI_REQUEST_BLOCK Srb, const Data& Reply)
 {
-    RtlCopyMemory(Srb->DataBuffer, &Reply, Smaller<ULONG>(Srb->DataTransferLength, sizeof Reply));
+    if (ULONG Bytes = Smaller<ULONG>(Srb->DataTransferLength, sizeof Reply))
+        RtlCopyMemory(Srb->DataBuffer, &Reply, Bytes);
 }
 
 void Inquiry(PSCSI_REQUEST_BLOCK Srb)
@@ -104,6 +105,20 @@ void Set_Sense(PSCSI_REQUEST_BLOCK Srb, Sense_Index Index)
     Srb->DataTransferLength = 0;
     Srb->ScsiStatus = SCSISTAT_CHECK_CONDITION;
     Srb->SrbStatus = SRB_STATUS_ERROR | SRB_STATUS_AUTOSENSE_VALID;
+}
+
+bool Moves_Data(UCHAR Operation)
+{
+    switch (Operation) {
+    case SCSIOP_INQUIRY:
+    case SCSIOP_MODE_SENSE:
+    case SCSIOP_READ_CAPACITY:
+    case SCSIOP_READ:
+    case SCSIOP_WRITE:
+        return true;
+    default:
+        return false;
+    }
 }
 
 void Answer_Command(PSCSI_REQUEST_BLOCK Srb)

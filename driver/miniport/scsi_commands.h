@@ -17,5 +17,8 @@ enum Sense_Index : ULONG {
 // Fails an SRB with CHECK CONDITION and autosense data. Any IRQL, also from workers.
 void Set_Sense(PSCSI_REQUEST_BLOCK Srb, Sense_Index Index);
 
+// The command reads or writes the SRB's data buffer.
+bool Moves_Data(UCHAR Operation);
+
 // Answers every command but READ(10) and WRITE(10); sets the SRB's status when it is not success.
 void Answer_Command(PSCSI_REQUEST_BLOCK Srb);

@@ -79,6 +79,14 @@ Outcome Transfer(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb)
     return Outcome::Pending;
 }
 
+// The buffer of a transfer is locked for one direction. Senders that name neither or both are trusted.
+bool Wrong_Direction(PSCSI_REQUEST_BLOCK Srb)
+{
+    ULONG Named = Srb->SrbFlags & (SRB_FLAGS_DATA_IN | SRB_FLAGS_DATA_OUT);
+    return Named == (Srb->Cdb[0] == SCSIOP_WRITE ? SRB_FLAGS_DATA_IN : SRB_FLAGS_DATA_OUT) &&
+           Moves_Data(Srb->Cdb[0]);
+}
+
 UCHAR Address_Status(PSCSI_REQUEST_BLOCK Srb)
 {
     if (Srb->PathId != 0)
@@ -95,30 +103,24 @@ Outcome Execute(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb)
     Srb->SrbStatus = Address_Status(Srb);
     if (Srb->SrbStatus != SRB_STATUS_SUCCESS)
         return Outcome::Complete;
+    if (Wrong_Direction(Srb))
+        return Fail(Srb, Sense_Bad_Field);
     if (Srb->Cdb[0] == SCSIOP_READ || Srb->Cdb[0] == SCSIOP_WRITE)
         return Transfer(pExt, Srb);
     Answer_Command(Srb);
     return Outcome::Complete;
 }
 
-// The notice of the driver's own completion channel; anyone can send its signature, nobody else its IRP.
-bool Is_Own_Notice(const Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb)
-{
-    auto pControl = static_cast<const SRB_IO_CONTROL*>(Srb->DataBuffer);
-    return Srb->DataTransferLength >= sizeof(SRB_IO_CONTROL) && pControl &&
-           Bytes_Equal(pControl->Signature, Chan_Signature, sizeof pControl->Signature) &&
-           pControl->ControlCode == Done_Code && Srb->OriginalRequest == pExt->pChan_Irp &&
-           Srb->Lun < formats::disk_count_max;
-}
-
+// A notice is told by the SRB's address: anyone can send its signature, and the port driver keeps fields such
+// as OriginalRequest for itself while an SRB is here.
 Outcome Io_Control(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb)
 {
-    if (!Is_Own_Notice(pExt, Srb)) {
+    if (Srb != &pExt->Chan_Srb) {
         Srb->SrbStatus = SRB_STATUS_BAD_FUNCTION;
         return Outcome::Complete;
     }
     Lun_Counters& Stats = Lun_Stats[Srb->Lun];
-    ULONG Srb_Address = static_cast<SRB_IO_CONTROL*>(Srb->DataBuffer)->ReturnCode;
+    ULONG Srb_Address = pExt->Chan_Ioctl.ReturnCode;
     if (Srb_Address != 0) {
         InterlockedDecrement(&Stats.Queued);
         ScsiPortNotification(RequestComplete, pExt, reinterpret_cast<PSCSI_REQUEST_BLOCK>(Srb_Address));

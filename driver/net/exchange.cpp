@@ -4,7 +4,9 @@
 #include "driver/common/bytes.h"
 #include "driver/common/delay.h"
 #include "driver/common/locks.h"
+#include "driver/engine/holds.h"
 #include "driver/miniport/adapter.h"
+#include "driver/miniport/completion.h"
 #include "driver/net/answer_state.h"
 #include "driver/net/machine_reset.h"
 #include "driver/net/packet.h"
@@ -19,9 +21,9 @@ constexpr LONG Wait_Sent_Ms = 110;      // after every send or resend
 constexpr LONG Wait_Progress_Ms = 55;   // after an answer
 constexpr LONG Wait_Silence_Ms = 1000;  // after a wait without news
 
-// A server that has every fragment and says so, but never completes the packet, is waited for this often
+// A server that answers, but brings the packet no further, is waited for and sent to this often in a row
 // before it counts as silent.
-constexpr ULONG Acknowledged_Waits_Max = 200;
+constexpr ULONG Idle_Rounds_Max = 200;
 
 constexpr LONG Retries_Per_Min = 60;
 constexpr LONG Last_Retries = 3;  // the time-out at which a packet pauses once more
@@ -33,6 +35,25 @@ constexpr LONG Trans_Flag_Period_Mask = 0x1F;
 
 enum class Wait_End { Complete, Resend, Time_Out };
 enum class After_Time_Out { Resend, Complete, Failed };
+
+// Counts the waits that left what is outstanding of a packet as it was.
+class Idle_Rounds {
+public:
+    // One more wait has ended. True when there have been too many; then it counts from 0 again.
+    bool Too_Many(ULONG Outstanding)
+    {
+        Rounds_ = Outstanding == Outstanding_ ? Rounds_ + 1 : 1;
+        Outstanding_ = Outstanding;
+        if (Rounds_ < Idle_Rounds_Max)
+            return false;
+        Rounds_ = 0;
+        return true;
+    }
+
+private:
+    ULONG Outstanding_ = 0;  // never of a packet that is waited for
+    ULONG Rounds_ = 0;
+};
 
 LONG Retry_Budget(const RW_Entry* pEntry)
 {
@@ -80,15 +101,17 @@ NTSTATUS Wait_For_Answer(RW_Entry* pEntry, LONG Wait_Ms)
 }
 
 // Waits until the packet just sent is complete, should be sent again, or has timed out.
-Wait_End Wait_For_Packet(RW_Entry* pEntry)
+Wait_End Wait_For_Packet(RW_Entry* pEntry, Idle_Rounds& Idle)
 {
     LONG Wait_Ms = Wait_Sent_Ms;
     ULONG Seen = static_cast<ULONG>(Answer::None);
-    ULONG Acknowledged_Waits = 0;
     for (;;) {
         NTSTATUS Status = Wait_For_Answer(pEntry, Wait_Ms);
-        if (pEntry->Frag_Mask == 0)
+        ULONG Outstanding = pEntry->Frag_Mask;
+        if (Outstanding == 0)
             return Wait_End::Complete;
+        if (Idle.Too_Many(Outstanding))
+            return Wait_End::Time_Out;
         ULONG State = pEntry->Ack_State;
         bool News = State != Seen;
         Seen = State;
@@ -96,9 +119,6 @@ Wait_End Wait_For_Packet(RW_Entry* pEntry)
         if (News || Kind == Answer::Has_All) {
             if (Kind == Answer::Has_Missing)
                 return Wait_End::Resend;
-            Acknowledged_Waits = News ? 0 : Acknowledged_Waits + 1;
-            if (Acknowledged_Waits == Acknowledged_Waits_Max)
-                return Wait_End::Time_Out;
             Wait_Ms = Wait_Progress_Ms;
             if (Kind == Answer::Data_Gap)
                 Send_Status_Query(pEntry);
@@ -162,7 +182,10 @@ bool Gives_Up(RW_Entry* pEntry)
 After_Time_Out Time_Out(RW_Entry* pEntry)
 {
     LONG Budget = Retry_Budget(pEntry);
+    Disk_Is_Silent(pEntry->Lun);
     InterlockedIncrement(&pEntry->Setup.pCounters->TimeOuts);
+    // A port driver that feeds the disk one request at a time may hold the shutdown back behind this one.
+    Chan_Send(static_cast<Hw_Ext*>(pEntry->pNotify), nullptr, pEntry->Lun);
     DbgPrint("\nQRN SCSI: Time Out: %02X %d %X %08X %5d-%02X %08X Retrys:%d %d", pEntry->Index(), pEntry->Lun,
              Operation(pEntry), pEntry->Sector, pEntry->Hdr.Seq.get(), pEntry->Hdr.Pkt_Index,
              pEntry->Frag_Mask, pEntry->Retry_Left, Budget);
@@ -181,21 +204,41 @@ After_Time_Out Time_Out(RW_Entry* pEntry)
     Limit_Retries_At_Shutdown(pEntry);
     if (pEntry->Retry_Left == 0 && Gives_Up(pEntry))
         return After_Time_Out::Failed;
+    if (pEntry->Hold == Hold_Kind::Loose && Silent_Hold_All()) {
+        pEntry->Hold = Hold_Kind::Let_Go;
+        return After_Time_Out::Failed;
+    }
     Spin_Guard Guard(pEntry->Ack_Lock);
     pEntry->Retry_Left = pEntry->Retry_Left - 1;
     return After_Time_Out::Resend;
+}
+
+// What one server has sent or taken of a packet says nothing about another: when the disk's server has
+// changed since, the packet starts from nothing.
+void Follow_Server(RW_Entry* pEntry, formats::ServerRecord& Server)
+{
+    formats::ServerRecord Now = Server_Copy(pEntry->Setup.pServer);
+    if (Bytes_Equal(&Now, &Server, sizeof Now))
+        return;
+    Server = Now;
+    Set_Outstanding(pEntry, All_Fragments);
 }
 
 // Brings the packet to the server at pServer; false when it has failed for good. Afterwards no answer to
 // it counts any more.
 bool Deliver(RW_Entry* pEntry)
 {
+    Idle_Rounds Idle;
+    formats::ServerRecord Server = Server_Copy(pEntry->Setup.pServer);
     Begin_Packet(pEntry);
     for (;;) {
+        Follow_Server(pEntry, Server);
         Send_And_Expect(pEntry);
-        Wait_End End = Wait_For_Packet(pEntry);
-        if (End == Wait_End::Complete)
+        Wait_End End = Wait_For_Packet(pEntry, Idle);
+        if (End == Wait_End::Complete) {
+            Disk_Answers(pEntry->Lun);
             return true;
+        }
         if (End == Wait_End::Resend)
             continue;
         After_Time_Out Next = Time_Out(pEntry);
@@ -244,9 +287,10 @@ void Place_Packet(RW_Entry* pEntry, ULONG Sector, LONG Bytes)
     pEntry->Hdr.Length.set(static_cast<USHORT>(Bytes));
 }
 
-// Several runs of one chunk may go to the network one after another under one tag. Where a run begins in the
-// chunk, in sectors, tells its packets apart: the low five bits stand in Worker_Byte, the rest adds to
-// Pkt_Index. Both are put back at the end of the scope.
+// Several runs of one chunk may go to the network one after another, those of a read under one tag. Where a
+// run begins in the chunk, in sectors, tells its packets apart: the low five bits stand in Worker_Byte, the
+// rest adds to the Pkt_Index of a read; a write is tagged afresh for each run and counts from 0. Both are put
+// back at the end of the scope.
 class Run_Mark {
 public:
     explicit Run_Mark(RW_Entry* pEntry)
@@ -256,7 +300,8 @@ public:
             return;
         auto Secs = static_cast<ULONG>(pEntry->pData - pEntry->Bounce) / formats::sector_bytes;
         Hdr_.Worker_Byte = static_cast<UCHAR>(Worker_Byte_ + Secs * formats::worker_sector_unit);
-        Hdr_.Pkt_Index = static_cast<UCHAR>(Pkt_Index_ + (Secs & ~formats::worker_sector_mask));
+        if (!Is_Write(pEntry))
+            Hdr_.Pkt_Index = static_cast<UCHAR>(Pkt_Index_ + (Secs & ~formats::worker_sector_mask));
     }
     ~Run_Mark()
     {
@@ -278,6 +323,8 @@ LONG Net_Send_Wait(RW_Entry* pEntry, LONG Bytes)
 {
     if (!Ndis_Handover.QRN_Send)
         return -1;  // a machine without transport will never have one
+    if (pEntry->Hold == Hold_Kind::Let_Go)
+        return -1;
     UCHAR* pStart = pEntry->pData;
     Run_Mark Mark(pEntry);
     ULONG Sector = pEntry->Sector;

@@ -33,6 +33,18 @@ bool Write_Done(RW_Entry* pWorker)
     return true;
 }
 
+// What a fragment says of itself holds together. A fragment that lies could complete a packet that lacks
+// data.
+bool Plausible_Fragment(const WireHeader* pPacket, ULONG Length)
+{
+    ULONG Size = pPacket->Frag_Size.get();
+    ULONG Count = pPacket->Frag_Cnt.get();
+    if (pPacket->Frag_Off.get() + Size > Length)
+        return false;
+    return Count == 0 || (Size > 0 && pPacket->Frag_Num >= 1 && pPacket->Frag_Num <= Count &&
+                          Count <= formats::fragment_count(Length));
+}
+
 // Stores the fragment at its place in the worker's data. False when it does not belong there.
 bool Store_Data(RW_Entry* pWorker, const WireHeader* pPacket, ULONG Bytes)
 {
@@ -41,7 +53,7 @@ bool Store_Data(RW_Entry* pWorker, const WireHeader* pPacket, ULONG Bytes)
     ULONG Offset = pPacket->Frag_Off.get();
     ULONG Size = pPacket->Frag_Size.get();
     ULONG Length = pWorker->Hdr.Length.get();
-    if (Offset + Size > Length)
+    if (!Plausible_Fragment(pPacket, Length))
         return false;
     if (pPacket->Frag_Cnt.get() == 0) {
         RtlZeroMemory(pWorker->pData, Length);
@@ -69,11 +81,14 @@ bool Read_Data(RW_Entry* pWorker, const WireHeader* pPacket, ULONG Bytes)
     return Gap || pWorker->Frag_Mask == 0;
 }
 
+ULONG Missing_At_Server(const WireHeader* pPacket)
+{
+    return static_cast<USHORT>(~pPacket->Recv_Mask.get());
+}
+
 bool Acknowledged(RW_Entry* pWorker, const WireHeader* pPacket)
 {
-    ULONG Missing = static_cast<USHORT>(~pPacket->Recv_Mask.get());
-    DbgPrint("\nQRN SCSI: Recv ACK: %02X %X %5d-%02X %04X", pWorker->Index(),
-             pPacket->Sub_Code | pPacket->Kind << 8, pWorker->Hdr.Seq.get(), pWorker->Hdr.Pkt_Index, Missing);
+    ULONG Missing = Missing_At_Server(pPacket);
     if (pWorker->Hdr.Kind == formats::kind_write && Missing != 0)
         pWorker->Frag_Mask = Missing;
     pWorker->Ack_State = Next_Answer(pWorker->Ack_State, Missing ? Answer::Has_Missing : Answer::Has_All);
@@ -99,8 +114,6 @@ bool Matches(const RW_Entry* pWorker, const WireHeader* pPacket)
 
 bool Take_Answer(RW_Entry* pWorker, const WireHeader* pPacket, ULONG Bytes)
 {
-    if (!Matches(pWorker, pPacket))
-        return false;
     if (pPacket->Kind == formats::kind_acknowledge)
         return Acknowledged(pWorker, pPacket);
     if (pPacket->Sub_Code == formats::sub_request && pPacket->Kind == formats::kind_write_done)
@@ -118,10 +131,17 @@ void Route_Answer(const WireHeader* pPacket, ULONG Bytes)
     if (!pWorker)
         return;
     bool Wake;
+    bool Matched;
     {
         Spin_Guard Guard(pWorker->Ack_Lock);
-        Wake = Take_Answer(pWorker, pPacket, Bytes);
+        Matched = Matches(pWorker, pPacket);
+        Wake = Matched && Take_Answer(pWorker, pPacket, Bytes);
     }
+    // The sequence number and the packet's index matched, so the packet's own are the worker's.
+    if (Matched && pPacket->Kind == formats::kind_acknowledge)
+        DbgPrint("\nQRN SCSI: Recv ACK: %02X %X %5d-%02X %04X", pWorker->Index(),
+                 pPacket->Sub_Code | pPacket->Kind << 8, pPacket->Seq.get(), pPacket->Pkt_Index,
+                 Missing_At_Server(pPacket));
     if (Wake)
         KeSetEvent(&pWorker->Ack_Event, IO_NO_INCREMENT, FALSE);
 }

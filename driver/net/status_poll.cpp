@@ -42,6 +42,8 @@ static void Report_Image(formats::PollReply& Report)
 
 void Answer_Poll(UCHAR* pBuffer)
 {
+    if (!Ndis_Handover.QRN_Send)
+        return;
     const formats::PollRequest Poll = *reinterpret_cast<const formats::PollRequest*>(pBuffer);
     auto pReply = reinterpret_cast<formats::PollReply*>(pBuffer);
     pReply->Mark.set(pReply->Mark.get() + 1);

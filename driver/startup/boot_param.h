@@ -40,9 +40,15 @@ inline LONG Presented_Disks()
     return static_cast<LONG>(Boot_Param.Disk_Nums) - static_cast<LONG>(Boot_Param.Local_Nums);
 }
 
-// LUN numbers below this are valid. The disk table has four entries whatever a block claims.
-inline ULONG Valid_Luns()
+// LUNs of the block. The disk table has four entries whatever a block claims.
+inline ULONG Lun_Count()
 {
     ULONG Luns = *const_cast<volatile UCHAR*>(&Boot_Param.Lun_Nums);
     return Luns < formats::disk_count_max ? Luns : formats::disk_count_max;
+}
+
+// LUN numbers below this are valid: none before the driver's threads may run, who would serve them.
+inline ULONG Valid_Luns()
+{
+    return KeReadStateEvent(&Start_Event) ? Lun_Count() : 0;
 }

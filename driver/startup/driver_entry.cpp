@@ -101,6 +101,9 @@ static void Create_Arc_Links()
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath)
 {
+    // As the driver of a crash dump or of hibernation there is no driver object, and any IRQL.
+    if (!DriverObject)
+        return STATUS_UNSUCCESSFUL;
     DbgPrint("\nQRN SCSI: DriverEntry Bulid=" __DATE__ "," __TIME__);
     pDriver_Obj = DriverObject;
     KeInitializeEvent(&Start_Event, NotificationEvent, FALSE);

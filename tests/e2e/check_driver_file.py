@@ -21,7 +21,7 @@ EXPORTED = {
         IoGetDeviceObjectPointer IoGetRelatedDeviceObject IoRegisterBootDriverReinitialization
         IoReuseIrp IofCallDriver KeBugCheck KeClearEvent KeDelayExecutionThread KeGetCurrentThread
         KeInitializeEvent KeInitializeSemaphore KeQueryInterruptTime KeQuerySystemTime
-        KeReadStateEvent KeReleaseSemaphore KeResetEvent KeSetEvent KeSetPriorityThread KeWaitForSingleObject
+        KeReadStateEvent KeReadStateSemaphore KeReleaseSemaphore KeResetEvent KeSetEvent KeSetPriorityThread KeWaitForSingleObject
         KefAcquireSpinLockAtDpcLevel KefReleaseSpinLockFromDpcLevel Mm64BitPhysicalAddress
         MmAllocatePagesForMdl MmFreePagesFromMdl MmGetPhysicalMemoryRanges MmMapIoSpace
         MmMapLockedPagesSpecifyCache MmUnmapIoSpace MmUnmapLockedPages ObReferenceObjectByHandle

@@ -185,6 +185,26 @@ TEST(Failover, Of_many_workers_at_once_is_one)
     }
 }
 
+// What had arrived of the packet came from a server whose disk may have been another.
+TEST(Failover, Read_under_way_takes_nothing_from_the_server_that_is_left)
+{
+    Rig rig(mirrored(2));
+    const Bytes old = pattern(0, 8192, 1), kept = pattern(0, 8192, 2);
+    rig.drop = [&](const SeenPacket& packet) {
+        return packet.direction == machine::Direction::to_workstation && is_for(rig.main, packet) &&
+               packet.header().Frag_Num > 3;
+    };
+    rig.run([&] {
+        std::copy(old.begin(), old.end(), rig.main.content(0).begin());
+        std::copy(kept.begin(), kept.end(), rig.slave.content(0).begin());
+        Pending read(rig);
+        read.read(0, 0, 8192).wait();
+        EXPECT_TRUE(read.ok());
+        EXPECT_EQ(read.data(), kept);
+    });
+    EXPECT_EQ(rig.log_count(switched), 1u);
+}
+
 // The main server completes a write and dies; while the copy waits for the slave, a read of another worker
 // makes the slave the main server. The copy must follow it there.
 TEST(Failover, During_the_slave_copy_of_a_write_does_not_lose_the_copy)

@@ -193,6 +193,22 @@ TEST(Receive, Data_that_is_cut_short_or_lies_outside_the_packet_is_ignored)
                        });
 }
 
+// Any of these would complete the packet, or a part of it, with what the buffer held before.
+TEST(Receive, Fragments_whose_numbers_do_not_hold_together_are_ignored)
+{
+    struct Lie {
+        unsigned number, count;
+        std::uint16_t size;
+    };
+    for (const Lie& lie :
+         {Lie{0, 3, 1386}, Lie{0, 1, 1386}, Lie{4, 3, 1386}, Lie{2, 1, 1386}, Lie{1, 4, 1386},
+          Lie{1, 32, 1386}, Lie{33, 1, 1386}, Lie{1, 1, 0}, Lie{3, 3, 0}, Lie{2, 255, 1386}})
+        expect_ignored("number " + std::to_string(lie.number) + " of " + std::to_string(lie.count), false,
+                       [&](const SeenPacket& packet) {
+                           return Packets{read_data(packet, lie.number, lie.count, 0, Bytes(lie.size, 0xBD))};
+                       });
+}
+
 // Whatever its sub code, which is printed as it came.
 TEST(Receive, Acknowledgements_are_printed_with_what_the_server_misses)
 {

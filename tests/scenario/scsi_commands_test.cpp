@@ -47,13 +47,14 @@ Answer command(Rig& rig, std::vector<std::uint8_t> cdb, std::size_t bytes = 0, u
                std::uint8_t sense_bytes = 18)
 {
     machine::ScsiRequest request(rig.scsi());
+    const ULONG direction = cdb[0] == 0x2A ? SRB_FLAGS_DATA_OUT : SRB_FLAGS_DATA_IN;
     Bytes data(bytes, untouched);
     request.lun = static_cast<std::uint8_t>(lun);
     std::copy(cdb.begin(), cdb.end(), request.cdb.begin());
     request.cdb_bytes = static_cast<std::uint8_t>(cdb.size() <= 6 ? 6 : cdb.size() <= 10 ? 10 : 16);
     request.data = bytes ? data.data() : nullptr;
     request.data_bytes = static_cast<std::uint32_t>(bytes);
-    request.srb_flags = (bytes ? SRB_FLAGS_DATA_IN : 0u) | SRB_FLAGS_NO_QUEUE_FREEZE;
+    request.srb_flags = (bytes ? direction : 0u) | SRB_FLAGS_NO_QUEUE_FREEZE;
     request.sense_buffer_bytes = sense_bytes;
     rig.execute(request);
     return {request.srb_status,

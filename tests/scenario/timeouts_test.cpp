@@ -78,9 +78,12 @@ TEST(TimeOuts, Waits_queries_and_resends_come_at_their_times)
          1200,
          "write:1,2,3,4,5@0 write:2,4@50 query@160 write:1,2,3,4,5@1160"},
         {"a read not understood", {ack(50, 0)}, 1200, "read@0 read@50 query@160 read@1160"},
-        {"all there, then nothing", {all}, 11300, "write:1,2,3,4,5@0 write:1,2,3,4,5@11110 query@11220"},
+        {"all there, then nothing", {all}, 11300, "write:1,2,3,4,5@0 write:1,2,3,4,5@11055 query@11165"},
         {"all there, then done", {all, {9000, Answer::done, 0}}, 12000, "write:1,2,3,4,5@0"},
-        {"all there twice", {all, ack(10000, 0xFFFF)}, 21100, "write:1,2,3,4,5@0 write:1,2,3,4,5@21010"},
+        {"all there twice",
+         {all, ack(10000, 0xFFFF)},
+         11300,
+         "write:1,2,3,4,5@0 write:1,2,3,4,5@11055 query@11165"},
         {"all there, then data", {all, data(300, 1)}, 1400, "read@0 query@385 read@1385"}};
     for (const Waits& waits : cases) {
         SCOPED_TRACE(waits.what);
@@ -94,6 +97,44 @@ TEST(TimeOuts, Waits_queries_and_resends_come_at_their_times)
             rig.main.start();
             request.wait();
             EXPECT_TRUE(request.ok());
+        });
+    }
+}
+
+// A server that answers and answers, and brings nothing new.
+TEST(TimeOuts, Come_from_a_server_that_repeats_itself_too)
+{
+    struct Repeats {
+        const char* what;
+        bool write;
+        std::function<Bytes(const SeenPacket&)> answer;
+    };
+    const Repeats cases[] = {
+        {"the same data", false,
+         [](const SeenPacket& request) { return read_data(request, 2, 6, 1386, Bytes(1386)); }},
+        {"fragments missing", true, [](const SeenPacket& request) { return acknowledge(request, 0xFFFD); }},
+        {"nothing understood", false, [](const SeenPacket& request) { return acknowledge(request, 0); }}};
+    for (const Repeats& repeats : cases) {
+        SCOPED_TRACE(repeats.what);
+        Rig rig({.disks = {{}, {}}});
+        std::optional<SeenPacket> asked;
+        rig.script([&](const SeenPacket& packet) { asked = packet; });
+        rig.run([&] {
+            Pending request(rig);
+            repeats.write ? request.write(1, 0, Bytes(6144)) : request.read(1, 0, 8192);
+            auto answer_for = [&](unsigned ms) {
+                for (unsigned passed = 0; passed < ms && !request.done(); passed += 10) {
+                    rig.machine.sleep_ms(10);
+                    if (asked)
+                        rig.answer(repeats.answer(*asked));
+                }
+            };
+            answer_for(12'000);
+            EXPECT_GE(rig.log_count("Time Out"), 1u);
+            Pending notice(rig);
+            rig.scsi().shutdown();
+            answer_for(120'000);
+            EXPECT_TRUE(request.done() && !request.ok()) << "four time-outs after the shutdown";
         });
     }
 }

@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: MIT
+// What port and class drivers do beyond the plain road of a request: they keep fields of an SRB for
+// themselves, feed a disk as they like, start the adapter anew, and load the driver where nothing can work.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "tests/scenario/dispatch_tap.h"
+#include "tests/scenario/traffic.h"
+
+namespace scenario {
+namespace {
+
+constexpr std::uint8_t read_10 = 0x28, write_10 = 0x2A;
+
+std::uint8_t status_of(Rig& rig, std::vector<std::uint8_t> cdb, Bytes& data, ULONG flags)
+{
+    machine::ScsiRequest request(rig.scsi());
+    std::copy(cdb.begin(), cdb.end(), request.cdb.begin());
+    request.cdb_bytes = static_cast<std::uint8_t>(cdb.size());
+    request.data = data.data();
+    request.data_bytes = static_cast<std::uint32_t>(data.size());
+    request.srb_flags = flags | SRB_FLAGS_NO_QUEUE_FREEZE;
+    rig.execute(request);
+    return request.ok() ? 0 : request.sense().value_or(machine::Sense{}).asc;
+}
+
+TEST(PortDriver, Start_again_while_notices_are_under_way_changes_nothing)
+{
+    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+        Rig rig({.seed = seed});
+        DispatchTap tap(rig);
+        rig.run([&] {
+            const PDRIVER_DISPATCH hooked = tap.driver()->MajorFunction[IRP_MJ_SCSI];
+            Traffic traffic(rig, seed, {.operations_each = 10});
+            traffic.start();
+            for (unsigned again = 0; again < 5; ++again) {
+                rig.machine.sleep_ms(1);
+                EXPECT_TRUE(rig.scsi().initialize_again());
+            }
+            traffic.wait();
+            EXPECT_EQ(traffic.failed(), 0u);
+            EXPECT_EQ(tap.driver()->MajorFunction[IRP_MJ_SCSI], hooked);
+            EXPECT_EQ(rig.log_count("\nQRN SCSI: Enum Device Type"), 1u);
+        });
+    }
+}
+
+// A port driver loads the driver a second time, under another name, for a crash dump or hibernation.
+TEST(PortDriver, Dump_and_hibernation_get_no_driver_and_no_adapter)
+{
+    {
+        Rig rig;
+        rig.run_bare([&] {
+            machine::DriverImage::Entry entry = rig.driver->load();
+            KIRQL old = KfRaiseIrql(HIGH_LEVEL);
+            const NTSTATUS status = entry(nullptr, nullptr);
+            KfLowerIrql(old);
+            EXPECT_EQ(status, STATUS_UNSUCCESSFUL);
+            EXPECT_TRUE(rig.machine.log().entries().empty());
+            EXPECT_EQ(rig.machine.pool_bytes(), 0u);
+        });
+    }
+    for (const char* arguments : {"dump=1;", "ntldr=1;dump=1", "dump=0;", "dump", ""}) {
+        Rig again;
+        again.scsi().set_adapter_arguments(arguments);
+        again.run([&] {
+            EXPECT_EQ(again.scsi().adapter_started(), !std::strstr(arguments, "dump=1")) << arguments;
+        });
+    }
+}
+
+// Presented late, of a block that names more disks than LUNs, on a machine without a transport.
+TEST(PortDriver, Disks_without_workers_are_no_disks)
+{
+    Rig rig({.disks = std::vector<DiskPlan>(2),
+             .boot_mode = 3,
+             .transport = false,
+             .adjust_block = [](formats::Boot_Param& block) { block.Disk_Nums = 3; }});
+    rig.run([&] {
+        EXPECT_TRUE(rig.scsi().adapter_started());
+        rig.machine.sleep_ms(1500);
+        EXPECT_TRUE(rig.scsi().luns().empty());
+        Bytes sector(512);
+        machine::ScsiRequest request(rig.scsi());
+        request.set_read(0, 0, sector.data(), 512);
+        request.srb_flags |= SRB_FLAGS_NO_QUEUE_FREEZE;
+        rig.execute(request);
+        EXPECT_EQ(SRB_STATUS(request.srb_status), SRB_STATUS_INVALID_LUN);
+    });
+}
+
+TEST(PortDriver, Commands_against_the_direction_of_their_buffer_are_refused)
+{
+    constexpr ULONG in = SRB_FLAGS_DATA_IN, out = SRB_FLAGS_DATA_OUT;
+    Rig rig;
+    rig.run([&] {
+        const Bytes content = pattern(5, 512);
+        ASSERT_TRUE(rig.write(0, 5, content));
+        const std::vector<std::uint8_t> read{read_10, 0, 0, 0, 0, 5, 0, 0, 1, 0},
+            write{write_10, 0, 0, 0, 0, 5, 0, 0, 1, 0};
+        for (const auto& [cdb, wrong] :
+             {std::pair(read, out), std::pair(write, in),
+              std::pair(std::vector<std::uint8_t>{0x12, 0, 0, 0, 36, 0}, out),
+              std::pair(std::vector<std::uint8_t>{0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0}, out),
+              std::pair(std::vector<std::uint8_t>{0x1A, 0, 0x3F, 0, 4, 0}, out)}) {
+            Bytes data(512, 0xEE);
+            EXPECT_EQ(status_of(rig, cdb, data, wrong), 0x24) << int{cdb[0]};
+            EXPECT_EQ(data, Bytes(512, 0xEE));
+        }
+        Bytes stored(512);
+        ASSERT_TRUE(rig.read(0, 5, stored));
+        EXPECT_EQ(stored, content);
+        for (ULONG flags : {0ul, in | out}) {
+            Bytes data(512);
+            EXPECT_EQ(status_of(rig, read, data, flags), 0);
+            EXPECT_EQ(data, content);
+            EXPECT_EQ(status_of(rig, write, data, flags), 0);
+        }
+        Bytes data(512);
+        EXPECT_EQ(status_of(rig, {0x00, 0, 0, 0, 0, 0}, data, out), 0) << "moves no data";
+    });
+}
+
+// A class driver that may not be disturbed in its last try would wait for its own answer for ever.
+TEST(PortDriver, Refused_reads_of_a_held_back_disk_end_however_often_they_are_repeated)
+{
+    for (machine::Feeding feeding : {machine::Feeding::eager, machine::Feeding::held_back}) {
+        Rig rig({.disks = {{}, {.flags = 0x44}}, .feeding = feeding, .curious_class_driver = true});
+        rig.run([&] {
+            EXPECT_EQ(rig.scsi().luns().size(), 2u);
+            Bytes data = pattern(0, 65536), back(65536);
+            EXPECT_TRUE(rig.write(0, 0, data));
+            rig.machine.sleep_ms(100);
+            EXPECT_TRUE(rig.write(1, 0, data) && rig.read(1, 0, back));
+            EXPECT_EQ(back, data);
+        });
+    }
+}
+
+// Fed one at a time, a disk gets its next request by the notices of the one before.
+TEST(PortDriver, Notices_draw_as_many_requests_as_the_disk_has_slots)
+{
+    Rig rig({.disks = {{.flags = 0x04}}, .feeding = machine::Feeding::held_back});
+    std::vector<SeenPacket> waiting;
+    rig.script([&](const SeenPacket& packet) { waiting.push_back(packet); });
+    rig.run([&] {
+        std::vector<std::unique_ptr<Pending>> reads;
+        for (unsigned i = 0; i < 8; ++i) {
+            reads.push_back(std::make_unique<Pending>(rig));
+            reads.back()->read(0, i * 8, 4096);
+        }
+        rig.machine.sleep_ms(50);
+        EXPECT_EQ(waiting.size(), 4u);
+        EXPECT_GE(rig.scsi().in_flight(), 4u);
+        rig.main.start();
+        for (const auto& read : reads) {
+            read->wait();
+            EXPECT_TRUE(read->ok());
+        }
+    });
+}
+
+}  // namespace
+}  // namespace scenario
