@@ -9,6 +9,8 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
+#include "programs/version.h"
+
 namespace campaign {
 namespace {
 
@@ -34,6 +36,7 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
 {
     Options options;
     CLI::App app(description, "qrn-campaign");
+    app.set_version_flag("--version", programs::version_line("qrn-campaign"), "Print the version");
     app.footer(footer);
     std::uint64_t seeds = 0;
     app.add_option("--seeds", seeds, "Run so many seeds")->check(CLI::Range(1u, 1'000'000'000u));
@@ -54,6 +57,9 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
                  "Succeed when a seed fails: for programs with a planted fault");
     try {
         app.parse(argc, argv);
+    } catch (const CLI::CallForVersion& version) {
+        std::cout << version.what() << '\n';
+        return std::nullopt;
     } catch (const CLI::CallForHelp&) {
         std::cout << app.help();
         return std::nullopt;

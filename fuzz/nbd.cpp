@@ -86,7 +86,7 @@ void take(NbdReceiver& receiver, Heard& heard, Bytes& payload)
             continue;
         }
         heard.requests.push_back(request);
-        const bool good = check_request(request, disk_bytes) == 0;
+        const bool good = check_request(request, {disk_bytes}) == 0;
         require(!good || request.offset + request.length <= disk_bytes,
                 "a request that passes lies on the disk");
         if (request.payload_bytes() == 0) {

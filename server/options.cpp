@@ -11,6 +11,8 @@
 
 #include <fmt/format.h>
 
+#include "programs/version.h"
+
 namespace server {
 
 namespace {
@@ -174,6 +176,7 @@ std::string to_text(const formats::ServerRecord& address)
 std::optional<Options> parse_options(int argc, const char* const* argv)
 {
     CLI::App app(description, "qrn-server");
+    app.set_version_flag("--version", programs::version_line("qrn-server"), "Print the version");
     app.footer(details);
     std::string listen, advertise;
     std::vector<std::string> disks;
@@ -199,6 +202,9 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
         ->check(CLI::Range(1u, 86400u).description(""));
     try {
         app.parse(argc, argv);
+    } catch (const CLI::CallForVersion& version) {
+        std::cout << version.what() << '\n';
+        return std::nullopt;
     } catch (const CLI::CallForHelp&) {
         std::cout << app.help() << '\n';
         return std::nullopt;

@@ -15,6 +15,8 @@ struct Export {
     std::string name;  // "lun0" to "lun3"
     std::string description;
     std::shared_ptr<BlockDevice> device;
+    bool read_only = false;
+    bool flushes = true;  // false: a flush brings nothing to the server
 };
 
 class Exports {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // qrn-station: a workstation in a process. See --help.
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -22,6 +23,10 @@ constexpr int status_wrong_arguments = 2;
 
 int main(int argc, char** argv)
 {
+    // A reader of the output that left, or a file that may grow no more, is no reason to leave the disks as
+    // they are.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     try {
         const auto options = station::parse_options(argc, argv);
         if (!options)

@@ -16,6 +16,10 @@
 namespace station {
 
 using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+// Memory that other connections give back comes without a wake-up.
+constexpr auto memory_poll_time = 10ms;
 
 // A request from its header to its reply. Given to the disk's queue while its transfer runs, then to
 // the sender, and back.
@@ -48,7 +52,7 @@ Transfer::Operation operation_of(nbd::Command command)
 
 NbdConnection::NbdConnection(UniqueFd socket, const Exports& exports, ConnectionLimits limits)
     : socket_(std::move(socket)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), exports_(exports),
-      limits_(limits), sender_(socket_.get(), wake_.get()), buffers_(limits.buffer_bytes)
+      limits_(limits), sender_(socket_.get(), wake_.get()), buffers_(limits.buffer_bytes, limits.budget)
 {
     if (!wake_)
         throw std::system_error(errno, std::generic_category(), "eventfd");
@@ -59,15 +63,15 @@ NbdConnection::~NbdConnection() = default;
 
 void NbdConnection::run()
 {
-    if (handshake()) {
-        try {
+    try {
+        if (handshake()) {
             queue_ = export_.device->open_queue();
             transmission();
-        } catch (const std::bad_alloc&) {
-            sender_.abandon();
         }
-        drain();
+    } catch (const std::bad_alloc&) {
+        sender_.abandon();
     }
+    drain();
     shutdown(socket_.get(), SHUT_RDWR);
 }
 
@@ -108,7 +112,7 @@ bool NbdConnection::handshake()
     if (dialogue.state() == NbdHandshake::State::closed)
         return false;
     export_ = dialogue.chosen();
-    disk_bytes_ = export_.device->size_bytes();
+    disk_ = {export_.device->size_bytes(), export_.read_only, export_.flushes};
     return true;
 }
 
@@ -155,6 +159,9 @@ void NbdConnection::transmission()
         case Progress::need_slot:
             wait_for_work(false);
             break;
+        case Progress::need_memory:
+            wait_for_work(false, memory_poll_time);
+            break;
         case Progress::need_bytes:
             if (!receive())
                 return;
@@ -175,8 +182,8 @@ NbdConnection::Progress NbdConnection::take_requests()
         case NbdReceiver::Event::request:
             if (receiver_.request().command == nbd::Command::disconnect)
                 return Progress::ended;
-            if (!start_request())
-                return Progress::need_slot;
+            if (const Progress progress = start_request(); progress != Progress::need_bytes)
+                return progress;
             break;
         case NbdReceiver::Event::payload:
             Slot& slot = *std::exchange(receiving_, nullptr);
@@ -189,19 +196,18 @@ NbdConnection::Progress NbdConnection::take_requests()
     }
 }
 
-// False when the request has to wait for memory or a slot.
-bool NbdConnection::start_request()
+NbdConnection::Progress NbdConnection::start_request()
 {
     const NbdRequest& request = receiver_.request();
     Slot* const slot = free_slot();
     if (!slot)
-        return false;
-    std::uint32_t error = check_request(request, disk_bytes_);
+        return Progress::need_slot;
+    std::uint32_t error = check_request(request, disk_);
     if (!error && request.buffer_bytes()) {
         try {
             slot->buffer = buffers_.take(request.buffer_bytes());
             if (!slot->buffer)
-                return false;
+                return buffers_.waits_for_others() ? Progress::need_memory : Progress::need_slot;
         } catch (const std::bad_alloc&) {
             error = nbd::error_no_memory;
         }
@@ -222,7 +228,7 @@ bool NbdConnection::start_request()
     if (error) {
         if (!receiving_)
             refuse(*slot, error);
-        return true;
+        return Progress::need_bytes;
     }
 
     slot->operation = operation_of(request.command);
@@ -240,7 +246,7 @@ bool NbdConnection::start_request()
     };
     if (!receiving_)
         queue_->submit(*slot);
-    return true;
+    return Progress::need_bytes;
 }
 
 void NbdConnection::refuse(Slot& slot, std::uint32_t error)
@@ -275,8 +281,11 @@ bool NbdConnection::receive()
         receiver_.filled(static_cast<std::size_t>(got));
     else if (got == 0 || (errno != EAGAIN && errno != EINTR))
         return false;
-    else
+    else {
+        if (free_slots_.size() == slots_.size())
+            buffers_.trim();
         wait_for_work(true);
+    }
     return true;
 }
 
@@ -300,35 +309,44 @@ void NbdConnection::recycle(bool await)
 
 // Waits for the client (when reading), for room in the socket (when replies wait for it), for a slot
 // to come back (when not reading), or for stop().
-void NbdConnection::wait_for_work(bool reading)
+bool NbdConnection::wait_for_work(bool reading, std::chrono::milliseconds at_most)
 {
     const std::size_t free_before = free_slots_.size();
     recycle(!reading);
     if (!reading && free_slots_.size() != free_before)
-        return;
+        return true;
     const bool blocked = sender_.blocked();
     pollfd polled[] = {
         {socket_.get(), static_cast<short>((reading ? POLLIN : 0) | (blocked ? POLLOUT : 0)), 0},
         {wake_.get(), POLLIN, 0}};
     if (!polled[0].events)
         polled[0].fd = -1;
-    poll(polled, 2, -1);
+    poll(polled, 2, static_cast<int>(at_most.count()));
     if (polled[1].revents) {
         eventfd_t count;
         eventfd_read(wake_.get(), &count);
     }
-    if (blocked && (polled[0].revents & (POLLOUT | POLLERR | POLLHUP)))
+    const bool room = blocked && (polled[0].revents & (POLLOUT | POLLERR | POLLHUP));
+    if (room)
         sender_.room();
+    return room;
 }
 
-// The transfers in flight own their buffers: nothing may go before the last of them is back.
+// The transfers in flight own their buffers: nothing may go before the last of them is back. A client that
+// takes no replies while some wait for it is not waited for.
 void NbdConnection::drain()
 {
     if (receiving_)
         free_slots_.push_back(std::exchange(receiving_, nullptr));
     recycle(false);
-    while (free_slots_.size() != slots_.size())
-        wait_for_work(false);
+    auto deadline = Clock::now() + limits_.farewell_time;
+    while (free_slots_.size() != slots_.size()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0 && sender_.blocked())
+            sender_.abandon();
+        if (wait_for_work(false, std::max(left, 0ms)) || !sender_.blocked())
+            deadline = Clock::now() + limits_.farewell_time;
+    }
     queue_.reset();
 }
 

@@ -21,7 +21,10 @@ namespace station {
 
 struct ConnectionLimits {
     std::chrono::milliseconds handshake_time{20'000};
+    // After the last reply that a client took, once it has nothing more to ask or sends what is no request.
+    std::chrono::milliseconds farewell_time{20'000};
     std::size_t buffer_bytes = nbd::request_bytes_max;
+    BufferBudget* budget = nullptr;  // shared by all connections of a server; null: none
     unsigned requests_in_flight = 256;
 };
 
@@ -39,6 +42,7 @@ public:
     void abandon();
 
 private:
+    static constexpr std::chrono::milliseconds forever{-1};
     struct Slot;
 
     bool handshake();
@@ -46,14 +50,15 @@ private:
     bool wait_socket(short events, std::chrono::steady_clock::time_point deadline);
 
     void transmission();
-    enum class Progress { need_bytes, need_slot, ended };
+    enum class Progress { need_bytes, need_slot, need_memory, ended };
     Progress take_requests();
-    bool start_request();
+    Progress start_request();  // need_bytes: it is started
     void refuse(Slot& slot, std::uint32_t error);
     bool receive();
     Slot* free_slot();
     void recycle(bool await);
-    void wait_for_work(bool reading);
+    // True when the client has taken something that it was slow to take.
+    bool wait_for_work(bool reading, std::chrono::milliseconds at_most = forever);
     void drain();
 
     UniqueFd socket_;
@@ -63,7 +68,7 @@ private:
     std::atomic<bool> stopping_ = false;
 
     Export export_;
-    std::uint64_t disk_bytes_ = 0;
+    DiskTraits disk_;
     std::vector<std::uint8_t> early_;  // bytes of the first requests that came with the handshake
     NbdReceiver receiver_;
     ReplySender sender_;

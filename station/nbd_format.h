@@ -38,6 +38,7 @@ enum class Info : std::uint16_t { export_size = 0, name = 1, description = 2, bl
 
 // Transmission flags
 constexpr std::uint16_t transmission_has_flags = 1;
+constexpr std::uint16_t transmission_read_only = 2;
 constexpr std::uint16_t transmission_send_flush = 4;
 constexpr std::uint16_t transmission_send_write_zeroes = 64;
 constexpr std::uint16_t transmission_can_multi_conn = 256;
@@ -48,6 +49,7 @@ enum class Command : std::uint16_t { read = 0, write = 1, disconnect = 2, flush 
 constexpr std::uint16_t command_no_hole = 2;  // of write_zeroes: zeros that take up room
 
 // Errors of simple replies
+constexpr std::uint32_t error_not_permitted = 1;
 constexpr std::uint32_t error_io = 5;
 constexpr std::uint32_t error_no_memory = 12;
 constexpr std::uint32_t error_invalid = 22;

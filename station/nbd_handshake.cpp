@@ -191,7 +191,7 @@ void NbdHandshake::export_name()
     }
     ExportNameReply answer;
     answer.size_bytes.set(found->device->size_bytes());
-    answer.transmission_flags.set(transmission_flags);
+    answer.transmission_flags.set(transmission_flags(*found));
     put(answer);
     if (!no_zeroes_)
         output_.resize(output_.size() + export_name_zeroes);
@@ -246,7 +246,7 @@ void NbdHandshake::send_info(const Export& chosen, bool want_name, bool want_des
     InfoExport size;
     size.type.set(static_cast<std::uint16_t>(Info::export_size));
     size.size_bytes.set(chosen.device->size_bytes());
-    size.transmission_flags.set(transmission_flags);
+    size.transmission_flags.set(transmission_flags(chosen));
     reply(reply_info, bytes_of(size));
 
     Be16 type;

@@ -71,9 +71,13 @@ private:
 };
 
 // What is announced to the client of an export.
-constexpr std::uint16_t transmission_flags = nbd::transmission_has_flags | nbd::transmission_send_flush |
-                                             nbd::transmission_send_write_zeroes |
-                                             nbd::transmission_can_multi_conn;
+constexpr std::uint16_t transmission_flags(const Export& chosen)
+{
+    unsigned flags = nbd::transmission_has_flags | nbd::transmission_can_multi_conn;
+    flags |= chosen.read_only ? nbd::transmission_read_only : nbd::transmission_send_write_zeroes;
+    flags |= chosen.flushes ? nbd::transmission_send_flush : 0;
+    return static_cast<std::uint16_t>(flags);
+}
 constexpr std::uint32_t block_bytes_minimum = 512;
 constexpr std::uint32_t block_bytes_preferred = 4096;
 

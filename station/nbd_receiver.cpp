@@ -10,7 +10,7 @@ namespace station {
 
 using namespace nbd;
 
-std::uint32_t check_request(const NbdRequest& request, std::uint64_t disk_bytes)
+std::uint32_t check_request(const NbdRequest& request, const DiskTraits& disk)
 {
     // Zeros are always written, so a wish for no hole is granted as it is.
     const bool zeroes = request.command == Command::write_zeroes;
@@ -19,7 +19,7 @@ std::uint32_t check_request(const NbdRequest& request, std::uint64_t disk_bytes)
     std::uint32_t bytes_max = request_bytes_max;
     switch (request.command) {
     case Command::flush:
-        return request.offset == 0 && request.length == 0 ? 0 : error_invalid;
+        return disk.flushes && request.offset == 0 && request.length == 0 ? 0 : error_invalid;
     case Command::write_zeroes:
         bytes_max = UINT32_MAX;
         break;
@@ -29,11 +29,13 @@ std::uint32_t check_request(const NbdRequest& request, std::uint64_t disk_bytes)
     default:
         return error_invalid;
     }
+    if (disk.read_only && request.command != Command::read)
+        return error_not_permitted;
     if (request.length == 0 || request.length > bytes_max)
         return error_invalid;
     if (request.length % formats::sector_bytes != 0 || request.offset % formats::sector_bytes != 0)
         return error_invalid;
-    if (request.offset > disk_bytes || request.length > disk_bytes - request.offset)
+    if (request.offset > disk.bytes || request.length > disk.bytes - request.offset)
         return request.command == Command::read ? error_invalid : error_no_space;
     return 0;
 }

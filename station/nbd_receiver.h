@@ -26,8 +26,15 @@ struct NbdRequest {
     std::uint32_t buffer_bytes() const { return command == nbd::Command::read ? length : payload_bytes(); }
 };
 
-// 0, or the error that answers the request of a client of a disk of this size.
-std::uint32_t check_request(const NbdRequest& request, std::uint64_t disk_bytes);
+// What the client was told of its disk.
+struct DiskTraits {
+    std::uint64_t bytes = 0;
+    bool read_only = false;
+    bool flushes = true;
+};
+
+// 0, or the error that answers the request of a client of this disk.
+std::uint32_t check_request(const NbdRequest& request, const DiskTraits& disk);
 
 nbd::SimpleReply simple_reply(std::uint64_t cookie, std::uint32_t error);
 

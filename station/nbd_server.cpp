@@ -17,6 +17,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
+// A connection's thread goes down into the driver, whose own threads have 12 KB.
+constexpr std::size_t stack_bytes = 256 << 10;
+
 // For connections that were only waiting for their client.
 constexpr auto cut_off_time = 200ms;
 
@@ -26,6 +29,7 @@ NbdServer::NbdServer(NbdAddress address, const Exports& exports, ConnectionLimit
     : address_(std::move(address)), exports_(exports), limits_(limits), listener_(address_.listen()),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
+    limits_.budget = &budget_;
     if (!wake_)
         throw std::system_error(errno, std::generic_category(), "eventfd");
 }
@@ -122,18 +126,27 @@ void NbdServer::serve(UniqueFd socket)
         ++refused_;
         return;
     }
-    Client& client = clients_.emplace_back(std::move(socket), exports_, limits_);
-    try {
-        client.thread = std::thread([this, &client] {
-            client.connection.run();
-            client.ended = true;
-            eventfd_write(wake_.get(), 1);
-        });
-    } catch (...) {
+    Client& client = clients_.emplace_back(std::move(socket), *this);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, stack_bytes);
+    const int error = pthread_create(&client.thread, &attributes, serve_client, &client);
+    pthread_attr_destroy(&attributes);
+    if (error != 0) {
         clients_.pop_back();
-        throw;
+        throw std::system_error(error, std::generic_category(), "thread");
     }
     ++accepted_;
+}
+
+void* NbdServer::serve_client(void* argument)
+{
+    Client& client = *static_cast<Client*>(argument);
+    const int wake = client.server->wake_.get();
+    client.connection.run();
+    client.ended = true;
+    eventfd_write(wake, 1);
+    return nullptr;
 }
 
 // Takes the ended clients off the list, closing their sockets.
@@ -150,7 +163,7 @@ void NbdServer::reap()
         }
     }
     for (Client& client : ended)
-        client.thread.join();
+        pthread_join(client.thread, nullptr);
 }
 
 }  // namespace station

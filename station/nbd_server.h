@@ -2,6 +2,8 @@
 // Listens for clients and runs each in a thread of its own. Used by the station's main thread.
 #pragma once
 
+#include <pthread.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -24,6 +26,8 @@ struct ServerCounters {
 class NbdServer {
 public:
     static constexpr unsigned connections_max = 64;
+    // For requests of all connections together, beyond each one's own: the process has 32 bits.
+    static constexpr std::size_t buffer_bytes_shared = 256 << 20;
 
     // Listens: clients may connect, and wait to be served. Throws what NbdAddress::listen throws.
     // Exports must outlive this.
@@ -43,24 +47,27 @@ public:
 
 private:
     struct Client {
-        Client(UniqueFd socket, const Exports& exports, const ConnectionLimits& limits)
-            : connection(std::move(socket), exports, limits)
+        Client(UniqueFd socket, NbdServer& owner)
+            : connection(std::move(socket), owner.exports_, owner.limits_), server(&owner)
         {
         }
         NbdConnection connection;
-        std::thread thread;
+        pthread_t thread;
+        NbdServer* server;
         std::atomic<bool> ended = false;
     };
 
     void accept_loop();
     void accept_one();
     void serve(UniqueFd socket);
+    static void* serve_client(void* client);
     void reap();
     bool wait_all_ended(std::chrono::milliseconds patience);
 
     NbdAddress address_;
     const Exports& exports_;
-    const ConnectionLimits limits_;
+    BufferBudget budget_{buffer_bytes_shared};
+    ConnectionLimits limits_;
     UniqueFd listener_;
     UniqueFd wake_;
     std::atomic<bool> stopping_ = false;

@@ -12,6 +12,8 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
+#include "programs/version.h"
+
 namespace station {
 
 namespace {
@@ -132,8 +134,10 @@ std::optional<Options> parse_options(int argc, char** argv)
     std::string boot_block, handover = "low-memory", feeding = "held-back", nbd = "tcp:127.0.0.1:10809";
     std::optional<std::string> memory;
     std::vector<std::string> settings;
+    std::vector<unsigned> read_only;
 
     CLI::App app(description, "qrn-station");
+    app.set_version_flag("--version", programs::version_line("qrn-station"), "Print the version");
     app.footer(footer);
     app.add_option("--boot-block", boot_block, "the 360-byte boot parameter block")
         ->required()
@@ -169,6 +173,12 @@ std::optional<Options> parse_options(int argc, char** argv)
                    "boot from this local disk, with its images of the\n"
                    "block's disks (see below)")
         ->option_text("FILE");
+    app.add_option("--read-only", read_only,
+                   "the server drops writes to this disk (readonly), so\n"
+                   "clients are told and their writes fail at once; may\nbe repeated")
+        ->option_text("LUN")
+        ->check(CLI::Range(0u, formats::disk_count_max - 1))
+        ->allow_extra_args(false);
     app.add_option("--log", options.log, "append every message of the driver to this file")
         ->option_text("FILE");
     app.add_option("--stats-json", options.stats_json,
@@ -178,6 +188,9 @@ std::optional<Options> parse_options(int argc, char** argv)
 
     try {
         app.parse(argc, argv);
+    } catch (const CLI::CallForVersion& version) {
+        std::cout << version.what() << '\n';
+        return std::nullopt;
     } catch (const CLI::CallForHelp&) {
         std::cout << app.help();
         return std::nullopt;
@@ -200,6 +213,8 @@ std::optional<Options> parse_options(int argc, char** argv)
     }
     for (const std::string& each : settings)
         options.settings.push_back(setting(each));
+    for (const unsigned lun : read_only)
+        options.read_only[lun] = true;
     if (memory)
         set_memory(options, *memory);
     return options;

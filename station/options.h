@@ -2,6 +2,7 @@
 // The command line of qrn-station.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -28,6 +29,7 @@ struct Options {
     std::optional<std::string> log;
     std::optional<std::string> stats_json;
     std::optional<std::string> local_disk;
+    std::array<bool, formats::disk_count_max> read_only{};  // LUNs that clients may not write to
     bool status = false;
 };
 

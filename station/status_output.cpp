@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "station/status_output.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <system_error>
 
-#include "station/unique_fd.h"
+#include "programs/replace_file.h"
 
 namespace station {
 
@@ -32,12 +29,7 @@ void StatusView::show(const StationStatus& status)
 
 void write_statistics_file(const std::string& path, const StationStatus& status)
 {
-    const std::string fresh = path + ".new";
-    const std::string text = status_json(status);
-    const UniqueFd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-    if (!file || write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-        rename(fresh.c_str(), path.c_str()) != 0)
-        throw std::system_error(errno, std::generic_category(), path);
+    programs::replace_file(path, status_json(status));
 }
 
 }  // namespace station

@@ -268,6 +268,12 @@ bool Workstation::luns_may_come_later() const
            block_.Disk_Nums > block_.Local_Nums;
 }
 
+// There a flush ends at once and brings nothing to the server.
+bool Workstation::in_ram_cache(unsigned lun) const
+{
+    return (block_.Disks[lun].Disk_Flags & formats::disk_flag_ram_cache) != 0;
+}
+
 // After every bus scan. A client keeps the disk it chose.
 void Workstation::find_luns()
 {
@@ -277,7 +283,8 @@ void Workstation::find_luns()
     for (const machine::LunInfo& each : found)
         exports.push_back({"lun" + std::to_string(each.lun),
                            text_of(each.inquiry, 8, 8) + " " + text_of(each.inquiry, 16, 16),
-                           std::make_shared<LunDevice>(machine_.scsi(), each, luns_[each.lun])});
+                           std::make_shared<LunDevice>(machine_.scsi(), each, luns_[each.lun]),
+                           options_.read_only[each.lun], !in_ram_cache(each.lun)});
     {
         std::lock_guard guard(found_lock_);
         found_ = std::move(found);

@@ -46,6 +46,7 @@ private:
     bool wait_for_luns();
     bool luns_may_come_later() const;
     void find_luns();
+    bool in_ram_cache(unsigned lun) const;
     void begin_synchronisation();
     void announce();
     void watch();

@@ -11,6 +11,7 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
+#include "programs/version.h"
 #include "tools/commands.h"
 #include "tools/errors.h"
 
@@ -54,6 +55,7 @@ public:
     Parser() : app_(description, "qrn-image")
     {
         app_.footer(footer);
+        app_.set_version_flag("--version", programs::version_line("qrn-image"), "Print the version");
         app_.require_subcommand(1);
         add_disk();
         add_create();
@@ -166,6 +168,9 @@ CommandLine Parser::parse(int argc, const char* const* argv)
 {
     try {
         app_.parse(argc, argv);
+    } catch (const CLI::CallForVersion& version) {
+        std::cout << version.what() << '\n';
+        return {};
     } catch (const CLI::CallForHelp&) {
         // Of the command that it was asked for.
         const auto chosen = app_.get_subcommands();

@@ -17,7 +17,7 @@ class CachedDisk(Case):
 
     def write_and_read_back(self):
         """Returns what the workstation's cache and what the server counted, at their end."""
-        self.client("nbdcopy", "--flush", self.source, self.station.uri(1))
+        self.client("nbdcopy", self.source, self.station.uri(1))
         self.client("nbdcopy", self.station.uri(1), self.path("copy"))
         self.assert_same_content(self.source, self.path("copy"))
         self.station.stop()

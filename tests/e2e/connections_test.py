@@ -1,13 +1,16 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
 """Many clients at once, some of them hostile; and the end of the programs."""
+import json
+import os
 import random
 import signal
 import socket
 import struct
+import subprocess
 import unittest
 
-from harness import MB, Case, Server, Station
+from harness import BIN, DRIVER, MB, Case, Server, Station
 
 NBD_MAGIC, OPTION_MAGIC, REQUEST_MAGIC = b"NBDMAGIC", b"IHAVEOPT", 0x25609513
 OPTION_EXPORT_NAME, COMMAND_READ, COMMAND_WRITE = 1, 0, 1
@@ -52,6 +55,37 @@ class Connections(Case):
             self.finish_client(client)
         for path in self.targets + copies:
             self.assert_same_content(self.image, path)
+
+    def test_A_reader_of_the_status_that_leaves_ends_nothing(self):
+        socket_path, statistics = self.path("other.sock"), self.path("other.json")
+        station = subprocess.Popen(
+            [f"{BIN}/qrn-station", "--boot-block", self.server.boot_block_path, "--driver", DRIVER, "--status",
+             "--nbd", f"unix:{socket_path}", "--stats-json", statistics], stdout=subprocess.PIPE)
+        self.addCleanup(station.kill)
+        self.assertTrue(station.stdout.readline().startswith(b"ready"))
+        station.stdout.close()
+
+        def uptime_s():
+            with open(statistics) as file:
+                return json.load(file)["uptime_ms"] / 1000
+        begin_s = uptime_s()
+        self.wait_until(lambda: uptime_s() > begin_s + 2.5, "statistics were shown twice")
+        self.assertIsNone(station.poll(), "it died of its output")
+        before = self.server.statistics()["disks"][0]["shutdowns"]
+        station.terminate()
+        self.assertEqual(station.wait(timeout=20), 0)
+        self.assertFalse(os.path.exists(socket_path))
+        self.wait_until(lambda: self.server.statistics()["disks"][0]["shutdowns"] > before, "the disks were told")
+
+    def test_Clients_of_a_read_only_disk_learn_it_and_read(self):
+        self.station.stop()
+        station = Station(self, self.server, options=["--read-only", "0"])
+        info = json.loads(self.client("nbdinfo", "--no-content", "--json", station.uri(0)))["exports"][0]
+        self.assertTrue(info["is_read_only"])
+        self.assertFalse(json.loads(self.client("nbdinfo", "--no-content", "--json", station.uri(1)))["exports"][0]
+                         ["is_read_only"])
+        self.client("nbdcopy", station.uri(0), self.path("copy"))
+        self.assert_same_content(self.image, self.path("copy"))
 
     def test_Hostile_clients_cost_only_their_own_connections(self):
         reader = self.start_client("nbdcopy", self.station.uri(0), self.path("copy"))

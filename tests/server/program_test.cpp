@@ -248,4 +248,10 @@ TEST_F(Program, Links_and_what_is_no_file_are_written_through)
     EXPECT_TRUE(std::filesystem::is_fifo(folder / "pipe"));
 }
 
+TEST_F(Program, Version_is_printed)
+{
+    EXPECT_EQ(run("--version"), 0);
+    EXPECT_TRUE(content_of("out").starts_with("qrn-server " QRN_VERSION "\n")) << content_of("out");
+}
+
 }  // namespace

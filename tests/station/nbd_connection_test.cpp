@@ -33,7 +33,7 @@ protected:
         setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
         for (std::size_t i = 0; i < device->disk.size(); ++i)
             device->disk[i] = static_cast<std::uint8_t>(i / 512 * 7 + i);
-        exports.set({{"lun0", "test disk", device}});
+        exports.set({{"lun0", "test disk", device, read_only, flushes}});
         connection.emplace(UniqueFd(ends[1]), exports, limits);
         serving = std::thread([this] { connection->run(); });
     }
@@ -42,7 +42,11 @@ protected:
         start(limits);
         EXPECT_EQ(receive(18).size(), 18u);
         send(Writer().u32(3).add(option(1, Writer().text("lun0"))));
-        EXPECT_EQ(receive(10), Bytes(Writer().u64(disk_bytes).u16(325)));
+        const unsigned flags = read_only ? 259 : flushes ? 325 : 321;
+        EXPECT_EQ(receive(10),
+                  Bytes(Writer()
+                            .u64(disk_bytes)
+                            .u16(static_cast<std::uint16_t>(flags + (read_only && flushes ? 4 : 0)))));
     }
     void TearDown() override
     {
@@ -80,6 +84,7 @@ protected:
         return poll(&polled, 1, static_cast<int>(time.count())) == 0;
     }
 
+    bool read_only = false, flushes = true;
     std::shared_ptr<MemoryDevice> device = std::make_shared<MemoryDevice>(disk_bytes);
     Exports exports;
     std::optional<NbdConnection> connection;
@@ -236,4 +241,85 @@ TEST_F(Connection, Random_reads_and_writes_finished_in_random_order_agree_with_a
         }
     }
     EXPECT_EQ(device->disk, model);
+}
+
+TEST_F(Connection, Client_that_has_gone_half_and_takes_nothing_is_cut_off)
+{
+    start_and_choose({.farewell_time = 50ms});
+    Writer requests;
+    for (std::uint64_t i = 0; i < 8; ++i)
+        requests.add(request(0, i, 0, 1 << 20));  // more than the socket holds
+    send(requests);
+    shutdown(client.get(), SHUT_WR);
+    serving.join();
+}
+
+TEST_F(Connection, Client_that_has_gone_half_and_goes_on_reading_gets_every_reply)
+{
+    start_and_choose({.farewell_time = 10'000ms});
+    Writer requests;
+    for (std::uint64_t i = 0; i < 8; ++i)
+        requests.add(request(0, i, 0, 1 << 20));
+    send(requests);
+    shutdown(client.get(), SHUT_WR);
+    for (std::uint64_t i = 0; i < 8; ++i) {
+        ASSERT_EQ(receive(16), reply(i));
+        ASSERT_EQ(receive(1 << 20), sectors(0, 1 << 20));
+    }
+    EXPECT_TRUE(receive(1).empty());
+}
+
+TEST_F(Connection, Writes_to_a_read_only_disk_fail_at_once)
+{
+    read_only = true;
+    start_and_choose();
+    const Bytes before = device->disk;
+    send(Writer()
+             .add(request(1, 1, 0, 512))
+             .add(Bytes(512))
+             .add(request(6, 2, 0, 512))
+             .add(request(0, 3, 0, 512)));
+    EXPECT_EQ(receive(16), reply(1, 1));
+    EXPECT_EQ(receive(16), reply(2, 1));
+    EXPECT_EQ(receive(16), reply(3));
+    EXPECT_EQ(receive(512), sectors(0, 512));
+    EXPECT_EQ(device->disk, before);
+}
+
+TEST_F(Connection, Flush_is_refused_where_it_is_not_offered)
+{
+    flushes = false;
+    start_and_choose();
+    send(request(3, 1, 0, 0));
+    EXPECT_EQ(receive(16), reply(1, 22));
+}
+
+TEST_F(Connection, Handshake_without_memory_ends_the_connection_and_nothing_else)
+{
+    struct Exhausted : MemoryDevice {
+        using MemoryDevice::MemoryDevice;
+        std::uint64_t size_bytes() const override { throw std::bad_alloc(); }
+    };
+    device = std::make_shared<Exhausted>(disk_bytes);
+    start();
+    receive(18);
+    send(Writer().u32(3).add(option(1, Writer().text("lun0"))));
+    EXPECT_TRUE(receive(1).empty());
+}
+
+TEST_F(Connection, What_others_hold_of_the_memory_is_waited_for_and_small_requests_are_not)
+{
+    BufferBudget budget(2 << 20);
+    BufferPool other(32 << 20, &budget);
+    BufferPool::Buffer held = other.take(2 << 20);
+    start_and_choose({.budget = &budget});
+    send(request(0, 1, 0, 512));
+    EXPECT_EQ(receive(16 + 512).size(), 16u + 512u);
+    send(request(0, 2, 0, 4 << 20));
+    EXPECT_TRUE(nothing_to_read_for(50ms)) << "4 MB with 1 MB of its own and 1 MB of the budget";
+    EXPECT_FALSE(budget.take((1 << 20) + 1));
+    other.give_back(std::move(held));
+    other.trim();
+    budget.give_back(2 << 20);
+    EXPECT_EQ(receive(16 + (4 << 20)).size(), 16u + (4u << 20));
 }

@@ -50,7 +50,7 @@ struct Client {
         payload.clear();
         if (request.payload_bytes() == 0)
             return receiver.no_payload();
-        if (check_request(request, disk_bytes) || request.payload_bytes() > payload_max)
+        if (check_request(request, {disk_bytes}) || request.payload_bytes() > payload_max)
             return receiver.skip_payload();
         payload.resize(request.payload_bytes());
         receiver.payload_into(payload.data());
@@ -118,9 +118,9 @@ TEST(NbdRequest, Check_answers_what_the_protocol_asks_for)
         {"a command nobody knows", {0, nbd::Command{999}, 0, 0, 512}, invalid},
     };
     for (const auto& each : cases)
-        EXPECT_EQ(check_request(each.request, disk_bytes), each.error)
+        EXPECT_EQ(check_request(each.request, {disk_bytes}), each.error)
             << each.name << ", length " << each.request.length;
-    EXPECT_EQ(check_request({0, nbd::Command::read, 0, 0, 512}, 0), invalid) << "a disk without sectors";
+    EXPECT_EQ(check_request({0, nbd::Command::read, 0, 0, 512}, {0}), invalid) << "a disk without sectors";
 }
 
 TEST(NbdReceiver, Stream_reads_the_same_however_it_is_cut)

@@ -85,3 +85,9 @@ TEST_F(Program, Disks_that_show_at_a_later_bus_scan_are_waited_for)
     EXPECT_EQ(ready_line(), "ready nbd+unix:///lun0?socket=" + socket);
     EXPECT_EQ(stop(SIGTERM), 0);
 }
+
+TEST_F(Program, Version_is_printed)
+{
+    EXPECT_EQ(run("--version"), 0);
+    EXPECT_TRUE(content_of("out").starts_with("qrn-station " QRN_VERSION "\n")) << content_of("out");
+}
