@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
 """A disk that the workstation caches in its memory."""
+import json
 import unittest
 
 from harness import MB, Case, Server, Station
@@ -15,8 +16,14 @@ class CachedDisk(Case):
         self.server = Server(self, [self.random_disk("system", 1), f"{self.disk},cache_mb={CACHE_MB}"])
         self.station = Station(self, self.server)
 
+    def can_flush(self, lun):
+        information = self.client("nbdinfo", "--no-content", "--json", self.station.uri(lun))
+        return json.loads(information)["exports"][0]["can_flush"]
+
     def write_and_read_back(self):
         """Returns what the workstation's cache and what the server counted, at their end."""
+        self.assertFalse(self.can_flush(1), "nothing would be flushed there")
+        self.assertTrue(self.can_flush(0))
         self.client("nbdcopy", self.source, self.station.uri(1))
         self.client("nbdcopy", self.station.uri(1), self.path("copy"))
         self.assert_same_content(self.source, self.path("copy"))

@@ -136,10 +136,10 @@ class Case(unittest.TestCase):
             file.truncate(megabytes * MB)
         return path
 
-    def start_client(self, *arguments):
+    def start_client(self, *arguments, stdin=subprocess.DEVNULL):
         """A client that may still run while the test does something else."""
         process = subprocess.Popen(arguments, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
-                                   stdin=subprocess.DEVNULL, cwd=self.directory, preexec_fn=die_with_parent)
+                                   stdin=stdin, cwd=self.directory, preexec_fn=die_with_parent)
         self.addCleanup(process.kill)
         return process
 

@@ -1,15 +1,19 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
 """Servers that go away: for a while, and for good."""
+import resource
+import subprocess
+import threading
 import time
 import unittest
 
-from harness import MB, Case, Server, Station, stored_bytes
+from harness import CLIENT_TIMEOUT_S, MB, Case, Server, Station, die_with_parent, stored_bytes
 
 OUTAGE_S = 4
 DISK_MB = 24
-# Slow enough to be in the middle of it when the server goes.
-ONE_BY_ONE = ["--connections=1", "--requests=1", "--request-size=4096"]
+# Clients copy through pipes, of which the test holds the other end: they are in the middle of it for as long as
+# the test wants.
+BEGIN_BYTES = 2 * MB
 
 
 class ServerLoss(Case):
@@ -17,17 +21,38 @@ class ServerLoss(Case):
         image = self.random_disk("image", DISK_MB)
         server = Server(self, [image])
         station = Station(self, server)
-        copy = self.path("copy")
-        reader = self.start_client("nbdcopy", *ONE_BY_ONE, station.uri(0), copy)
-        self.wait_until(lambda: stored_bytes(copy) > 2 * MB, "the copy has begun")
+        reader = subprocess.Popen(["nbdcopy", station.uri(0), "-"], stdout=subprocess.PIPE,
+                                  preexec_fn=die_with_parent)
+        self.addCleanup(reader.stdout.close)
+        self.addCleanup(reader.kill)
+        copy = reader.stdout.read(BEGIN_BYTES)
         server.kill()
-        self.assertIsNone(reader.poll(), "the copy was over before the server was killed")
+        rest = []
+        collector = threading.Thread(target=lambda: rest.append(reader.stdout.read()))
+        collector.start()
         time.sleep(OUTAGE_S)
         self.assertIsNone(reader.poll(), "the client did not wait")
         Server(self, [image], name="again", port=server.port)
-        self.finish_client(reader)
-        self.assert_same_content(image, copy)
+        collector.join(CLIENT_TIMEOUT_S)
+        self.assertEqual(reader.wait(timeout=CLIENT_TIMEOUT_S), 0)
+        with open(image, "rb") as file:
+            self.assertTrue(file.read() == copy + rest[0], "the copy differs")
         self.assertIn("Time Out", station.log())
+
+    def test_A_full_disk_at_the_server_stops_its_own_writes_alone_and_no_shutdown(self):
+        system = self.random_disk("system", 4)
+        server = Server(self, [system, self.empty_disk("full", DISK_MB)])
+        resource.prlimit(server.process.pid, resource.RLIMIT_FSIZE, (8 * MB, 8 * MB))
+        station = Station(self, server)
+        writer = self.start_client("nbdcopy", self.random_disk("source", DISK_MB, seed=2), station.uri(1))
+        self.wait_until(lambda: "Time Out" in station.log(), "a write that found no room has its time-outs")
+        self.client("nbdcopy", station.uri(0), self.path("copy"))
+        self.assert_same_content(system, self.path("copy"))
+        station.stop()
+        writer.communicate(timeout=CLIENT_TIMEOUT_S)
+        self.assertNotEqual(writer.returncode, 0)
+        self.assertIn(f"{self.path('full')}: cannot write for 127.0.0.1:", server.output())
+        self.assertEqual(server.output().count("File too large (errno 27)"), 1)
 
     def mirrored(self):
         """A main server and its mirror, each with a file of its own for LUN 1."""
@@ -41,10 +66,13 @@ class ServerLoss(Case):
     def station_that_writes_while_one_goes(self, lost, kept):
         station = Station(self, self.main, registry=["HOT_RETRYS=1"])
         self.source = self.random_disk("source", DISK_MB, seed=2)
-        writer = self.start_client("nbdcopy", "--flush", *ONE_BY_ONE, self.source, station.uri(1))
-        self.wait_until(lambda: stored_bytes(kept) > 2 * MB, "writing has begun")
-        lost.kill()
-        self.assertIsNone(writer.poll(), "writing was over before the server was killed")
+        writer = self.start_client("nbdcopy", "--flush", "-", station.uri(1), stdin=subprocess.PIPE)
+        with open(self.source, "rb") as source:
+            writer.stdin.buffer.write(source.read(BEGIN_BYTES))
+            writer.stdin.flush()
+            self.wait_until(lambda: stored_bytes(kept) > BEGIN_BYTES // 2, "writing has begun")
+            lost.kill()
+            writer.stdin.buffer.write(source.read())
         self.finish_client(writer)
         self.assert_same_content(self.source, kept)
         return station

@@ -2,8 +2,6 @@
 // The order of the start, boot modes, and the driver's workers.
 #include <gtest/gtest.h>
 
-#include <regex>
-
 #include "machine/executive/executive.h"
 #include "tests/scenario/rig.h"
 
@@ -31,29 +29,6 @@ void expect_workers(Rig& rig, unsigned count)
     for (unsigned index = 0; index < count; ++index)
         EXPECT_EQ(rig.printed("\nQRN SCSI: QRN_RW_Thread " + std::to_string(index) + " Created"), 1u);
     EXPECT_EQ(rig.log_count("QRN_RW_Thread"), count);
-}
-
-TEST(Startup, Messages_tell_the_steps_in_their_order)
-{
-    Rig rig({.disks = {{.sectors = 4096}, {.sectors = 2048, .flags = 0x80}}});
-    rig.run([] {});
-    const char* const expected[] = {
-        "\nQRN SCSI: DriverEntry Bulid=[A-Z][a-z]{2} [ 1-3][0-9] [0-9]{4},[0-9]{2}:[0-9]{2}:[0-9]{2}",
-        "\nQRN_Find_Dos: i=9600 [0-9A-F]{8}",
-        "\nQRN SCSI: DCIO QRNNDIS OK",
-        "\nQRN SCSI: 00 00 Disk:2 2",
-        "\nQRN SCSI: Lun:0 1000\\(2M\\) Local:4 -1",
-        "\nQRN SCSI: Lun:1 800\\(1M\\) Local:80 0",
-        "\nQRN SCSI: HwFindAdapter [0-9A-F]+ 2",
-        "\nQRN SCSI: HwInitialize [0-9A-F]+",
-        "\nQRN SCSI: Enum Device Type 4"};
-    std::vector<std::string> messages;
-    for (const auto& entry : rig.machine.log().entries())
-        if (entry.text.find("_Thread") == std::string::npos)
-            messages.push_back(entry.text);
-    ASSERT_EQ(messages.size(), std::size(expected)) << rig.machine.log().text();
-    for (std::size_t i = 0; i < messages.size(); ++i)
-        EXPECT_TRUE(std::regex_match(messages[i], std::regex(expected[i]))) << messages[i];
 }
 
 TEST(Startup, Load_mark_refuses_the_load_before_anything_else_happens)

@@ -206,7 +206,7 @@ TEST(TimeOuts, Are_printed)
     unsigned worker = rig.sent(sub_request, kind_write)[0].header().Worker_Byte;
     std::string start =
         "\nQRN SCSI: Time Out: 0" + std::to_string(worker) + " 1 5E00 00000030     1-00 FFFFFFFF";
-    for (int left = 59; left >= 0; --left)
+    for (const int left : {59, 31, 0})
         EXPECT_EQ(rig.log_count(start + " Retrys:" + std::to_string(left) + " 59"), 1u) << left;
     EXPECT_EQ(rig.log_count("Time Out"), 60u);
     EXPECT_EQ(rig.log_count("\nQRN SCSI: Time End: 0" + std::to_string(worker) + " 1 5E00, 0 1"), 1u);
