@@ -20,6 +20,7 @@
 #include "programs/replace_file.h"
 #include "server/block_store.h"
 #include "server/boot_parameters.h"
+#include "server/boot_service.h"
 #include "server/flusher.h"
 #include "server/image_check.h"
 #include "server/options.h"
@@ -72,6 +73,8 @@ public:
 
 private:
     void open_disks();
+    formats::Boot_Param boot_block() const;
+    BootDecision decide_boot(const formats::BootRequest& request) const;
     BlockStore* open_image(const ServedDisk& served);
     void receive(const Peer& from, std::span<const std::uint8_t> packet);
     void note_workstation(const Peer& address);
@@ -89,6 +92,8 @@ private:
     const Options& options_;
     UdpSocket socket_;
     Protocol protocol_;
+    BootService boot_service_{socket_,
+                              [this](const formats::BootRequest& request) { return decide_boot(request); }};
     Peer self_;
     std::vector<std::unique_ptr<BlockStore>> stores_, images_;
     std::vector<std::uint64_t> disk_bytes_;
@@ -110,10 +115,7 @@ Server::Server(const Options& options)
         std::memcpy(self_.Ip, options_.advertise->Ip, sizeof self_.Ip);
     open_disks();
     if (!options_.boot_block_path.empty()) {
-        std::vector<std::uint32_t> sectors;
-        for (const std::uint64_t bytes : disk_bytes_)
-            sectors.push_back(static_cast<std::uint32_t>(bytes / formats::sector_bytes));
-        const formats::Boot_Param block = make_boot_parameters(options_.disks, sectors, self_);
+        const formats::Boot_Param block = boot_block();
         programs::replace_file(options_.boot_block_path,
                                {reinterpret_cast<const char*>(&block), sizeof block});
     }
@@ -124,6 +126,23 @@ Server::Server(const Options& options)
     protocol_.set_flusher([this](unsigned disk, const Peer& workstation) {
         flusher_->start({disk, stores_[disk].get(), workstation});
     });
+}
+
+formats::Boot_Param Server::boot_block() const
+{
+    std::vector<std::uint32_t> sectors;
+    for (const std::uint64_t bytes : disk_bytes_)
+        sectors.push_back(static_cast<std::uint32_t>(bytes / formats::sector_bytes));
+    return make_boot_parameters(options_.disks, sectors, self_);
+}
+
+// Which PC gets what: every PC all disks.
+BootDecision Server::decide_boot(const formats::BootRequest&) const
+{
+    if (options_.disks.empty())
+        return {{}, "this server has no disks"};
+    return {boot_block(),
+            fmt::format("{} of {}", options_.disks.size() == 1 ? "the disk" : "the disks", to_text(self_))};
 }
 
 void Server::open_disks()
@@ -184,6 +203,8 @@ void Server::run()
 
 void Server::receive(const Peer& from, std::span<const std::uint8_t> packet)
 {
+    if (boot_service_.receive(from, packet))
+        return;
     protocol_.receive(from, packet);
     if (options_.poll_interval_s != 0) {
         note_workstation(from);

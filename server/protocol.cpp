@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "formats/boot_request.h"
 #include "server/protocol_parts.h"
 
 namespace server {
@@ -187,6 +188,8 @@ unsigned Protocol::add_disk(const DiskOptions& options, BlockStore& store, Block
         throw std::invalid_argument("a disk id of zero means that the disk has no server");
     if (begins_with(id, formats::poll_mark) || begins_with(id, formats::poll_reply_mark))
         throw std::invalid_argument("a disk id must not begin like a status poll (0138, 0238)");
+    if (std::memcmp(options.disk_id, formats::boot_mark, sizeof options.disk_id) == 0)
+        throw std::invalid_argument("a disk id must not be the mark of a boot request (51524e42)");
     if (parts_->find_disk(options.disk_id))
         throw std::invalid_argument("two disks have the same id");
     parts_->disks.push_back(std::make_unique<Disk>());

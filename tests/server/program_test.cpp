@@ -49,7 +49,7 @@ TEST_F(Program, Wrong_arguments_get_one_line_and_status_2)
         {"--listen 127.0.0.1:0 --disk missing.img", "missing.img: No such file"}};
     std::istringstream options(
         "read_kb=0 read_kb=17 write_kb=1x slots=9 slots= retry_mins=256 id=515200 id=5152000g id=00000000 "
-        "id=01380000 mirror=10.0.0.1 mirror=10.0.0.1:0 mirror=0.0.0.0:5 mirror=10.0.0.1:5,id=51520001 "
+        "id=01380000 id=51524e42 mirror=10.0.0.1 mirror=10.0.0.1:0 mirror=0.0.0.0:5 mirror=10.0.0.1:5,id=51520001 "
         "delay_load delay_load=1 image image= cache_mb=0 cache_mb=65536 cache_mb sloots=4 = -1");
     for (std::string option; options >> option;)
         cases.emplace_back(a + "," + option, "");
