@@ -36,6 +36,7 @@ set(QRN_DRIVER_SOURCES
     image/image_block.cpp
     image/image_setup.cpp
     image/image_sync.cpp
+    image/image_version.cpp
     image/net_image.cpp
     net/servers.cpp
     net/packet.cpp

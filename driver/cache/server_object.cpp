@@ -41,6 +41,7 @@ LONG SR_RW::Write(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
     Run_Switch Switch(pEntry, Sector, pBuffer);
     ULONG Own_Lun = pEntry->Lun;
     Hold_Kind Own_Hold = pEntry->Hold;
+    LONG Own_Spent = pEntry->Spent;
     LONG Done;
     {
         Disk_Turn Turn(Own_Lun, Lun);
@@ -50,8 +51,10 @@ LONG SR_RW::Write(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
     }
     Pkt_Init(pEntry, Own_Lun, Direction_Write);
     // A write-back for another disk that was given up is none of this chunk's business.
-    if (Lun != Own_Lun)
+    if (Lun != Own_Lun) {
         pEntry->Hold = Own_Hold;
+        pEntry->Spent = Own_Spent;
+    }
     return Done > 0 ? Done : -Bytes;
 }
 

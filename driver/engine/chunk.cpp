@@ -25,13 +25,61 @@ static void Restore_Setup(RW_Entry* pEntry, const RW_Req* pReq)
     RtlCopyMemory(pEntry->Hdr.Disk_Parm, pHdr->Disk_Parm, sizeof pHdr->Disk_Parm);
 }
 
-// The first record whose disk has a free slot and may hold a worker. An internal record waits until nothing
-// stands behind it.
+// Active_Lock: chunks with a slot on a workstation with local images, whose requests must not wait for the
+// network behind those that do.
+static LONG Slots_Held;
+
+// What the local images hold, and the first look at a server's image, go on without a slot.
+static bool Needs_Slot(const RW_Req* pReq)
+{
+    if (!pReq->pSrb)
+        return (pReq->Status & Req_Brief) == 0;
+    return !Images_Take_Part() || pReq->Setup.Past_Images != 0;
+}
+
+static bool Slot_Free(ULONG Lun)
+{
+    return Lun_Stats[Lun].Free_Slots > 0 &&
+           (!Images_Take_Part() || RW_Count < 2 || Slots_Held < RW_Count - 1);
+}
+
+static void Take_Slot(RW_Entry* pEntry, ULONG Lun)
+{
+    InterlockedDecrement(&Lun_Stats[Lun].Free_Slots);
+    ++Slots_Held;
+    pEntry->Has_Slot = true;
+}
+
+static void Give_Slot(RW_Entry* pEntry)
+{
+    if (!pEntry->Has_Slot)
+        return;
+    Spin_Guard Guard(Active_Lock);
+    InterlockedIncrement(&Lun_Stats[pEntry->Lun].Free_Slots);
+    --Slots_Held;
+    pEntry->Has_Slot = false;
+}
+
+bool Chunk_Goes_Past_Images(RW_Entry* pEntry, RW_Req* pReq)
+{
+    if (pEntry->Has_Slot)
+        return true;
+    Spin_Guard Guard(Active_Lock);
+    pReq->Setup.Past_Images = 1;
+    if (!Slot_Free(pEntry->Lun)) {
+        pEntry->Hold = Hold_Kind::Let_Go;
+        return false;
+    }
+    Take_Slot(pEntry, pEntry->Lun);
+    return true;
+}
+
+// The first record that can go on. An internal record waits until nothing stands behind it.
 static RW_Req* First_Ready()
 {
     for (PLIST_ENTRY pLink = Active_List.Flink; pLink != &Active_List; pLink = pLink->Flink) {
         RW_Req* pReq = CONTAINING_RECORD(pLink, RW_Req, Link);
-        if (Lun_Stats[pReq->Lun].Free_Slots > 0 && (pReq->pSrb || pLink->Flink == &Active_List) &&
+        if ((!Needs_Slot(pReq) || Slot_Free(pReq->Lun)) && (pReq->pSrb || pLink->Flink == &Active_List) &&
             May_Hold(pReq->Lun))
             return pReq;
     }
@@ -69,22 +117,18 @@ static void Tag_Chunk(RW_Entry* pEntry, RW_Req* pReq, bool First, LONG Bytes)
 // Whether chunks of the record are left to be picked. An empty record is picked once, for its end.
 static bool Has_Chunks(const RW_Req* pReq)
 {
-    const ULONG(&Again)[Again_Words] = pReq->Setup.Again;
-    return pReq->Chunk_Next * pReq->Setup.Pkt.Split_Size < pReq->Bytes || (Again[0] | Again[1]) != 0;
+    return pReq->Chunk_Next * pReq->Setup.Pkt.Split_Size < pReq->Bytes || pReq->Setup.Again != 0;
 }
 
 // The number of the next chunk: of those that are to be run again, if there are any.
 static ULONG Take_Chunk(RW_Req* pReq)
 {
-    for (ULONG Word = 0; Word < Again_Words; ++Word) {
-        ULONG& Again = pReq->Setup.Again[Word];
-        if (Again == 0)
-            continue;
-        auto Bit = static_cast<ULONG>(__builtin_ctz(Again));
-        Again &= Again - 1;
-        return Word * Again_Word_Bits + Bit;
-    }
-    return pReq->Chunk_Next++;
+    ULONG& Again = pReq->Setup.Again;
+    if (Again == 0)
+        return pReq->Chunk_Next++;
+    auto Index = static_cast<ULONG>(__builtin_ctz(Again));
+    Again &= Again - 1;
+    return Index;
 }
 
 static Chunk Pick_Next(RW_Entry* pEntry, RW_Req* pReq)
@@ -99,10 +143,13 @@ static Chunk Pick_Next(RW_Entry* pEntry, RW_Req* pReq)
     else
         RemoveEntryList(&pReq->Link);
     Hold_Begin(pReq->Lun);
-    if (InterlockedDecrement(&Lun_Stats[pReq->Lun].Free_Slots) <= 0 && Picked.Rest == Left::Chunks)
+    if (Needs_Slot(pReq))
+        Take_Slot(pEntry, pReq->Lun);
+    if (Picked.Rest == Left::Chunks && Lun_Stats[pReq->Lun].Free_Slots <= 0)
         Picked.Rest = Left::Chunks_Without_Slot;
 
     Restore_Setup(pEntry, pReq);
+    pEntry->Spent = pReq->Setup.Spent;
     pEntry->pData = pReq->pBuffer + Offset;
     pEntry->Sector = pReq->Sector + static_cast<ULONG>(Offset >> 9);
     pEntry->Hdr.Pkt_Index = static_cast<UCHAR>(Index);  // a chunk with a tag of its own restarts at 0
@@ -126,9 +173,12 @@ static void Run_Internal(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes)
     if (Status == Req_Failed)
         return;
     auto Operation = static_cast<USHORT>(Status);
+    pEntry->Brief = (Status & Req_Brief) != 0;
     pEntry->Hdr.Sub_Code = static_cast<UCHAR>(Operation);
     pEntry->Hdr.Kind = static_cast<UCHAR>(Operation >> 8);
-    if (Net_Send_Wait(pEntry, Bytes) <= 0 && pEntry->Hold != Hold_Kind::Let_Go)
+    LONG Done = Net_Send_Wait(pEntry, Bytes);
+    pEntry->Brief = false;
+    if (Done <= 0 && pEntry->Hold != Hold_Kind::Let_Go)
         pReq->Status = Req_Failed;
 }
 
@@ -169,12 +219,14 @@ static void Run_Again_Later(RW_Entry* pEntry, const Chunk& Picked)
     RW_Req* pReq = Picked.pReq;
     if (pReq->Write && !pEntry->Setup.pMC_Write)
         InterlockedExchangeAdd(&pEntry->Setup.pCounters->Secs, -(Picked.Bytes >> 9));
-    InterlockedIncrement(&Lun_Stats[pEntry->Lun].Free_Slots);
+    Give_Slot(pEntry);
     {
         Spin_Guard Guard(Active_Lock);
         if (!Has_Chunks(pReq))
             InsertTailList(&Active_List, &pReq->Link);
-        pReq->Setup.Again[Picked.Index / Again_Word_Bits] |= 1u << Picked.Index % Again_Word_Bits;
+        if (pReq->Setup.Spent < pEntry->Spent)
+            pReq->Setup.Spent = static_cast<USHORT>(pEntry->Spent);
+        pReq->Setup.Again |= 1u << Picked.Index;
     }
     Hold_End(pEntry->Lun);
 }
@@ -182,7 +234,7 @@ static void Run_Again_Later(RW_Entry* pEntry, const Chunk& Picked)
 // After the last chunk the record belongs to its owner again.
 static void Finish_Chunk(RW_Entry* pEntry, RW_Req* pReq)
 {
-    InterlockedIncrement(&Lun_Stats[pEntry->Lun].Free_Slots);
+    Give_Slot(pEntry);
     Hold_End(pEntry->Lun);
     if (InterlockedDecrement(&pReq->Chunk_Nums) > 0)
         return;

@@ -25,6 +25,10 @@ struct Chunk {
 // when there is none.
 bool Chunk_Pick(RW_Entry* pEntry, Chunk& Picked);
 
+// The chunk in progress needs more than the local images hold, and so a slot. False: there is none, and the
+// chunk is to be run again when there is.
+bool Chunk_Goes_Past_Images(RW_Entry* pEntry, RW_Req* pReq);
+
 // Runs a picked chunk to its end; the worker that ends a record's last chunk completes the record. A chunk
 // whose worker other disks need goes back to its record and is picked again later.
 void Chunk_Run(RW_Entry* pEntry, const Chunk& Picked);

@@ -43,14 +43,26 @@ void Hold_End(ULONG Lun)
         Let_Others_Try();
 }
 
-bool May_Hold(ULONG Lun)
+// Another silent disk has requests, and no worker to find out whether it is silent still.
+static bool Another_Starves(ULONG Lun)
 {
-    return !Silent[Lun] || Held_By_Silent() < RW_Count - 1 || !Shared();
+    for (ULONG Other = 0; Other < formats::disk_count_max; ++Other)
+        if (Other != Lun && Silent[Other] && Held[Other] == 0 && Lun_Stats[Other].Queued > 0)
+            return true;
+    return false;
 }
 
-bool Silent_Hold_All()
+bool May_Hold(ULONG Lun)
 {
-    return Held_By_Silent() >= RW_Count && Shared();
+    if (!Silent[Lun] || !Shared())
+        return true;
+    return Held_By_Silent() < RW_Count - 1 && (Held[Lun] == 0 || !Another_Starves(Lun));
+}
+
+bool Must_Let_Go(ULONG Lun)
+{
+    LONG Workers = Held_By_Silent();
+    return Shared() && (Workers >= RW_Count || (Workers == RW_Count - 1 && Another_Starves(Lun)));
 }
 
 void Disk_Is_Silent(ULONG Lun)

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Which disks hold the workers. A disk whose server is silent keeps a worker for as long as its patience
 // lasts; so, where there are other disks, silent disks together hold all workers but one, and that one is for
-// the others. A single worker, or a single disk, goes by no such rule.
+// the others; and among themselves each of them has a turn, time-out by time-out. A single worker, or a
+// single disk, goes by no such rule.
 //
 // Any thread, PASSIVE_LEVEL or below DISPATCH_LEVEL; nothing here is locked: counts that are a moment old
 // make a worker too few or too many for that moment.
@@ -15,8 +16,8 @@ void Hold_End(ULONG Lun);
 
 // Whether a worker may turn to the disk now.
 bool May_Hold(ULONG Lun);
-// Silent disks hold all workers: one has to be let go.
-bool Silent_Hold_All();
+// A worker that a silent disk holds has to be let go: silent disks hold all of them, or one has none.
+bool Must_Let_Go(ULONG Lun);
 
 // A packet of the disk has timed out; a packet has come to its end.
 void Disk_Is_Silent(ULONG Lun);

@@ -92,9 +92,10 @@ void Open_Local_Drive()
 LONG Without_System_Image(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes)
 {
     bool Only_Local = pEntry->Lun == 0 && !System_Disk_Has_Server();
-    if (System_Image_Unusable && Only_Local)
+    if (Only_Local && (System_Image_Unusable || pReq->Write))
         return Fail(pReq, Bytes);
-    if (Boot_Param.Local_Nums != 0 || System_Image_Unusable)
+    // What is written is never forgotten: it goes to the server.
+    if (Boot_Param.Local_Nums != 0 || System_Image_Unusable || pReq->Write)
         return -Bytes;
     RtlZeroMemory(pEntry->pData, static_cast<SIZE_T>(Bytes));
     return Bytes;

@@ -5,6 +5,7 @@
 #include "driver/common/locks.h"
 #include "driver/engine/holds.h"
 #include "driver/engine/queues.h"
+#include "driver/engine/route.h"
 #include "driver/net/exchange.h"
 #include "driver/startup/boot_param.h"
 #include "driver/startup/memory_probe.h"
@@ -34,8 +35,12 @@ static void Query(RW_Entry* pEntry, PVOID pNotify, NegotiationReply& Reply)
     Hdr.Tag.set(Memory_Tag());
     pEntry->Hold = Hold_Kind::Loose;
     pEntry->pNotify = pNotify;
+    pEntry->Spent = Local_Cache[pEntry->Lun].Spent;
+    // What the local disk holds is not kept waiting for a server that may never come.
+    pEntry->Brief = Images_Take_Part();
     if (Net_Send_Wait(pEntry, sizeof Reply) <= 0)
         RtlZeroMemory(&Reply, sizeof Reply);
+    pEntry->Brief = false;
     Hdr.Sub_Code = Sub_Code;
     Hdr.Kind = Kind;
 }
@@ -53,6 +58,7 @@ static bool Negotiate(RW_Entry* pEntry, PVOID pNotify, Local_Cache_Record& Recor
 {
     NegotiationReply Reply;
     Query(pEntry, pNotify, Reply);
+    Record.Spent = pEntry->Spent;
     if (pEntry->Hold == Hold_Kind::Let_Go)
         return false;
     Print_Reply(Reply);

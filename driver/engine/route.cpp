@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "driver/engine/route.h"
 
+#include "driver/engine/chunk.h"
 #include "driver/engine/image_route.h"
 #include "driver/miniport/request.h"
 #include "driver/net/exchange.h"
@@ -21,7 +22,7 @@ static LONG Route_Cache(RW_Entry* pEntry, const RW_Req* pReq, LONG Bytes)
                        : pCache->Read(Ctx, pEntry->Sector, pEntry->pData, Bytes);
 }
 
-static bool Images_Take_Part()
+bool Images_Take_Part()
 {
     return Boot_Param.Boot_Mode.get() == formats::boot_mode_local_image && pSaved_MBR;
 }
@@ -48,6 +49,8 @@ LONG Route_Piece(RW_Entry* pEntry, RW_Req* pReq, LONG Left)
     LONG Done = Images ? Img_Route(pEntry, pReq, Left) : -Left;
     if (Done > 0)
         return Done;
+    if (Images && !Chunk_Goes_Past_Images(pEntry, pReq))
+        return Left;
     if (pEntry->Setup.pMC_Write)
         Done = Route_Cache(pEntry, pReq, -Done);
     if (Done < 0)

@@ -9,6 +9,9 @@ struct RW_Req;
 // Index of the slot block that the entry's write chunk holds, or the worker's own when it holds none.
 ULONG Write_Slot_Index(const RW_Entry* pEntry);
 
+// Local images stand before the other backends.
+bool Images_Take_Part();
+
 // Routes the first bytes of what is left of the chunk (Left > 0) at the entry's pData and Sector; returns
 // how many are done, at least 1. A failure marks the record and counts all that is left as done; so does a
 // network that has let the worker go (RW_Entry::Hold), but for the mark.

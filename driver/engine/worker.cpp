@@ -83,7 +83,9 @@ static void Admit(RW_Entry* pEntry, RW_Req* pReq)
     pEntry->Setup.Split_Size = Split_Size;
     pReq->Setup.Pkt = pEntry->Setup;
     RtlCopyMemory(pReq->Setup.Hdr, &pEntry->Hdr, sizeof pReq->Setup.Hdr);
-    RtlZeroMemory(pReq->Setup.Again, sizeof pReq->Setup.Again);
+    pReq->Setup.Again = 0;
+    pReq->Setup.Past_Images = 0;
+    pReq->Setup.Spent = 0;
     pReq->Chunk_Nums = Split_Size ? static_cast<LONG>((pReq->Bytes + Split_Size - 1) / Split_Size) : 0;
     pReq->Chunk_Next = 0;
     pReq->pSlot = nullptr;

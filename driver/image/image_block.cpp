@@ -7,9 +7,6 @@
 
 using formats::Entry_64K;
 
-// Of a chunk that is being filled: no server's, for an image that came so far is not modified any more.
-constexpr ULONG Tag_In_Work = 0xFFFFFFFF;
-
 // Flags lie in a map block at a multiple of 4, as the flag routines need it.
 static_assert(offsetof(Map_Buf, Data) % 4 == 0 && offsetof(Entry_64K, SecFlag) % 4 == 0);
 

@@ -15,6 +15,9 @@
 // Read: the first sector may be here, and cannot be read. No older copy may take its place.
 constexpr LONG Img_Failed = -1;
 
+// Tag of a chunk that is being filled, which no copy of a server's chunk has.
+constexpr ULONG Tag_In_Work = 0xFFFFFFFF;
+
 // Which chunks Read tells of. The rest counts as missing.
 enum class Img_Serves {
     All,

@@ -14,6 +14,12 @@ static void Print_Field(const char* Label, ULONG Value)
     DbgPrint("%s%08X ", Label, Value);
 }
 
+static void Forget_Progress(ImageHeader& Header)
+{
+    Header.Sync_Pos.set(0);
+    Header.Sync_Tag.set(0);
+}
+
 static ULONGLONG Local_Time()
 {
     LARGE_INTEGER System;
@@ -87,8 +93,12 @@ LONG QRNH_OBJ_IMG::QRNH_Header_Read()
     Print_Field("Used=", Used);
     Print_Field("ChkSum=", Header.ChkSum.get());
     ULONG Sum = QRNH_Header_ChkSum();
-    if (Sum == Header.ChkSum.get())
+    if (Sum == Header.ChkSum.get()) {
+        // A header without a map tells of no chunk, whatever a cut of power made of its two sectors.
+        if (No_Root_Yet)
+            Forget_Progress(Header);
         return Header_Good;
+    }
     Print_Field("Real ChkSum=", Sum);
     DbgPrint("ERROR!");
     return Header_Damaged;
@@ -242,8 +252,14 @@ bool QRNH_OBJ_IMG::Map_Write(ULONG Sector, PVOID pBlock)
 }
 
 // While the header has no root table, the old one counts for nothing; and its own it gets when that is there.
+// The header's two sectors may reach the disk one without the other, so the progress goes before the map
+// does.
 bool QRNH_OBJ_IMG::Renew(ULONG Size, ULONG Sec_Shift)
 {
+    if ((On_Disk.Sync_Pos.get() | On_Disk.Sync_Tag.get()) != 0 && !Restart()) {
+        Map_Lost = true;
+        return false;
+    }
     ImageHeader Empty{};
     formats::set_new_image(Empty, Size);
     Empty.CreateTime.set(Local_Time());
@@ -262,8 +278,7 @@ bool QRNH_OBJ_IMG::Renew(ULONG Size, ULONG Sec_Shift)
 bool QRNH_OBJ_IMG::Restart()
 {
     Header.Sync_Pos.set(0);
-    On_Disk.Sync_Pos.set(0);
-    On_Disk.Sync_Tag.set(0);
+    Forget_Progress(On_Disk);
     On_Disk.Used = Header.Used;
     On_Disk.Map_Secs = Header.Map_Secs;
     return Write_Header(On_Disk) && Flush();

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "driver/image/image_sync.h"
 
+#include "driver/common/bytes.h"
 #include "driver/common/chunk_key.h"
 #include "driver/common/locks.h"
 #include "driver/common/objects.h"
 #include "driver/common/sector_flags.h"
 #include "driver/image/image_setup.h"
+#include "driver/image/image_version.h"
 #include "driver/image/net_image.h"
 
 using formats::Entry_64K;
@@ -18,7 +20,9 @@ namespace {
 
 constexpr ULONG Report_Secs = 32;
 constexpr ULONGLONG Ticks_Per_Sec = 10000000;
-constexpr ULONG Tag_Unknown = 1;  // of a server's chunk that has sectors and no tag
+constexpr ULONG Tag_Unknown = 1;  // of a server's chunk that has sectors and no tag that can be used
+constexpr ULONG Unproven_Max =
+    16;  // chunks that were handled since the server's image was last seen unchanged
 
 // Start of the current interval of progress, for all runs of a start.
 ULONGLONG Progress_Clock;
@@ -31,10 +35,9 @@ public:
     {
     }
 
+    // The state tells that the run goes on, or that it was stopped before it began.
     void Go()
     {
-        pState_->Status = Sync_Running;
-        pState_->Chunk = 0;
         pLocal_->Keep_Tags = true;
         if (!Find_Start())
             pState_->Status = Sync_Failed;
@@ -47,6 +50,8 @@ public:
         }
         // The last chunk's last sector lies in what would be the next chunk's run.
         if (pState_->Status == Sync_Running && !Mend_Chunk_Before())
+            pState_->Status = Sync_Failed;
+        if (pState_->Status == Sync_Running && !Source_Unchanged())
             pState_->Status = Sync_Failed;
         Finish();
     }
@@ -61,6 +66,8 @@ private:
     bool Copy_Chunk();
     bool Copy_Run(ULONGLONG Sector, LONG Left);
     bool Mend_Chunk_Before();
+    bool Begin_Anew();
+    bool Source_Unchanged();
     void Finish();
 
     Sync_State* pState_;
@@ -68,7 +75,9 @@ private:
     QRNH_IMG_RW* pSource_;
     ImageHeader& L_;
     ImageHeader& S_;
-    ULONG Last_ = 0;  // chunk at which the current interval of progress began
+    ULONG Last_ = 0;      // chunk at which the current interval of progress began
+    ULONG Unproven_ = 0;  // chunks handled beyond Sync_Pos
+    bool Begun_Anew_ = false;
 };
 
 // Whether the local image is a copy of this server's image at all, and where to go on. Reads through it are
@@ -123,6 +132,9 @@ bool Sync_Run::Source_Tag()
         DbgPrint("\nQRNH_IMG_SYNC: pNet_64K->ModifyTag Error With SecFlag");
         pState_->Src_Tag = Tag_Unknown;
     }
+    // A local chunk that was left half filled must not pass for a copy of this one.
+    if (pState_->Src_Tag == Tag_In_Work)
+        pState_->Src_Tag = Tag_Unknown;
     return true;
 }
 
@@ -135,6 +147,19 @@ bool Sync_Run::Prepare_Chunk(bool& Copy)
         return false;
     Copy = pState_->Src_Tag != 0 && pState_->Src_Tag != pState_->Work;
     return pState_->Src_Tag == pState_->Work || pLocal_->Entry_Reset(pState_->Chunk);
+}
+
+// A map that cannot be followed will not mend by itself, and all that it held is on the server.
+bool Sync_Run::Begin_Anew()
+{
+    Mutex_Guard Guard(pLocal_->Map_Lock);
+    if (Begun_Anew_ || !pLocal_->Renew(S_.Size.get(), S_.Sec_Shift.get()))
+        return false;
+    Begun_Anew_ = true;
+    pState_->Chunk = 0;
+    Last_ = 0;
+    Unproven_ = 0;
+    return true;
 }
 
 bool Sync_Run::Copy_Run(ULONGLONG Sector, LONG Left)
@@ -188,15 +213,33 @@ bool Sync_Run::Mend_Chunk_Before()
     return Copy_Run(ULONGLONG{pState_->Chunk} * Chunk_Secs, Sector_Bytes);
 }
 
-// A chunk that failed is not handled, so Sync_Pos stays before it: what lies below is whole.
+// A chunk that failed is not handled, so Sync_Pos stays before it: what lies below is whole, and of one
+// image.
 bool Sync_Run::Handle_Chunk()
 {
     bool Copy;
-    if (!Source_Tag() || !Prepare_Chunk(Copy) || !(Copy ? Copy_Chunk() : Mend_Chunk_Before()))
+    if (!Source_Tag())
+        return false;
+    if (!Prepare_Chunk(Copy))
+        return Begin_Anew();
+    if (!(Copy ? Copy_Chunk() : Mend_Chunk_Before()))
+        return false;
+    ++pState_->Chunk;
+    return ++Unproven_ < Unproven_Max || Source_Unchanged();
+}
+
+// The server's image may have been replaced by another while chunks of it were read. When it is still the one
+// that the run began with, Sync_Pos moves over what has been handled. It names the last chunk handled.
+bool Sync_Run::Source_Unchanged()
+{
+    ImageHeader Now;
+    constexpr LONG Bytes = sizeof Now;
+    if (pSource_->Image()->Read(0, &Now, Bytes) != Bytes || !Bytes_Equal(&Now, &S_, sizeof Now))
         return false;
     Mutex_Guard Guard(pLocal_->Map_Lock);
-    L_.Sync_Pos.set(pState_->Chunk);
-    ++pState_->Chunk;
+    if (pState_->Chunk > 0)
+        L_.Sync_Pos.set(pState_->Chunk - 1);
+    Unproven_ = 0;
     return true;
 }
 
@@ -219,6 +262,14 @@ void Sync_Run::Finish()
     DbgPrint("\nQRNH_IMG_SYNC: End=%d", pState_->Status);
 }
 
+// Nothing will check the local image in this start.
+void Server_Has_No_Image()
+{
+    Version_Unchecked();
+    if (pQRNH_Img_Sys)
+        Serve_Unchecked(pQRNH_Img_Sys);
+}
+
 void Publish(PVOID pState)
 {
     Spin_Guard Guard(Sync_Lock);
@@ -232,6 +283,7 @@ void Run_With(QRNH_IMG_RW* pSource)
     if (!pState)
         return;
     pState->Status = Sync_Running;
+    pState->Chunk = 0;
     Publish(pState);
     QRNH_IMG_SYNC(pState, pQRNH_Img_Sys, pSource);
     Publish(Sync_Ended);
@@ -256,8 +308,10 @@ VOID NTAPI QRN_RW_HDD_Sync(PVOID)
     auto pNet = Create_Object<QRNH_NET_IMG>();
     auto pSource = pNet ? Create_Object<QRNH_IMG_RW>(static_cast<QRNH_OBJ_IMG*>(pNet), ULONG{0}) : nullptr;
     DbgPrint("\nQRN_RW_HDD_Sync");
-    if (pNet && pNet->Create(nullptr, 0, 0, Img_Modify | Img_Must_Exist) >= 0 && pSource)
+    if (pNet && pSource && pNet->Open())
         Run_With(pSource);
+    else
+        Server_Has_No_Image();
     Publish(Sync_Ended);
     Free_Object(pSource);
     Free_Object(pNet);
@@ -286,6 +340,8 @@ bool Sync_Stop()
 
 bool Serve_Unchecked(QRNH_IMG_RW* pImage)
 {
+    if (!Claim_Version(Version_Image))
+        return false;
     Mutex_Guard Guard(pImage->Map_Lock);
     if (pImage->Serves != Img_Serves::Nothing)
         return false;

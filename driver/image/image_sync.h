@@ -38,7 +38,8 @@ VOID NTAPI QRN_RW_HDD_Sync(PVOID Context);
 LONG QRNH_IMG_SYNC(Sync_State* pState, QRNH_IMG_RW* pLocal, QRNH_IMG_RW* pSource);
 
 // The server cannot be reached, and the image was not checked yet: from now on it serves what it holds, all
-// of it when its last run handled all of the disk. False when it was checked, or was never to be.
+// of it when its last run handled all of the disk. False when it was checked, or was never to be, or when the
+// server has been read from: its disk may be another one.
 bool Serve_Unchecked(QRNH_IMG_RW* pImage);
 
 // 64 KB chunks of the image's disk.

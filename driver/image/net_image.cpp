@@ -20,6 +20,15 @@ QRNH_NET_IMG::QRNH_NET_IMG()
     Record.Status = Sync_Read;
 }
 
+bool QRNH_NET_IMG::Open()
+{
+    Record.Status = Sync_Read | Req_Brief;
+    bool Opened = Create(nullptr, 0, 0, Img_Modify | Img_Must_Exist) >= 0;
+    if (Opened)
+        Record.Status = Sync_Read;
+    return Opened;
+}
+
 LONG QRNH_NET_IMG::Read(ULONG Sector, PVOID pBuffer, LONG Bytes)
 {
     if (!System_Disk_Has_Server())

@@ -12,6 +12,9 @@ bool System_Disk_Has_Server();
 class QRNH_NET_IMG : public QRNH_OBJ_IMG {
 public:
     QRNH_NET_IMG();
+    // Opens the server's area, in about 10 s at most whatever the disk's patience. False: there is none, or
+    // nobody says so.
+    bool Open();
     // Queues a read and waits for it. After the first failure of the network every read fails.
     LONG Read(ULONG Sector, PVOID pBuffer, LONG Bytes) override;
 

@@ -9,17 +9,18 @@
 #include "driver/engine/worker_block.h"
 
 constexpr LONG Req_Failed = -1;
+constexpr LONG Req_Brief = 0x10000;  // of an internal record's Status: patience of about 10 s
 
-// Chunks that may be run again are the first of a record: all of the largest transfer in packets of 1 KB.
-constexpr ULONG Again_Word_Bits = 32;
-constexpr ULONG Again_Words = 2;
-constexpr ULONG Again_Max = Again_Words * Again_Word_Bits;
+// Chunks that may be run again are the first of a record.
+constexpr ULONG Again_Max = 32;
 
 // What the admitting worker settled, for every worker that takes a chunk.
 struct Req_Setup {
     Pkt_Setup Pkt;
-    UCHAR Hdr[16];             // the first bytes of the wire header
-    ULONG Again[Again_Words];  // Active_Lock: bit n set while chunk n of the record waits to be run again
+    UCHAR Hdr[16];       // the first bytes of the wire header
+    ULONG Again;         // Active_Lock: bit n set while chunk n of the record waits to be run again
+    USHORT Past_Images;  // Active_Lock: not 0 when the local images lack some of it, so that it takes a slot
+    USHORT Spent;        // Active_Lock: time-outs that a chunk had before it was put back
 };
 static_assert(sizeof(Req_Setup) == 48);
 

@@ -5,6 +5,7 @@
 #include "driver/common/delay.h"
 #include "driver/common/locks.h"
 #include "driver/engine/holds.h"
+#include "driver/image/image_version.h"
 #include "driver/miniport/adapter.h"
 #include "driver/miniport/completion.h"
 #include "driver/net/answer_state.h"
@@ -26,7 +27,8 @@ constexpr LONG Wait_Silence_Ms = 1000;  // after a wait without news
 constexpr ULONG Idle_Rounds_Max = 200;
 
 constexpr LONG Retries_Per_Min = 60;
-constexpr LONG Last_Retries = 3;  // the time-out at which a packet pauses once more
+constexpr LONG Brief_Retries = 8;  // the 9th time-out, after 10 s, is the last
+constexpr LONG Last_Retries = 3;   // the time-out at which a packet pauses once more
 constexpr LONG Last_Retries_Pause_Ms = 1000;
 constexpr ULONG Shutdown_Retries_System = 21;
 constexpr ULONG Shutdown_Retries = 3;
@@ -57,6 +59,8 @@ private:
 
 LONG Retry_Budget(const RW_Entry* pEntry)
 {
+    if (pEntry->Brief)
+        return Brief_Retries;
     return Retries_Per_Min * pEntry->Setup.Disk_Parms.Retry_Mins - 1;
 }
 
@@ -80,9 +84,10 @@ void Set_Outstanding(RW_Entry* pEntry, ULONG Mask)
 void Begin_Packet(RW_Entry* pEntry)
 {
     KeClearEvent(&pEntry->Ack_Event);
+    LONG Budget = Retry_Budget(pEntry);
     Spin_Guard Guard(pEntry->Ack_Lock);
     pEntry->Frag_Mask = All_Fragments;
-    pEntry->Retry_Left = Retry_Budget(pEntry);
+    pEntry->Retry_Left = Budget > pEntry->Spent ? Budget - pEntry->Spent : Smaller<LONG>(Budget, 0);
 }
 
 void Send_And_Expect(RW_Entry* pEntry)
@@ -162,16 +167,19 @@ void Limit_Retries_At_Shutdown(RW_Entry* pEntry)
         pEntry->Retry_Left = static_cast<LONG>(Limit);
 }
 
+bool Is_System_Read(const RW_Entry* pEntry)
+{
+    return pEntry->Lun == 0 && pEntry->Hdr.Sub_Code == formats::sub_request &&
+           pEntry->Hdr.Kind == formats::kind_read;
+}
+
 // The budget is used up. True when the packet has failed; the system disk of a network boot is waited for
 // without end, and a machine that loses it during shutdown is reset.
 bool Gives_Up(RW_Entry* pEntry)
 {
     DbgPrint("\nQRN SCSI: Time End: %02X %d %X, %d %d", pEntry->Index(), pEntry->Lun, Operation(pEntry),
              Boot_Param.Boot_Mode.get(), Stop_Level);
-    bool System_Disk_Read = Boot_Param.Boot_Mode.get() == formats::boot_mode_network && pEntry->Lun == 0 &&
-                            pEntry->Hdr.Sub_Code == formats::sub_request &&
-                            pEntry->Hdr.Kind == formats::kind_read;
-    if (!System_Disk_Read)
+    if (Boot_Param.Boot_Mode.get() != formats::boot_mode_network || !Is_System_Read(pEntry))
         return true;
     if (Stop_Level >= Stop_Shutdown)
         Machine_Reset();
@@ -204,7 +212,10 @@ After_Time_Out Time_Out(RW_Entry* pEntry)
     Limit_Retries_At_Shutdown(pEntry);
     if (pEntry->Retry_Left == 0 && Gives_Up(pEntry))
         return After_Time_Out::Failed;
-    if (pEntry->Hold == Hold_Kind::Loose && Silent_Hold_All()) {
+    if (Is_System_Read(pEntry) && Reads_May_End())
+        return After_Time_Out::Failed;
+    if (pEntry->Hold == Hold_Kind::Loose && Must_Let_Go(pEntry->Lun)) {
+        pEntry->Spent = Budget < 0 ? 0 : Budget - pEntry->Retry_Left + 1;
         pEntry->Hold = Hold_Kind::Let_Go;
         return After_Time_Out::Failed;
     }
@@ -237,6 +248,9 @@ bool Deliver(RW_Entry* pEntry)
         Wait_End End = Wait_For_Packet(pEntry, Idle);
         if (End == Wait_End::Complete) {
             Disk_Answers(pEntry->Lun);
+            pEntry->Spent = 0;
+            if (Is_System_Read(pEntry) && pEntry->Sector != 0)
+                Claim_Version(Version_Server);
             return true;
         }
         if (End == Wait_End::Resend)

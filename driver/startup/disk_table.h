@@ -36,6 +36,7 @@ struct Local_Cache_Record {
     KEVENT Lock;  // synchronization event used as a mutex; signalled: free
     volatile LONG State;
     QRNH_OBJ_RW* pMC_Write;
+    LONG Spent;  // Lock: time-outs of a negotiation that was put off
 };
 
 extern Lun_Counters Lun_Stats[formats::disk_count_max];

@@ -346,9 +346,15 @@ private:
 
 TEST(Synchronisation, Image_is_true_or_silent_at_every_moment)
 {
+    // In two of these a cut of power leaves one sector of a new header and one of the old.
+    std::vector<std::uint64_t> seeds{163, 603};
+    for (std::uint64_t seed = 1; seed <= (std::getenv("QRN_LONG_TESTS") ? 700 : 16); ++seed)
+        seeds.push_back(seed);
     std::map<ULONG, unsigned> ends;
     std::uint64_t came = 0;
-    for (std::uint64_t seed = 1; seed <= 16 && !testing::Test::HasFailure(); ++seed) {
+    for (std::uint64_t seed : seeds) {
+        if (testing::Test::HasFailure())
+            break;
         SCOPED_TRACE("seed " + std::to_string(seed));
         machine::MachineConfig config;
         config.seed = seed;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // A workstation that boots from its own hard disk: its system image is filled from the server while it runs,
 // over one start after another.
+#include <algorithm>
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -8,7 +9,7 @@
 #include "formats/image_area.h"
 #include "formats/image_descriptor.h"
 #include "machine/disk/local_disk.h"
-#include "tests/scenario/rig.h"
+#include "tests/scenario/traffic.h"
 
 using namespace scenario;
 
@@ -19,7 +20,8 @@ constexpr std::uint32_t chunk_count = 4, first_data = 16 + 3 * 8;
 
 // The server's image of a disk of four chunks: all of them but chunk 2, in one run; by a generation per
 // chunk.
-Bytes server_image(std::uint32_t tag, std::array<std::uint32_t, chunk_count> generations)
+Bytes server_image(std::uint32_t tag, std::array<std::uint32_t, chunk_count> generations,
+                   std::uint64_t create_time = 4711)
 {
     Bytes area((first_data + chunk_count * 128) * 512);
     const auto at = [&](std::uint32_t sector) { return area.data() + sector * 512; };
@@ -28,7 +30,7 @@ Bytes server_image(std::uint32_t tag, std::array<std::uint32_t, chunk_count> gen
     };
     auto& header = *reinterpret_cast<formats::ImageHeader*>(at(0));
     formats::set_new_image(header, chunk_count * 128);
-    header.CreateTime.set(4711);
+    header.CreateTime.set(create_time);
     header.ModifyTag.set(tag);
     header.Used.set(first_data + chunk_count * 128);
     header.Map_Secs.set(8 + 3 * 8);
@@ -47,7 +49,7 @@ Bytes server_image(std::uint32_t tag, std::array<std::uint32_t, chunk_count> gen
     return area;
 }
 
-void partition(machine::LocalDisk& disk)
+void partition(machine::LocalDisk& disk, std::uint32_t temporary = temporary_start)
 {
     Bytes sector(512);
     auto& table = *reinterpret_cast<formats::PartitionSector*>(sector.data());
@@ -55,7 +57,7 @@ void partition(machine::LocalDisk& disk)
     table.Partition[0].Start.set(system_start);
     table.Partition[0].Count.set(system_sectors);
     table.Partition[1].Type = formats::partition_temporary_image;
-    table.Partition[1].Start.set(temporary_start);
+    table.Partition[1].Start.set(temporary);
     table.Partition[1].Count.set(2000);
     disk.write(0, sector);
 }
@@ -63,7 +65,8 @@ void partition(machine::LocalDisk& disk)
 // One start, with a server that has this image.
 class LocalBoot : public Rig {
 public:
-    LocalBoot(machine::LocalDisk& disk, const Bytes& image) : Rig(local_plan(image))
+    LocalBoot(machine::LocalDisk& disk, const Bytes& image, DiskPlan lun_0 = {})
+        : Rig(local_plan(image, lun_0))
     {
         formats::ImageDescriptor descriptor{0xE9, {}, 0x90, {'Q', 'R', 'N', 'H'}, {}};
         descriptor.Displacement.set(0x40);
@@ -90,9 +93,10 @@ public:
     }
 
 private:
-    static Plan local_plan(const Bytes& image)
+    static Plan local_plan(const Bytes& image, const DiskPlan& lun_0)
     {
         Plan plan;
+        plan.disks = {lun_0};
         plan.boot_mode = formats::boot_mode_local_image;
         plan.image = image;
         plan.adjust_block = [](formats::Boot_Param& block) {
@@ -123,8 +127,8 @@ TEST(LocalBoot, System_image_is_filled_once_and_then_kept_in_step)
     {
         LocalBoot start(disk, first);
         start.run([&] { start.synchronise("QRNH_IMG_SYNC: End=0"); });
-        EXPECT_EQ(start.sent(formats::sub_request, formats::kind_sync_read).size(), 5u)
-            << "header, root table and three map blocks";
+        EXPECT_EQ(start.sent(formats::sub_request, formats::kind_sync_read).size(), 6u)
+            << "header, root table, three map blocks, and the header again";
     }
     {
         LocalBoot start(disk, second);
@@ -159,6 +163,150 @@ TEST(LocalBoot, Shutdown_waits_for_the_run_to_stop_after_its_chunk)
         EXPECT_LT(start.now_ms() - before_ms, 2500);
         EXPECT_EQ(start.machine.pool_bytes("QRNM") / 65536, 6u) << "bounce areas; the run's buffer is gone";
     });
+}
+
+// A local disk whose system image was filled from this server's image.
+void fill(machine::LocalDisk& disk, const Bytes& image)
+{
+    partition(disk);
+    LocalBoot start(disk, image);
+    start.run([&] { start.synchronise("QRNH_IMG_SYNC: End=0"); });
+}
+
+TEST(LocalBoot, Shows_one_version_of_the_disk)
+{
+    const Bytes image = server_image(1, {1, 1, 0, 1});
+    machine::LocalDisk disk(8000);
+    fill(disk, image);
+    {
+        LocalBoot start(disk, image);
+        start.run([&] {
+            start.expect(129, 4096, pattern(129, 4096, 9));
+            start.main.stop();
+            Bytes data(4096);
+            EXPECT_FALSE(start.read(0, 385, data)) << "the image has it, and the server may have had another";
+        });
+    }
+    {
+        LocalBoot start(disk, image);
+        start.run([&] {
+            start.main.stop();
+            start.expect(385, 4096, pattern(385, 4096, 1));
+            start.main.start();
+            start.expect(129, 4096, pattern(129, 4096, 1));
+        });
+    }
+}
+
+// Whatever the disk's patience is, and with one slot.
+TEST(LocalBoot, Image_serves_when_its_server_stays_silent)
+{
+    const Bytes image = server_image(1, {1, 1, 0, 1});
+    for (std::uint8_t retry_mins : {std::uint8_t{0}, std::uint8_t{1}}) {
+        machine::LocalDisk disk(8000);
+        fill(disk, image);
+        LocalBoot start(disk, image, {.flags = formats::disk_flag_one_slot | 1, .retry_mins = retry_mins});
+        start.run([&] {
+            start.main.stop();
+            // The disk has no cache to be asked about when the server says nothing.
+            ASSERT_TRUE(start.write(0, 1, pattern(1, 65536, 50)));
+            const double before_ms = start.now_ms();
+            start.expect(385, 4096, pattern(385, 4096, 1));
+            EXPECT_LE(start.now_ms() - before_ms, 80'000);
+            start.expect(129, 4096, pattern(129, 4096, 1));
+        });
+    }
+}
+
+TEST(LocalBoot, Server_image_that_is_replaced_during_the_run_fails_it)
+{
+    const Bytes image = server_image(1, {1, 1, 0, 1}), other = server_image(1, {7, 7, 0, 7}, 4712);
+    machine::LocalDisk disk(8000);
+    partition(disk);
+    {
+        LocalBoot start(disk, image);
+        start.drop = [&](const SeenPacket& packet) {
+            if (packet.header().Kind == formats::kind_sync_read &&
+                packet.header().Byte_Offset.get() > (first_data + 128) * 512)
+                start.main.image(0).bytes() = other;
+            return false;
+        };
+        start.run([&] {
+            start.synchronise("QRNH_IMG_SYNC: End=2");
+            start.main.stop();
+            for (std::uint32_t lba : {129u, 385u}) {
+                Bytes data(4096);
+                EXPECT_FALSE(start.read(0, lba, data));
+            }
+        });
+    }
+    LocalBoot next(disk, other);
+    next.run([&] {
+        next.synchronise("QRNH_IMG_SYNC: End=0");
+        next.main.stop();
+        next.expect(129, 4096, pattern(129, 4096, 7));
+        next.expect(385, 4096, pattern(385, 4096, 7));
+    });
+}
+
+TEST(LocalBoot, What_the_local_disk_holds_does_not_wait_for_the_server)
+{
+    const Bytes image = server_image(1, {1, 1, 0, 1});
+    machine::LocalDisk disk(8000);
+    partition(disk);
+    LocalBoot start(disk, image, {.flags = 0x08});
+    start.run([&] {
+        ASSERT_TRUE(start.write(0, 1, pattern(1, 32768, 50)));
+        start.main.stop();
+        std::vector<std::unique_ptr<Pending>> missing;
+        for (unsigned i = 0; i < 12; ++i) {
+            missing.push_back(std::make_unique<Pending>(start));
+            missing.back()->read(0, 300 + 8 * i, 4096);
+        }
+        start.machine.sleep_ms(100);
+        for (unsigned i = 0; i < 8; ++i) {
+            Pending held(start);
+            held.read(0, 1 + 8 * i, 4096).wait();
+            EXPECT_TRUE(held.ok());
+            EXPECT_EQ(held.data(), pattern(1 + 8 * i, 4096, 50));
+            EXPECT_LE(held.took_ms(), 50);
+            start.machine.sleep_ms(300);
+        }
+        start.main.start();
+        for (const auto& read : missing) {
+            read->wait();
+            EXPECT_TRUE(read->ok());
+        }
+    });
+}
+
+TEST(LocalBoot, Damaged_map_is_made_anew)
+{
+    const Bytes image = server_image(1, {1, 1, 0, 1});
+    machine::LocalDisk disk(8000);
+    fill(disk, image);
+    Bytes table(512, 0xFF);
+    disk.write(system_start + 16, table);
+    LocalBoot start(disk, image);
+    start.run([&] {
+        start.synchronise("QRNH_IMG_SYNC: End=0");
+        start.main.stop();
+        start.expect(129, 4096, pattern(129, 4096, 1));
+    });
+}
+
+TEST(LocalBoot, Areas_that_overlap_are_no_images)
+{
+    machine::LocalDisk disk(8000);
+    partition(disk, system_start + system_sectors - 1);
+    LocalBoot start(disk, server_image(1, {1, 1, 0, 1}));
+    start.run([&] {
+        ASSERT_TRUE(start.write(0, 7, pattern(7, 4096, 3)));
+        start.expect(7, 4096, pattern(7, 4096, 3));
+    });
+    EXPECT_FALSE(start.logged("QRNH_MBR_Init: Create"));
+    EXPECT_TRUE(std::equal(start.main.content(0).begin() + 7 * 512, start.main.content(0).begin() + 15 * 512,
+                           pattern(7, 4096, 3).begin()));
 }
 
 }  // namespace

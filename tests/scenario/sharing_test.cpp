@@ -112,6 +112,36 @@ TEST(Sharing, A_single_disk_has_all_workers_and_dead_disks_fail_in_time)
     }
 }
 
+// The system disk of a network boot is waited for without end.
+TEST(Sharing, Silent_disks_take_turns)
+{
+    for (unsigned workers : {2u, 4u}) {
+        Rig rig({.disks = std::vector<DiskPlan>(3, DiskPlan{.flags = 0x08}),
+                 .settings = {{"RW_THREADS", workers}}});
+        rig.drop = [&](const SeenPacket& packet) {
+            return packet.direction == machine::Direction::to_server;
+        };
+        rig.run([&] {
+            Requests endless;
+            ask(endless, rig, 0, 4, false);
+            rig.machine.sleep_ms(2000);
+            Pending one(rig), two(rig);
+            one.read(1, 0, 512);
+            two.write(2, 0, Bytes(512));
+            for (Pending* request : {&one, &two}) {
+                request->wait();
+                EXPECT_FALSE(request->ok());
+                EXPECT_LE(request->took_ms(), 4 * 70'000);
+            }
+            rig.drop = nullptr;
+            for (const auto& request : endless) {
+                request->wait();
+                EXPECT_TRUE(request->ok());
+            }
+        });
+    }
+}
+
 TEST(Sharing, Negotiation_holds_up_its_own_disk_only)
 {
     for (std::uint64_t seed = 1; seed <= 10; ++seed)
