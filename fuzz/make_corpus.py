@@ -205,6 +205,22 @@ def driver_file(paths):
         seed("driver_file", path.stem, bytes(content))
 
 
-for make in (receive, server, exchange, negotiation, boot_record, status_poll, images, nbd):
+def boot_program():
+    options = b"\1\4\xff\xff\xff\0\3\4\n\0\2\2\x11\x15qrn:10.0.2.2:65535" + b"\0\0\0\xff"
+    dhcp = bytes(16) + b"\n\0\2\x0f\n\0\2\2" + bytes(212) + b"\x63\x82\x53\x63" + options
+    block = bytearray(360)
+    block[4] = block[6] = 2
+    block[48 + 26:48 + 30] = b"\0\x10\0\0"
+    answer = b"QRNB\1\2\1\xd0" + bytes(16) + b"disks".ljust(80, b"\0") + bytes(block)
+    table = bytearray(512)
+    table[446:462] = bytes([0x80, 1, 1, 0, 7, 15, 63, 99]) + struct.pack("<II", 63, 100737)
+    table[510:] = b"\x55\xaa"
+    seed("boot_program", "start", step(0, dhcp), step(0x81, answer), step(3, bytes(table)))
+    data = [step(0x82, part) for part in fragments(DATA, 4096)]
+    seed("boot_program", "read", *data)
+    seed("boot_program", "written", step(0x82, packet(ACK, mask=1)), step(0x82, packet(DONE)))
+
+
+for make in (receive, server, exchange, negotiation, boot_record, status_poll, images, nbd, boot_program):
     make()
 driver_file(sys.argv[1:])

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 
@@ -118,6 +119,36 @@ formats::Boot_Param read_boot_block(const std::string& path)
     return block;
 }
 
+// The 640 KB of a PC that a boot program started; the block is the one that the driver is going to find
+// there.
+void read_low_memory(Options& options, const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        throw OptionError("--low-memory: cannot open '" + path + "'");
+    std::vector<std::uint8_t> memory(formats::low_memory_bytes);
+    file.read(reinterpret_cast<char*>(memory.data()), static_cast<std::streamsize>(memory.size()));
+    if (!file)
+        throw OptionError("--low-memory: '" + path + "' is shorter than 640 KB");
+    const std::uint32_t base_kb = memory[formats::base_memory_kb_address] |
+                                  static_cast<std::uint32_t>(memory[formats::base_memory_kb_address + 1])
+                                      << 8;
+    for (std::uint32_t at = base_kb * 1024; at < formats::low_memory_search_end;
+         at += formats::paragraph_bytes) {
+        formats::BootRecord record;
+        std::memcpy(&record, memory.data() + at, sizeof record);
+        if (std::memcmp(record.Signature, formats::boot_record_signature, sizeof record.Signature) == 0 &&
+            record.Bound.get() <= formats::boot_record_bound_max &&
+            record.Kind.get() == formats::boot_record_kind) {
+            options.boot_block = record.Param;
+            options.low_memory = std::move(memory);
+            return;
+        }
+    }
+    throw OptionError("--low-memory: '" + path + "' holds no boot record above its " +
+                      std::to_string(base_kb) + " KB of base memory");
+}
+
 std::string one_line(std::string text)
 {
     std::replace(text.begin(), text.end(), '\n', ' ');
@@ -131,7 +162,8 @@ std::string one_line(std::string text)
 std::optional<Options> parse_options(int argc, char** argv)
 {
     Options options;
-    std::string boot_block, handover = "low-memory", feeding = "held-back", nbd = "tcp:127.0.0.1:10809";
+    std::string low_memory, boot_block, handover = "low-memory", feeding = "held-back",
+                                        nbd = "tcp:127.0.0.1:10809";
     std::optional<std::string> memory;
     std::vector<std::string> settings;
     std::vector<unsigned> read_only;
@@ -139,9 +171,10 @@ std::optional<Options> parse_options(int argc, char** argv)
     CLI::App app(description, "qrn-station");
     app.set_version_flag("--version", programs::version_line("qrn-station"), "Print the version");
     app.footer(footer);
-    app.add_option("--boot-block", boot_block, "the 360-byte boot parameter block")
-        ->required()
-        ->type_name("FILE");
+    app.add_option("--boot-block", boot_block, "the 360-byte boot parameter block")->type_name("FILE");
+    app.add_option("--low-memory", low_memory,
+                   "instead of a block: the first 640 KB of a PC that\nqrnboot started, record and all")
+        ->option_text("FILE");
     app.add_option("--handover", handover,
                    "how the driver gets the block: from a record that a\n"
                    "boot loader left in memory, or from the transport\n"
@@ -201,7 +234,14 @@ std::optional<Options> parse_options(int argc, char** argv)
     }
     options.feed_eagerly = feeding == "eager";
     options.handover = handover == "transport" ? Handover::transport : Handover::low_memory;
-    options.boot_block = read_boot_block(boot_block);
+    if (boot_block.empty() == low_memory.empty())
+        throw OptionError("one of --boot-block and --low-memory is required");
+    if (low_memory.empty())
+        options.boot_block = read_boot_block(boot_block);
+    else if (handover == "transport" || options.local_disk)
+        throw OptionError("--low-memory goes with neither --handover transport nor --local-disk");
+    else
+        read_low_memory(options, low_memory);
     if (options.handover == Handover::transport &&
         options.boot_block.Disk_Nums == formats::disk_nums_searching)
         throw OptionError("--boot-block: its transport is still searching for a server, and the driver would "

@@ -19,6 +19,7 @@ enum class Handover { low_memory, transport };
 
 struct Options {
     formats::Boot_Param boot_block{};
+    std::vector<std::uint8_t> low_memory;  // of a PC, with the record that its boot program left; empty: none
     Handover handover = Handover::low_memory;
     NbdAddress nbd;
     std::string driver = "builtin";

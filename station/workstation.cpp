@@ -30,6 +30,10 @@ machine::MachineConfig machine_config(const Options& options)
     config.unmanaged_above_4g_bytes = options.above_4g_mb * megabyte;
     config.feeding = options.feed_eagerly ? machine::Feeding::eager : machine::Feeding::held_back;
     config.strict = false;
+    if (!options.low_memory.empty())
+        config.base_memory_kb = options.low_memory[formats::base_memory_kb_address] |
+                                static_cast<unsigned>(options.low_memory[formats::base_memory_kb_address + 1])
+                                    << 8;
     return config;
 }
 
@@ -148,6 +152,9 @@ void Workstation::hand_over_boot_block()
     transport.block() = {};
     transport.block().Boot_Flags = block_.Boot_Flags;
 
+    if (!options_.low_memory.empty())
+        return write_low_memory(
+            std::span(options_.low_memory).subspan(static_cast<std::size_t>(low_memory_next_)));
     const formats::BootRecord record = formats::boot_record(block_);
     write_low_memory({reinterpret_cast<const std::uint8_t*>(&record), sizeof record});
 }

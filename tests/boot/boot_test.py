@@ -14,7 +14,7 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "e2e"))
 import guest
-from harness import Server
+from harness import Program, Server
 
 # Linux, started through the BIOS alone, shows what memory the BIOS left it and copies the rest to its own disk.
 SCRIPT = """
@@ -63,6 +63,16 @@ class Boot(unittest.TestCase):
         pc.wait_for("MEMORY-COPIED", 20)
         pc.wait_for_end(20)
         self.check_memory(memory.read_bytes(), server)
+        self.check_driver_finds_its_disks_in(memory)
+
+    def check_driver_finds_its_disks_in(self, memory):
+        statistics, log = self.path("station.json"), self.path("station.log")
+        station = Program(self, "station", [
+            f"{guest.BIN}/qrn-station", "--handover", "low-memory", "--low-memory", str(memory), "--nbd",
+            f"unix:{self.path('nbd')}", "--stats-json", statistics, "--log", log])
+        station.kill()
+        with open(log) as file:
+            self.assertIn("QRN SCSI: Lun:0 30000(96M)", file.read())
 
     def check_memory(self, memory, server):
         top = int.from_bytes(memory[0x413:0x415], "little") * 1024
