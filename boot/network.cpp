@@ -153,9 +153,10 @@ bool exchange(const formats::ServerRecord& server, const DiskPlace& disk, BlockP
         }
         if (landing.wants_resend)
             send_fragments(server, packet, linear);
+        if (size == 0)
+            silence.tell(server);
         if (size != 0 || ticks_since(last) < wait_ticks(resends))
             continue;
-        silence.tell(server);
         if (!for_ever && disk.retry_minutes != 0 &&
             silence.ticks() > disk.retry_minutes * 60u * ticks_per_second)
             return false;
