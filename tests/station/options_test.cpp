@@ -61,6 +61,9 @@ TEST_F(Arguments, Wrong_ones_are_told_in_one_line_that_names_them)
     const std::pair<const char*, const char*> cases[] = {
         {"", "--boot-block"},
         {"--boot-block @short", "360"},
+        {"--low-memory no/such/file", "cannot open"},
+        {"--low-memory @block", "640 KB"},
+        {"--boot-block @block --low-memory @block", "one of"},
         {"--boot-block @long", "360"},
         {"--boot-block @searching --handover transport", "searching"},
         {"--boot-block @block --handover magic", "magic"},
