@@ -219,4 +219,16 @@ static_assert(offsetof(PartitionEntry, Count) == 12);
 static_assert(sizeof(PartitionSector) == sector_bytes);
 static_assert(offsetof(PartitionSector, Partition) == 446);
 
+// Whether a partition shares sectors with another one of the table: an area there would hold what others write.
+inline bool overlaps_another(const PartitionSector& table, const PartitionEntry& area)
+{
+    const std::uint64_t start = area.Start.get(), end = start + area.Count.get();
+    for (const PartitionEntry& entry : table.Partition) {
+        const std::uint64_t other = entry.Start.get();
+        if (&entry != &area && entry.Type != 0 && other < end && start < other + entry.Count.get())
+            return true;
+    }
+    return false;
+}
+
 }  // namespace formats

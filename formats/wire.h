@@ -28,6 +28,9 @@ struct WireHeader {
     Be16 Frag_Cnt;          // fragments of the packet; in read data 0: the whole packet is zeros
 };
 
+// Engine sectors are signed 32-bit numbers in the driver, and the last one is the disk's number of sectors.
+constexpr std::uint32_t disk_sectors_max = 0x7FFFFFFF;
+
 constexpr unsigned request_bytes = 26;  // read request, status query, shutdown notice, acknowledgement
 constexpr unsigned header_bytes = 34;   // write fragment, read data
 constexpr unsigned fragment_bytes_max = 1386;

@@ -9,11 +9,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <limits>
 #include <stdexcept>
 #include <system_error>
 
 #include "formats/boot_block.h"
+#include "formats/wire.h"
 #include "server/block_store.h"
 
 namespace server {
@@ -101,8 +101,8 @@ std::uint64_t FileStore::measure(const std::string& path)
         throw std::runtime_error(path + ": is empty");
     if (size % formats::sector_bytes != 0)
         throw std::runtime_error(path + ": its size is no multiple of 512 bytes");
-    if (size / formats::sector_bytes > std::numeric_limits<std::uint32_t>::max())
-        throw std::runtime_error(path + ": has more sectors than 32 bits count (2 TB)");
+    if (size / formats::sector_bytes > formats::disk_sectors_max)
+        throw std::runtime_error(path + ": has more sectors than a workstation can address (1 TB)");
     return size;
 }
 

@@ -35,6 +35,8 @@ LocalDiskFile::LocalDiskFile(const std::string& path) : file_(open(path.c_str(),
         if (entry.Start.get() == 0 || entry.Count.get() < first_block_sector ||
             std::uint64_t{entry.Start.get()} + entry.Count.get() > disk_sectors)
             throw std::runtime_error(path + ": is too small for its partitions");
+        if (overlaps_another(table, entry))
+            throw std::runtime_error(path + ": a partition for an image overlaps another one");
         if (!is_system) {
             temporary_ = true;
         } else if (system_sectors_ == 0) {

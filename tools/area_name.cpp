@@ -56,6 +56,8 @@ AreaPlace find_area(const InputFile& file, const AreaName& name)
         if (start == 0 || count == 0 || (start + count) * sector_bytes > file.size_bytes())
             throw ToolError(fmt::format("{}: partition {} (sector {}, {} sectors) does not fit the disk",
                                         file.path(), i + 1, start, count));
+        if (overlaps_another(table, entry))
+            throw ToolError(fmt::format("{}: partition {} overlaps another one", file.path(), i + 1));
         return {start * sector_bytes, count * sector_bytes, i + 1, entry.Type};
     }
     throw ToolError(fmt::format("{}: has no partition '{}'", file.path(), name.partition));

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "tools/errors.h"
+#include "formats/wire.h"
 #include "tools/progress.h"
 
 namespace image_tool {
@@ -21,8 +22,8 @@ std::uint32_t disk_sectors(const InputFile& file)
     if (sectors == 0 || file.size_bytes() % sector_bytes != 0)
         throw ToolError(fmt::format("{}: {} bytes are not a disk of whole 512-byte sectors", file.path(),
                                     file.size_bytes()));
-    if (sectors > UINT32_MAX)
-        throw ToolError(fmt::format("{}: larger than the 2 TB that an image can hold", file.path()));
+    if (sectors > disk_sectors_max)
+        throw ToolError(fmt::format("{}: more than the 1 TB that a workstation can address", file.path()));
     return static_cast<std::uint32_t>(sectors);
 }
 

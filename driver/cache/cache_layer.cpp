@@ -21,7 +21,7 @@ LONG QRNH_MEM_RW::Create(QRNH_OBJ_RW* pSR, ULONG Disk_MB, QRNH_OBJ_MEM* pObj)
     Key_Tag = 0;
     pObj_Mem = pObj;
     pSR_RW = pSR;
-    Nums_8M = (Disk_MB + 7) >> 3;
+    Nums_8M = (Disk_MB >> 3) + 1;  // the last engine sector is the one behind the last LBA
     ULONG Table_Bytes = sizeof(Ent_Handle) * Nums_8M;
     p8M_TBL = static_cast<Ent_Handle*>(ExAllocatePoolWithTag(NonPagedPool, Table_Bytes, Tag_Memory));
     DbgPrint("\nQRNH_MEM_RW::Create %p %p, p8M_TBL=%p, %dm Nums_8M=%X(%dk)", this, pSR, p8M_TBL, Disk_MB,
@@ -197,9 +197,12 @@ Rec_64K* QRNH_MEM_RW::Block_To_Write(ULONG_PTR Ctx, ULONG Key, LRU_Node*& pNode)
         LONG Clean = SecFlag_Miss_Len(pRec->Sec_Bits, 0, Chunk_64K);
         if (Clean == Chunk_64K)
             return Install(pRec, pNode, Key);
-        // Another worker may have installed the chunk while its lock was free; so look again.
-        if (Write_Back(Ctx, pRec, pNode, Clean) <= 0)
+        // Another worker may have installed the chunk while its lock was free; so look again. A block whose
+        // server is gone must not be the first that every write of every disk tries.
+        if (Write_Back(Ctx, pRec, pNode, Clean) <= 0) {
+            pObj_Mem->LRU_Touch(pNode);
             return nullptr;
+        }
     }
 }
 

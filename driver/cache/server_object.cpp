@@ -50,6 +50,7 @@ LONG SR_RW::Write(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)
         Done = Net_Send_Wait(pEntry, Bytes);
     }
     Pkt_Init(pEntry, Own_Lun, Direction_Write);
+    pEntry->Server_Failed = Lun == Own_Lun && Done <= 0;
     // A write-back for another disk that was given up is none of this chunk's business.
     if (Lun != Own_Lun) {
         pEntry->Hold = Own_Hold;

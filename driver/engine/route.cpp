@@ -30,10 +30,13 @@ bool Images_Take_Part()
 // Bytes done: all of them, or on failure all that is left of the chunk.
 static LONG Route_Network(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes, LONG Left)
 {
-    if (pReq->Write && pEntry->Setup.pMC_Write)
-        Pkt_Tag(pEntry, Write_Slot_Index(pEntry), Left);
-    if (Net_Send_Wait(pEntry, Bytes) > 0)
-        return Bytes;
+    // What the cache could not bring to the server has had its time.
+    if (!pEntry->Server_Failed) {
+        if (pReq->Write && pEntry->Setup.pMC_Write)
+            Pkt_Tag(pEntry, Write_Slot_Index(pEntry), Left);
+        if (Net_Send_Wait(pEntry, Bytes) > 0)
+            return Bytes;
+    }
     if (pEntry->Hold == Hold_Kind::Let_Go)
         return Left;
     LONG Done = Images_Take_Part() ? Img_Server_Lost(pEntry, pReq, Bytes) : -Bytes;
@@ -46,6 +49,7 @@ static LONG Route_Network(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes, LONG Left)
 LONG Route_Piece(RW_Entry* pEntry, RW_Req* pReq, LONG Left)
 {
     bool Images = Images_Take_Part();
+    pEntry->Server_Failed = false;
     LONG Done = Images ? Img_Route(pEntry, pReq, Left) : -Left;
     if (Done > 0)
         return Done;

@@ -22,18 +22,6 @@ static bool Fits(PDEVICE_OBJECT pDevice, ULONG Start, ULONG Count)
     return Fsd_Read(pDevice, End - 1, Sector, Bytes) == Bytes;
 }
 
-// An area that shares sectors with another partition holds what others write.
-static bool Overlaps(const formats::PartitionSector& Sector_0, const formats::PartitionEntry& Area)
-{
-    ULONGLONG Start = Area.Start.get(), End = Start + Area.Count.get();
-    for (const formats::PartitionEntry& Entry : Sector_0.Partition) {
-        ULONGLONG Other = Entry.Start.get();
-        if (&Entry != &Area && Entry.Type != 0 && Other < End && Start < Other + Entry.Count.get())
-            return true;
-    }
-    return false;
-}
-
 // Null, and the object is freed, when the area cannot be opened.
 static QRNH_OBJ_IMG* Opened(QRNH_OBJ_IMG* pArea, PDEVICE_OBJECT pDevice, ULONG Start, ULONG Count,
                             ULONG Flags)
@@ -71,7 +59,7 @@ QRNH_IMG_RW* QRNH_MBR_Init(PDEVICE_OBJECT pDevice, const formats::PartitionSecto
     for (const formats::PartitionEntry& Entry : Sector_0.Partition) {
         ULONG Start = Entry.Start.get();
         ULONG Count = Entry.Count.get();
-        if (Overlaps(Sector_0, Entry))
+        if (formats::overlaps_another(Sector_0, Entry))
             continue;
         if (Entry.Type == formats::partition_system_image && !pQRNH_Img_Sys && Fits(pDevice, Start, Count)) {
             DbgPrint("\nQRNH_MBR_Init: Create pQRNH_Img_Sys");

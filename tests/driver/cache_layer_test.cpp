@@ -270,11 +270,14 @@ TEST(CacheLayer, What_cannot_be_cached_goes_straight_to_the_server)
     DriverPiece driver(with_seed(1));
     driver.run([&] {
         Cached c(2, 8, 10);
-        // The sector behind the last region of the disk.
-        EXPECT_EQ(c.write(16384, 2, 3), 1024);
-        EXPECT_EQ(c.read(16384, 2), 3u);
-        EXPECT_EQ(c.requests(), (Requests{{'w', 16384, 1024}, {'r', 16384, 1024}}));
-        EXPECT_GE(driver.machine.log().count("\nQRNH_MEM_RW: 8M_Idx=1(1), Error!"), 2u);
+        // The last sector of the disk, and one behind its last region.
+        EXPECT_EQ(c.write(16384, 1, 2), 512);
+        EXPECT_EQ(c.read(16384, 1), 2u);
+        EXPECT_EQ(c.requests(), Requests{});
+        EXPECT_EQ(c.write(32768, 2, 3), 1024);
+        EXPECT_EQ(c.read(32768, 2), 3u);
+        EXPECT_EQ(c.requests(), (Requests{{'w', 32768, 1024}, {'r', 32768, 1024}}));
+        EXPECT_GE(driver.machine.log().count("\nQRNH_MEM_RW: 8M_Idx=2(2), Error!"), 2u);
 
         // A write-back that fails: the writer goes on without the cache, the dirty block stays whole.
         for (ULONG chunk = 0; chunk < 10; ++chunk)

@@ -79,8 +79,8 @@ TEST_F(File_store, Unfit_files_are_refused_with_the_reason)
     const std::pair<std::uint64_t, const char*> sizes[] = {
         {0, "is empty"},
         {513, "no multiple of 512"},
-        {std::uint64_t{1} << 41, "more sectors than 32 bits count"},
-        {(std::uint64_t{1} << 41) - 512, ""}};
+        {std::uint64_t{1} << 40, "more sectors than a workstation can address"},
+        {(std::uint64_t{1} << 40) - 512, ""}};
     for (const auto& [size, reason] : sizes) {
         make(size);
         EXPECT_NE(refusal().find(reason), std::string::npos) << size;

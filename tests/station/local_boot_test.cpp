@@ -131,6 +131,9 @@ TEST_F(LocalDisk, Disk_that_cannot_hold_the_images_is_refused)
         const LocalDiskFile held(path);
         EXPECT_THROW(LocalDiskFile{path}, std::runtime_error) << "two stations on one disk";
     }
+    table.Partition[3].Start.set(system_start + system_sectors - 1);
+    expect_refusal("overlaps another one");
+    table.Partition[3].Start.set(system_start + system_sectors);
     table.Partition[3].Count.set(disk_sectors - system_start - system_sectors + 1);
     expect_refusal("too small");
     table.Partition[3].Count.set(0xFFFFFFFF);

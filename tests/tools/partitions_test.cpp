@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Areas in partitions, and what is there already.
+#include <fstream>
+
 #include "tests/tools/tool_test.h"
 
 namespace tools_test {
@@ -37,6 +39,23 @@ TEST_F(Partitions, Disk_has_the_partition_table_that_the_driver_looks_for)
     EXPECT_EQ(at(470), 2048u + 67584u) << "on the next whole megabyte";
     EXPECT_EQ(at(474), 32768u);
     EXPECT_EQ(table.substr(478, 34), std::string(32, '\0') + "\x55\xAA");
+}
+
+TEST_F(Partitions, Area_that_overlaps_another_partition_is_refused)
+{
+    expect("disk @disk --size 4M --system 1M --temporary 1M", 0);
+    std::string count = content("disk").substr(458, 4);
+    put("disk", 458, std::string("\x01\x10\x00\x00", 4));  // one sector into the temporary image
+    expect("create @disk:system --from @raw", 2, "partition 1 overlaps another one");
+    put("disk", 458, count);
+    expect("create @disk:system --from @raw", 0);
+}
+
+TEST_F(Partitions, Disk_that_no_workstation_can_address_is_refused)
+{
+    std::ofstream(path("huge"));
+    std::filesystem::resize_file(path("huge"), std::uint64_t{1} << 40);
+    expect("create @area --from @huge", 2, "more than the 1 TB");
 }
 
 TEST_F(Partitions, Area_in_a_partition_stays_within_it)
