@@ -37,7 +37,7 @@ TEST_F(RoundTrip, Disks_of_any_size_come_back_as_they_were)
         {1000, {{3, 128}, {7, 5}}, 3},
         {128 * 300, {{0, 128}, {1, 1}, {127, 128}, {128, 128}, {255, 3}, {299, 128}}, 7},
         // Chunks under another level-2 and another level-1 entry.
-        {(128ull << 25) - 1, {{1023, 1}, {128 << 10, 1}, {(128 << 10) + 5, 2}, {(1 << 25) - 1, 127}}, 4},
+        {(128ull << 24) - 1, {{1023, 1}, {128 << 10, 1}, {(128 << 10) + 5, 2}, {(1 << 24) - 1, 127}}, 4},
     };
     for (const auto& one : cases) {
         make_raw("raw", one.sectors, one.noises);
