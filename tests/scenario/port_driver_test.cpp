@@ -138,6 +138,23 @@ TEST(PortDriver, Refused_reads_of_a_held_back_disk_end_however_often_they_are_re
     }
 }
 
+// While such a request is in the miniport, the port driver sends nothing else, completion notices included.
+TEST(PortDriver, Transfers_that_must_not_disconnect_complete)
+{
+    for (machine::Feeding feeding : {machine::Feeding::eager, machine::Feeding::held_back}) {
+        Rig rig({.feeding = feeding});
+        rig.run([&] {
+            const Bytes content = pattern(5, 512);
+            ASSERT_TRUE(rig.write(0, 5, content));
+            Bytes data(512);
+            EXPECT_EQ(status_of(rig, {read_10, 0, 0, 0, 0, 5, 0, 0, 1, 0}, data,
+                                SRB_FLAGS_DATA_IN | SRB_FLAGS_DISABLE_DISCONNECT),
+                      0);
+            EXPECT_EQ(data, content);
+        });
+    }
+}
+
 // Fed one at a time, a disk gets its next request by the notices of the one before.
 TEST(PortDriver, Notices_draw_as_many_requests_as_the_disk_has_slots)
 {
