@@ -20,10 +20,11 @@ static NTSTATUS NTAPI Chan_Done(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
+// Completions that wait for the channel go before a notice that need not be sent.
 static bool Take_Channel(Hw_Ext* pExt, bool Wait)
 {
     if (!Wait)
-        return Mutex_Try(pExt->Chan_Free);
+        return pExt->Chan_Gate.Sleepers == 0 && Mutex_Try(pExt->Chan_Free);
     Mutex_Take(pExt->Chan_Free, pExt->Chan_Gate);
     return true;
 }
