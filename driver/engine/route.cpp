@@ -27,13 +27,25 @@ bool Images_Take_Part()
     return Boot_Param.Boot_Mode.get() == formats::boot_mode_local_image && pSaved_MBR;
 }
 
+// A write that the pick has not tagged, and each further run of one that it has, is tagged here: the packets
+// of two runs must not pass for each other. What the pick has counted is not counted again.
+static void Tag_Write(RW_Entry* pEntry, LONG Left)
+{
+    bool Tagged = !pEntry->Setup.pMC_Write;
+    if (Tagged && pEntry->pData == pEntry->Bounce)
+        return;
+    if (Tagged)
+        InterlockedExchangeAdd(&pEntry->Setup.pCounters->Secs, -(Left >> 9));
+    Pkt_Tag(pEntry, Write_Slot_Index(pEntry), Left);
+}
+
 // Bytes done: all of them, or on failure all that is left of the chunk.
 static LONG Route_Network(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes, LONG Left)
 {
     // What the cache could not bring to the server has had its time.
     if (!pEntry->Server_Failed) {
-        if (pReq->Write && pEntry->Setup.pMC_Write)
-            Pkt_Tag(pEntry, Write_Slot_Index(pEntry), Left);
+        if (pReq->Write)
+            Tag_Write(pEntry, Left);
         if (Net_Send_Wait(pEntry, Bytes) > 0)
             return Bytes;
     }
