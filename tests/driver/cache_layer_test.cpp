@@ -299,6 +299,28 @@ TEST(CacheLayer, What_cannot_be_cached_goes_straight_to_the_server)
     });
 }
 
+// Of a disk whose server is gone every write of every other disk would else try the same block first.
+TEST(CacheLayer, Block_that_cannot_be_written_back_is_not_tried_again_at_once)
+{
+    DriverPiece driver(with_seed(1));
+    driver.run([&] {
+        Cached c(2, 8, 10);
+        EXPECT_EQ(c.write(0, 4, 1, 0), 2048);
+        for (ULONG chunk = 0; chunk < 9; ++chunk)
+            EXPECT_EQ(c.write(chunk * 128, 4, 20 + chunk, 1), 2048);
+        c.requests(0);
+        c.servers[0]->fails = [](char) { return true; };
+        for (ULONG chunk = 20; chunk < 26; ++chunk)
+            EXPECT_EQ(c.write(chunk * 128, 4, chunk, 1), 2048);
+        EXPECT_EQ(c.requests(0).size(), 1u);
+        c.servers[0]->fails = [](char) { return false; };
+        EXPECT_EQ(c.read(0, 4, 0), 1u);
+        for (ULONG chunk = 20; chunk < 26; ++chunk)
+            EXPECT_EQ(c.read(chunk * 128, 4, 1), chunk);
+        c.expect_sound();
+    });
+}
+
 // The block that a disk found last may be taken from it by a disk that then cannot use it.
 TEST(CacheLayer, A_block_that_lost_its_place_takes_no_more_writes)
 {
