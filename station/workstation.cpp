@@ -31,9 +31,9 @@ machine::MachineConfig machine_config(const Options& options)
     config.feeding = options.feed_eagerly ? machine::Feeding::eager : machine::Feeding::held_back;
     config.strict = false;
     if (!options.low_memory.empty())
-        config.base_memory_kb = options.low_memory[formats::base_memory_kb_address] |
-                                static_cast<unsigned>(options.low_memory[formats::base_memory_kb_address + 1])
-                                    << 8;
+        config.base_memory_kb = reinterpret_cast<const formats::Le16*>(options.low_memory.data() +
+                                                                       formats::base_memory_kb_address)
+                                    ->get();
     return config;
 }
 
