@@ -43,6 +43,17 @@ struct MachineConfig {
     SchedulerKind scheduler = SchedulerKind::simulated;
     std::uint64_t seed = 1;
 
+    // On the simulated scheduler. 1: one processor; at DISPATCH_LEVEL nothing else runs, below it only
+    // threads of equal or higher priority take over. 2: as many processors as threads, and priorities mean
+    // nothing.
+    unsigned processors = 2;
+    // On the simulated scheduler the linked driver's atomic operations and YieldProcessor are points where
+    // another thread may run. A driver file has none of them, so a seed runs the same in both only without.
+    bool switch_at_atomics = false;
+    // Between two ticks of the clock, on which waits end and of which readings tell the last; 0: the clock is
+    // exact.
+    Ticks clock_tick_100ns = 0;
+
     // What MmGetPhysicalMemoryRanges lists. Empty: one range of 512 MB from 1 MB.
     std::vector<MemoryRange> memory_ranges = {};
     // Memory that stands above 4 GB without being managed; 0: none.

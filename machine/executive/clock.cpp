@@ -15,6 +15,21 @@ std::int64_t system_boot_time()
     return executive().boot_time;
 }
 
+Ticks time_of_last_tick()
+{
+    const Ticks now = scheduler().now();
+    const Ticks tick = executive().config.clock_tick_100ns;
+    return tick ? now - now % tick : now;
+}
+
+Ticks tick_from(Ticks due)
+{
+    const Ticks tick = executive().config.clock_tick_100ns;
+    if (!tick || due <= 0 || due % tick == 0)
+        return due;
+    return due > never - tick ? never : due - due % tick + tick;
+}
+
 }  // namespace machine
 
 using namespace machine;
@@ -25,13 +40,13 @@ ULONGLONG NTAPI KeQueryInterruptTime()
 {
     self();
     scheduler().preemption_point();
-    return static_cast<ULONGLONG>(scheduler().now());
+    return static_cast<ULONGLONG>(time_of_last_tick());
 }
 
 VOID NTAPI KeQuerySystemTime(PLARGE_INTEGER time)
 {
     self();
-    time->QuadPart = system_boot_time() + scheduler().now();
+    time->QuadPart = system_boot_time() + time_of_last_tick();
 }
 
 VOID NTAPI ExSystemTimeToLocalTime(PLARGE_INTEGER system_time, PLARGE_INTEGER local_time)

@@ -85,9 +85,9 @@ void check_may_wait(const Thread& thread, const char* routine)
 Ticks deadline_of(LONGLONG interval)
 {
     if (interval >= 0)
-        return interval - system_boot_time();
-    const Ticks now = scheduler().now();
-    return interval < now - never ? never : now - interval;
+        return tick_from(interval - system_boot_time());
+    const Ticks now = time_of_last_tick();
+    return interval < now - never ? never : tick_from(now - interval);
 }
 
 }  // namespace

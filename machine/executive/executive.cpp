@@ -45,13 +45,14 @@ std::int64_t boot_time_of(const MachineConfig& config)
 }  // namespace
 
 ExecutiveState::ExecutiveState(const MachineConfig& machine_config)
-    : config(machine_config),
-      scheduler(config.scheduler == SchedulerKind::real ? make_real_scheduler()
-                                                        : make_simulated_scheduler(config.seed)),
+    : config(machine_config), scheduler(config.scheduler == SchedulerKind::real
+                                            ? make_real_scheduler()
+                                            : make_simulated_scheduler(config.seed, config.processors)),
       boot_time(boot_time_of(config)), memory(memory_layout(config)), page_lists(memory, config.strict),
       faults(config.seed), ports(config.reset_ports_work), pool(config.strict), system(config.strict)
 {
     strict_checks = config.strict;
+    nt_switches_at_atomics = config.switch_at_atomics && scheduler->simulated();
     Mm64BitPhysicalAddress = config.mm64bit;
     forget_lock_order();
     registry.create_key(Registry::service_key);

@@ -20,6 +20,14 @@ namespace {
 
 extern "C" {
 
+bool nt_switches_at_atomics = false;
+
+void nt_switch_at_atomic()
+{
+    self();
+    scheduler().preemption_point();
+}
+
 KIRQL NTAPI KeGetCurrentIrql()
 {
     return self().irql;

@@ -2,6 +2,7 @@
 #include "machine/executive/threads.h"
 
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "machine/executive/checks.h"
@@ -51,10 +52,15 @@ NTSTATUS NTAPI PsCreateSystemThread(PHANDLE handle, ULONG, POBJECT_ATTRIBUTES, H
     ExecutiveState& kernel = executive();
     if (kernel.faults.hit(Operation::thread_create, ""))
         return STATUS_INSUFFICIENT_RESOURCES;
-    Thread& thread = kernel.scheduler->spawn("system thread " + std::to_string(kernel.objects.next_number()),
-                                             [routine, context] { routine(context); });
-    kernel.objects.add(&thread, ObjectKind::thread, nullptr);
-    *handle = kernel.objects.open(&thread);
+    Thread* thread = nullptr;
+    try {
+        thread = &kernel.scheduler->spawn("system thread " + std::to_string(kernel.objects.next_number()),
+                                          [routine, context] { routine(context); });
+    } catch (const std::system_error&) {  // the host has no more
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    kernel.objects.add(thread, ObjectKind::thread, nullptr);
+    *handle = kernel.objects.open(thread);
     scheduler().preemption_point();
     return STATUS_SUCCESS;
 }

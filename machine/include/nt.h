@@ -54,3 +54,43 @@ extern "C" {
 #undef min
 #undef max
 #undef interface
+
+// Where one processor's atomic operation meets another's, a thread switch shows it: on the simulated
+// scheduler each one is a point where another thread may run, before it and after. Inlined intrinsics of a
+// loaded driver file are none.
+extern "C" bool nt_switches_at_atomics;
+extern "C" void nt_switch_at_atomic();
+
+inline void nt_switching_point()
+{
+    if (nt_switches_at_atomics) [[unlikely]]
+        nt_switch_at_atomic();
+}
+
+template <typename Value>
+inline Value nt_then_switch(Value value)
+{
+    nt_switching_point();
+    return value;
+}
+
+#undef InterlockedIncrement
+#define InterlockedIncrement(...) (nt_switching_point(), nt_then_switch(_InterlockedIncrement(__VA_ARGS__)))
+#undef InterlockedDecrement
+#define InterlockedDecrement(...) (nt_switching_point(), nt_then_switch(_InterlockedDecrement(__VA_ARGS__)))
+#undef InterlockedExchange
+#define InterlockedExchange(...) (nt_switching_point(), nt_then_switch(_InterlockedExchange(__VA_ARGS__)))
+#undef InterlockedExchangeAdd
+#define InterlockedExchangeAdd(...)                                                                          \
+    (nt_switching_point(), nt_then_switch(_InterlockedExchangeAdd(__VA_ARGS__)))
+#undef InterlockedCompareExchange
+#define InterlockedCompareExchange(...)                                                                      \
+    (nt_switching_point(), nt_then_switch(_InterlockedCompareExchange(__VA_ARGS__)))
+#undef InterlockedOr
+#define InterlockedOr(...) (nt_switching_point(), nt_then_switch(_InterlockedOr(__VA_ARGS__)))
+#undef InterlockedAnd
+#define InterlockedAnd(...) (nt_switching_point(), nt_then_switch(_InterlockedAnd(__VA_ARGS__)))
+#undef InterlockedXor
+#define InterlockedXor(...) (nt_switching_point(), nt_then_switch(_InterlockedXor(__VA_ARGS__)))
+#undef YieldProcessor
+#define YieldProcessor() (nt_switching_point(), __builtin_ia32_pause())

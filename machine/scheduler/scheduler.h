@@ -78,6 +78,6 @@ public:
 };
 
 std::unique_ptr<Scheduler> make_real_scheduler();
-std::unique_ptr<Scheduler> make_simulated_scheduler(std::uint64_t seed);
+std::unique_ptr<Scheduler> make_simulated_scheduler(std::uint64_t seed, unsigned processors);
 
 }  // namespace machine

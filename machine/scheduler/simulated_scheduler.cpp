@@ -18,11 +18,20 @@ double draw_switch_probability(std::uint64_t seed)
     return probabilities[Random(seed ^ 0x5357495443480000u).below(probabilities.size())];
 }
 
+// So many preemption points without a wait are no work: some thread polls for what can't happen meanwhile.
+constexpr std::uint64_t runs_max = 5'000'000;
+
+// A timer callback is no thread, and goes before all of them.
+KPRIORITY rank(const Thread& thread)
+{
+    return thread.kind == Thread::Kind::callback ? HIGH_PRIORITY + 1 : thread.priority;
+}
+
 }  // namespace
 
-SimulatedScheduler::SimulatedScheduler(std::uint64_t seed)
+SimulatedScheduler::SimulatedScheduler(std::uint64_t seed, unsigned processors)
     : KernelScheduler(true), random_(seed), switch_probability_(draw_switch_probability(seed)),
-      outside_(Thread::Kind::adopted, "outside run()", this)
+      one_processor_(processors == 1), outside_(Thread::Kind::adopted, "outside run()", this)
 {
     if (active_scheduler.exchange(this))
         violation("a second machine was started before the first one was destroyed");
@@ -114,6 +123,7 @@ bool SimulatedScheduler::block(Ticks deadline)
 
     dispatcher_locked_ = false;
     ++progress_;
+    runs_ = 0;
     if (deadline <= now_) {
         make_ready(thread);
     } else {
@@ -146,6 +156,10 @@ void SimulatedScheduler::preempt()
     if (off_)
         leave_to_host();
     ++progress_;
+    if (++runs_ > runs_max)
+        violation("a thread polls without progress: nothing waits, and so no time passes");
+    if (one_processor_)
+        return preempt_on_one();
     if (ready_.empty() || !random_.chance(switch_probability_))
         return;
     const auto choice = random_.below(static_cast<std::uint32_t>(ready_.size()) + 1);
@@ -156,12 +170,45 @@ void SimulatedScheduler::preempt()
     switch_to(next);
 }
 
+void SimulatedScheduler::preempt_on_one()
+{
+    if (current_->irql >= DISPATCH_LEVEL || dispatcher_locked_ || ready_.empty())
+        return;
+    const KPRIORITY highest = highest_ready(), own = rank(*current_);
+    if (highest < own || (highest == own && !random_.chance(switch_probability_)))
+        return;
+    FiberThread& next = take_highest();
+    make_ready(*current_);
+    switch_to(next);
+}
+
+KPRIORITY SimulatedScheduler::highest_ready() const
+{
+    KPRIORITY highest = 0;
+    for (const FiberThread* thread : ready_)
+        highest = std::max(highest, rank(*thread));
+    return highest;
+}
+
+SimulatedScheduler::FiberThread& SimulatedScheduler::take_highest()
+{
+    const KPRIORITY highest = highest_ready();
+    const auto is_highest = [highest](const FiberThread* thread) { return rank(*thread) == highest; };
+    auto choice = random_.below(static_cast<std::uint32_t>(std::ranges::count_if(ready_, is_highest)));
+    std::size_t index = 0;
+    while (!is_highest(ready_[index]) || choice-- != 0)
+        ++index;
+    return take_ready(index);
+}
+
 void SimulatedScheduler::spin()
 {
     if (!current_)
         violation("deadlock: a spin lock is held by a thread, and the caller outside run() waits for it");
     if (off_)
         leave_to_host();
+    if (one_processor_)
+        violation("deadlock: a thread spins on a lock whose holder can't run on the only processor");
     current_->spun_at = progress_;
     std::uint32_t others = 0;
     for (const FiberThread* thread : ready_)
@@ -203,7 +250,8 @@ void SimulatedScheduler::reschedule()
         leave_to_host();
         return;
     }
-    switch_to(take_ready(random_.below(static_cast<std::uint32_t>(ready_.size()))));
+    switch_to(one_processor_ ? take_highest()
+                             : take_ready(random_.below(static_cast<std::uint32_t>(ready_.size()))));
 }
 
 bool SimulatedScheduler::advance_clock()

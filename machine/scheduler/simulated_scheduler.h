@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 // The simulated scheduler: kernel threads are fibers of the host thread that calls run(), one runs at a
 // time, and the next one is drawn from the seed at every preemption point. It simulates many
-// processors: another thread may run although this one holds a spin lock or runs a timer callback.
+// processors, where another thread may run although this one holds a spin lock or runs a timer callback,
+// or one: there nothing takes over at DISPATCH_LEVEL, and below it a thread of higher priority does at
+// once and one of equal priority when the seed says so.
 // Time stands still while any thread can run and then jumps to the next deadline.
 #pragma once
 
@@ -20,7 +22,7 @@ namespace machine {
 
 class SimulatedScheduler final : public KernelScheduler {
 public:
-    explicit SimulatedScheduler(std::uint64_t seed);
+    SimulatedScheduler(std::uint64_t seed, unsigned processors);
     ~SimulatedScheduler() override;
 
     bool simulated() const override { return true; }
@@ -71,6 +73,9 @@ private:
     void start_timer_service();
     void make_ready(FiberThread& thread);
     FiberThread& take_ready(std::size_t index);
+    FiberThread& take_highest();
+    KPRIORITY highest_ready() const;
+    void preempt_on_one();
     // Gives up the processor. The current thread's state says whether it wants it back.
     void reschedule();
     bool advance_clock();
@@ -80,11 +85,13 @@ private:
 
     Random random_;
     const double switch_probability_;
+    const bool one_processor_;
     Ticks now_ = 0;
     bool off_ = false;
     bool dispatcher_locked_ = false;
     std::uint64_t progress_ = 1;  // counts everything but spinning in vain
     std::uint64_t blocks_ = 0;
+    std::uint64_t runs_ = 0;  // preemption points since a thread last waited
 
     std::vector<std::unique_ptr<FiberThread>> threads_;
     std::vector<FiberThread*> ready_;

@@ -7,9 +7,9 @@
 
 namespace machine {
 
-std::unique_ptr<Scheduler> make_simulated_scheduler(std::uint64_t seed)
+std::unique_ptr<Scheduler> make_simulated_scheduler(std::uint64_t seed, unsigned processors)
 {
-    return std::make_unique<SimulatedScheduler>(seed);
+    return std::make_unique<SimulatedScheduler>(seed, processors);
 }
 
 TimerId SimulatedScheduler::call_at(Ticks when, std::function<void()> callback)

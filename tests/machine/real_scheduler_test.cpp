@@ -64,14 +64,17 @@ TEST(Real_scheduler, Timers_keep_wall_clock_time_and_order)
             KeInitializeEvent(&event, SynchronizationEvent, FALSE);
             std::atomic<int> order = 0;
             const Ticks now = machine.scheduler().now();
-            machine.scheduler().call_at(now + 10 * ticks_per_ms, [&] {
-                EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
-                order = order * 10 + 2;
-                set(event);
+            // Set inside a callback: no other one runs before all of them are set, however late the host is.
+            machine.scheduler().call_at(now, [&] {
+                machine.scheduler().call_at(now + 10 * ticks_per_ms, [&] {
+                    EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+                    order = order * 10 + 2;
+                    set(event);
+                });
+                machine.scheduler().call_at(now + 5 * ticks_per_ms, [&] { order = order * 10 + 1; });
+                EXPECT_TRUE(machine.scheduler().cancel(
+                    machine.scheduler().call_at(now + 7 * ticks_per_ms, [&] { order = 99; })));
             });
-            machine.scheduler().call_at(now + 5 * ticks_per_ms, [&] { order = order * 10 + 1; });
-            EXPECT_TRUE(machine.scheduler().cancel(
-                machine.scheduler().call_at(now + 7 * ticks_per_ms, [&] { order = 99; })));
             EXPECT_EQ(wait_ms(&event), STATUS_SUCCESS);
             EXPECT_GE(machine.scheduler().now() - now, 10 * ticks_per_ms);
             EXPECT_EQ(order, 12);

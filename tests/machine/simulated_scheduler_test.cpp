@@ -165,5 +165,105 @@ TEST(Simulated_scheduler, Block_hooks_run_before_a_thread_blocks_and_not_when_a_
     });
 }
 
+// How often two threads that read, then add atomically to, one count find that the other was there between.
+int updates_seen_between(bool switch_at_atomics)
+{
+    int seen = 0;
+    for (std::uint64_t seed = 1; seed <= 20; ++seed)
+        in_machine(
+            [&](Machine&) {
+                volatile LONG count = 0;
+                run_threads(2, [&](int) {
+                    for (int round = 0; round < 5; ++round) {
+                        const LONG read = count;
+                        seen += InterlockedIncrement(&count) != read + 1;
+                    }
+                });
+                EXPECT_EQ(count, 10);
+            },
+            {.seed = seed, .switch_at_atomics = switch_at_atomics});
+    return seen;
+}
+
+TEST(Simulated_scheduler, Atomic_operations_are_switching_points_when_asked_for)
+{
+    EXPECT_EQ(updates_seen_between(false), 0);
+    EXPECT_GT(updates_seen_between(true), 0);
+}
+
+TEST(Simulated_scheduler,
+     One_processor_switches_to_higher_priority_at_once_and_never_at_dispatch_level_or_lower)
+{
+    for (std::uint64_t seed = 1; seed <= 30; ++seed)
+        in_machine(
+            [](Machine& machine) {
+                KEVENT go;
+                KeInitializeEvent(&go, SynchronizationEvent, FALSE);
+                std::string log;
+                run_threads(3, [&](int index) {
+                    constexpr KPRIORITY priorities[] = {20, 10, 5};
+                    KeSetPriorityThread(KeGetCurrentThread(), priorities[index]);
+                    if (index == 0) {
+                        wait_ms(&go);
+                        log += 'H';
+                    } else if (index == 1) {
+                        machine.sleep_ms(1);
+                        const KIRQL old = KeRaiseIrqlToDpcLevel();
+                        KeSetEvent(&go, 0, FALSE);
+                        log += 'd';
+                        KeLowerIrql(old);
+                        log += 'p';
+                    } else {
+                        machine.sleep_ms(1);
+                        KeReadStateEvent(&go);
+                        log += 'L';
+                    }
+                });
+                EXPECT_TRUE(log == "dHpL" || log == "LdHp") << log;
+            },
+            {.seed = seed, .processors = 1});
+}
+
+TEST(Simulated_scheduler, Polling_for_what_cannot_run_is_told)
+{
+    for (const unsigned processors : {1u, 2u}) {
+        const std::string broken = broken_rule(
+            [](Machine&) {
+                KEVENT event;
+                KeInitializeEvent(&event, NotificationEvent, FALSE);
+                while (!KeReadStateEvent(&event))
+                    KeStallExecutionProcessor(10);
+            },
+            {.processors = processors});
+        EXPECT_NE(broken.find("polls without progress"), std::string::npos) << broken;
+    }
+}
+
+TEST(Simulated_scheduler, Waits_end_on_ticks_and_readings_are_those_of_the_last_tick)
+{
+    constexpr Ticks tick = 156'250;
+    in_machine(
+        [](Machine& machine) {
+            Scheduler& scheduler = machine.scheduler();
+            machine.sleep_ms(1);
+            EXPECT_EQ(scheduler.now(), tick);
+            machine.sleep_ms(16);
+            EXPECT_EQ(scheduler.now(), 3 * tick);
+            KEVENT due;
+            KeInitializeEvent(&due, NotificationEvent, FALSE);
+            scheduler.call_at(3 * tick + 5, [&] { KeSetEvent(&due, 0, FALSE); });
+            EXPECT_EQ(wait_ms(&due), STATUS_SUCCESS);
+            EXPECT_EQ(scheduler.now(), 3 * tick + 5) << "what is signalled wakes without a tick";
+            EXPECT_EQ(KeQueryInterruptTime(), 3u * tick);
+            LARGE_INTEGER before, after;
+            KeQuerySystemTime(&before);
+            machine.sleep_ms(1);
+            KeQuerySystemTime(&after);
+            EXPECT_EQ(after.QuadPart - before.QuadPart, tick);
+            EXPECT_EQ(scheduler.now(), 4 * tick);
+        },
+        {.clock_tick_100ns = tick});
+}
+
 }  // namespace
 }  // namespace machine::test
