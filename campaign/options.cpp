@@ -51,6 +51,8 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
         ->check(CLI::Range(1, 86'400))
         ->capture_default_str();
     app.add_flag("--seed-log", options.seed_log, "Print what every seed draws and meets");
+    app.add_flag("--plain-atomics", options.plain_atomics,
+                 "No thread switches at atomic operations: a seed runs as with a qrndisk.sys");
     app.add_option("--canary", options.canary, "Plant a fault in the servers that must be found")
         ->transform(CLI::CheckedTransformer(canaries));
     app.add_flag("--expect-failure", options.expect_failure,
@@ -78,6 +80,8 @@ std::string replay_arguments(const Options& options)
     std::string text;
     if (options.driver != "builtin")
         text += " --driver " + options.driver;
+    if (options.plain_atomics)
+        text += " --plain-atomics";
     for (const auto& [name, kind] : canaries)
         if (kind == options.canary)
             text += " --canary " + name;

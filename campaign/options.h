@@ -20,6 +20,7 @@ struct Options {
     unsigned seed_timeout_s = 120;
     bool seed_log = false;
     bool expect_failure = false;
+    bool plain_atomics = false;  // no thread switches at atomic operations, as with a driver file
     CanaryKind canary = CanaryKind::none;
 };
 

@@ -120,6 +120,14 @@ machine::NetworkQuality draw_network(Stream& stream)
     return quality;
 }
 
+void draw_processors(Stream& stream, Plan& plan)
+{
+    constexpr machine::Ticks ticks[] = {0, 10 * ticks_per_ms, 156'250};
+    plan.processors = stream.chance(0.4) ? 1 : 2;
+    plan.clock_tick_100ns = stream.one_of(ticks);
+    plan.switch_at_atomics = stream.chance(0.5);
+}
+
 LoadPlan draw_load(Stream& stream, bool wide)
 {
     if (wide)  // enough to use the blocks behind the last window
@@ -234,7 +242,7 @@ Plan draw_plan(std::uint64_t seed)
 {
     Stream general(seed, "general"), disks(seed, "disks"), settings(seed, "settings"), memory(seed, "memory"),
         local(seed, "local disk"), network(seed, "network quality"), load(seed, "load"),
-        port(seed, "port driver");
+        port(seed, "port driver"), processors(seed, "processors");
     constexpr std::uint32_t modes[] = {0, 0, 0, 0, 0, 7, 7, 7, 7, 1};
     Plan plan{};
     plan.seed = seed;
@@ -247,6 +255,7 @@ Plan draw_plan(std::uint64_t seed)
     plan.pae = general.chance(0.5);
     plan.feeding = port.chance(0.5) ? machine::Feeding::held_back : machine::Feeding::eager;
     plan.curious_class_driver = port.chance(0.5);
+    draw_processors(processors, plan);
     for (unsigned count = general.between(1, formats::disk_count_max); count != 0; --count)
         plan.disks.push_back(draw_disk(disks, plan.disks.empty()));
     const bool wide = widen(disks, plan.disks);

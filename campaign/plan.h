@@ -101,6 +101,9 @@ struct Plan {
     bool reset_ports_work;
     machine::Feeding feeding;
     bool curious_class_driver;
+    unsigned processors;
+    machine::Ticks clock_tick_100ns;
+    bool switch_at_atomics;  // by the linked driver
     std::vector<DiskPlan> disks;
     std::map<std::string, std::uint32_t> settings;  // of the service key
     bool pae;                                       // the system says that it uses long addresses

@@ -79,6 +79,8 @@ std::string to_text(const Plan& plan)
                     plan.pae ? ", long addresses" : "", plan.reset_ports_work ? "" : ", reset ports dead",
                     plan.feeding == machine::Feeding::held_back ? ", fed one at a time" : "",
                     plan.curious_class_driver ? ", curious class driver" : "");
+    text += fmt::format("processors: {}, clock tick {} ms{}\n", plan.processors == 1 ? "one" : "many",
+                        ms(plan.clock_tick_100ns), plan.switch_at_atomics ? ", switches at atomics" : "");
     for (unsigned lun = 0; lun < plan.disks.size(); ++lun)
         text += text_of(plan, lun);
     for (const auto& [name, value] : plan.settings)

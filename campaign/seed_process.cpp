@@ -21,7 +21,7 @@ namespace {
     dup2(output, STDERR_FILENO);
     close(output);
     try {
-        run_seed(seed, options.driver, options.canary);
+        run_seed(seed, options);
     } catch (const std::exception& error) {
         fail(error.what());
     }

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <optional>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -133,13 +134,16 @@ void count_servers(World& world)
 
 }  // namespace
 
-void run_seed(std::uint64_t seed, const std::string& driver_name, CanaryKind canary)
+void run_seed(std::uint64_t seed, const Options& options)
 {
-    World world(draw_plan(seed), canary);
+    Plan plan = draw_plan(seed);
+    if (options.plain_atomics)
+        plan.switch_at_atomics = false;
+    World world(std::move(plan), options.canary);
     std::printf("%s", to_text(world.plan).c_str());
     std::fflush(stdout);
     machine::set_violation_handler([](const std::string& message) { fail("rule broken: " + message); });
-    const auto driver = machine::driver_named(driver_name);
+    const auto driver = machine::driver_named(options.driver);
     std::optional<ImageVersions> images;
     if (world.plan.boots_locally())
         images.emplace(world);

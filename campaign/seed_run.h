@@ -4,13 +4,12 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
-#include "campaign/canary.h"
+#include "campaign/options.h"
 
 namespace campaign {
 
 // The last lines that it prints: "met: COUNT NAME" for each thing met, "simulated: SECONDS", "events: HASH".
-void run_seed(std::uint64_t seed, const std::string& driver, CanaryKind canary);
+void run_seed(std::uint64_t seed, const Options& options);
 
 }  // namespace campaign

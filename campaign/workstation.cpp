@@ -31,6 +31,9 @@ machine::MachineConfig machine_config(const Plan& plan, unsigned number)
     config.reset_ports_work = plan.reset_ports_work;
     config.feeding = plan.feeding;
     config.curious_class_driver = plan.curious_class_driver;
+    config.processors = plan.processors;
+    config.clock_tick_100ns = plan.clock_tick_100ns;
+    config.switch_at_atomics = plan.switch_at_atomics;
     return config;
 }
 

@@ -6,7 +6,7 @@ set -eu
 
 events()
 {
-    "$campaign" --seeds 8 --jobs 1 --seed-log --driver "$1" | grep '^events: '
+    "$campaign" --seeds 8 --jobs 1 --seed-log --plain-atomics --driver "$1" | grep '^events: '
 }
 
 campaign=$1
