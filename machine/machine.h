@@ -62,6 +62,9 @@ struct MachineConfig {
     std::vector<MemoryRange> unanswered_ranges = {};
     // How many bytes of memory windows can be open at once; a mapping beyond fails. 0: what the process can.
     std::uint64_t window_bytes_max = 0;
+    // What a driver's blocks of non-paged pool may have together; a system with 512 MB sets itself about so
+    // much.
+    std::uint64_t nonpaged_pool_bytes_max = 128 * 1024 * 1024;
     // The system itself addresses memory above 4 GB (Mm64BitPhysicalAddress).
     bool mm64bit = false;
     // The BIOS data area's count of base memory, in KB.

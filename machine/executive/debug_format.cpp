@@ -189,10 +189,12 @@ private:
     {
         const int value = va_arg(arguments_, int);
         std::string character;
-        if (is_wide(conversion))
+        if (is_wide(conversion)) {
+            check_translates();
             append_utf8(character, static_cast<char16_t>(value));
-        else
+        } else {
             character = static_cast<char>(value);
+        }
         pad(conversion, character);
     }
 
@@ -204,7 +206,7 @@ private:
         if (!string)
             pad(conversion, std::string("(null)").substr(0, most));
         else if (is_wide(conversion))
-            pad(conversion, narrow(bounded(static_cast<const char16_t*>(string), most)));
+            pad(conversion, translated(bounded(static_cast<const char16_t*>(string), most)));
         else
             pad(conversion, bounded(static_cast<const char*>(string), most));
     }
@@ -217,9 +219,18 @@ private:
         if (!string || !bytes->Buffer)
             pad(conversion, "(null)");
         else if (conversion.size == Conversion::Size::wide)
-            pad(conversion, narrow(text_of(*wide)));
+            pad(conversion, translated(text_of(*wide)));
         else
             pad(conversion, {bytes->Buffer, bytes->Length});
+    }
+
+    // The tables that wide characters are translated with lie in paged memory.
+    static void check_translates() { enter_at_most(PASSIVE_LEVEL, "DbgPrint with wide characters"); }
+
+    static std::string translated(const std::u16string& text)
+    {
+        check_translates();
+        return narrow(text);
     }
 
     // %S and %C turn the size round; h means bytes in both.

@@ -81,6 +81,20 @@ void check_may_wait(const Thread& thread, const char* routine)
     check_no_lock_held(thread, "while its owner waits");
 }
 
+// In a wait in user mode the thread's kernel stack can be paged out, with whatever others are given of it.
+void check_mode(KPROCESSOR_MODE mode, const char* routine)
+{
+    if (mode != KernelMode)
+        violation(std::string(routine) + " in user mode");
+}
+
+// A caller that promises to wait next comes back at raised IRQL with the dispatcher lock held.
+void check_no_wait_follows(BOOLEAN wait, const char* routine)
+{
+    if (wait)
+        violation(std::string(routine) + " with Wait set: the machine has no wait that follows at once");
+}
+
 // The time at which a wait ends; interval as the kernel takes it: negative relative, else absolute.
 Ticks deadline_of(LONGLONG interval)
 {
@@ -123,9 +137,10 @@ VOID NTAPI KeInitializeEvent(PRKEVENT event, EVENT_TYPE type, BOOLEAN state)
     InitializeListHead(&event->Header.WaitListHead);
 }
 
-LONG NTAPI KeSetEvent(PRKEVENT event, KPRIORITY, BOOLEAN)
+LONG NTAPI KeSetEvent(PRKEVENT event, KPRIORITY, BOOLEAN wait)
 {
     enter_at_most(DISPATCH_LEVEL, "KeSetEvent");
+    check_no_wait_follows(wait, "KeSetEvent");
     check_event(event, "KeSetEvent");
     LONG old;
     {
@@ -174,9 +189,10 @@ VOID NTAPI KeInitializeSemaphore(PRKSEMAPHORE object, LONG count, LONG limit)
     InitializeListHead(&object->Header.WaitListHead);
 }
 
-LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE object, KPRIORITY, LONG adjustment, BOOLEAN)
+LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE object, KPRIORITY, LONG adjustment, BOOLEAN wait)
 {
     Thread& caller = enter_at_most(DISPATCH_LEVEL, "KeReleaseSemaphore");
+    check_no_wait_follows(wait, "KeReleaseSemaphore");
     if (!object || object->Header.Type != semaphore)
         bad_object("KeReleaseSemaphore");
     LONG old;
@@ -206,10 +222,11 @@ LONG NTAPI KeReadStateSemaphore(PRKSEMAPHORE object)
     return *const_cast<volatile LONG*>(&object->Header.SignalState);
 }
 
-NTSTATUS NTAPI KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN,
+NTSTATUS NTAPI KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPROCESSOR_MODE mode, BOOLEAN,
                                      PLARGE_INTEGER timeout)
 {
     Thread& caller = enter_at_most(DISPATCH_LEVEL, "KeWaitForSingleObject");
+    check_mode(mode, "KeWaitForSingleObject");
     auto* header = static_cast<DISPATCHER_HEADER*>(object);
     if (!header ||
         (header->Type > synchronization_event && header->Type != semaphore && header->Type != thread) ||
@@ -239,9 +256,10 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPROCESSOR_MODE
     return STATUS_TIMEOUT;
 }
 
-NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER interval)
+NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE mode, BOOLEAN, PLARGE_INTEGER interval)
 {
     Thread& caller = enter_at_most(APC_LEVEL, "KeDelayExecutionThread");
+    check_mode(mode, "KeDelayExecutionThread");
     check_may_wait(caller, "KeDelayExecutionThread");
     scheduler().preemption_point();
     DispatcherLock lock;

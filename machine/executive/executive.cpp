@@ -49,7 +49,8 @@ ExecutiveState::ExecutiveState(const MachineConfig& machine_config)
                                             ? make_real_scheduler()
                                             : make_simulated_scheduler(config.seed, config.processors)),
       boot_time(boot_time_of(config)), memory(memory_layout(config)), page_lists(memory, config.strict),
-      faults(config.seed), ports(config.reset_ports_work), pool(config.strict), system(config.strict)
+      faults(config.seed), ports(config.reset_ports_work),
+      pool(config.strict, config.nonpaged_pool_bytes_max), system(config.strict, UINT64_MAX)
 {
     strict_checks = config.strict;
     nt_switches_at_atomics = config.switch_at_atomics && scheduler->simulated();

@@ -11,6 +11,7 @@
 #include <nt.h>
 
 #include "machine/executive/device_names.h"
+#include "machine/executive/irp_calls.h"
 #include "machine/executive/objects.h"
 #include "machine/executive/page_lists.h"
 #include "machine/executive/pool.h"
@@ -45,6 +46,7 @@ struct ExecutiveState {
     Pool system;  // what the executive allocates for itself: IRPs, device and file objects
     Objects objects;
     DeviceNames names;
+    IrpCalls irp_calls;
 
     std::mutex reinitializations_lock;
     std::vector<Reinitialization> reinitializations;

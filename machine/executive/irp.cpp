@@ -61,6 +61,16 @@ NTSTATUS dispatch(PDEVICE_OBJECT device, PIRP irp, const IO_STACK_LOCATION& loca
     return routine ? routine(device, irp) : refuse(irp, STATUS_INVALID_DEVICE_REQUEST);
 }
 
+NTSTATUS watched_dispatch(PDEVICE_OBJECT device, PIRP irp, const IO_STACK_LOCATION& location)
+{
+    IrpCalls& calls = executive().irp_calls;
+    IrpCalls::Call call;
+    calls.begin(&location, call);
+    const NTSTATUS status = dispatch(device, irp, location);
+    calls.end(&location, call, status);
+    return status;
+}
+
 // Whether a completion routine wants to see this end of the request.
 bool routine_invoked(const IRP& irp, UCHAR control)
 {
@@ -130,13 +140,18 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT device, PIRP irp)
 {
     const Thread& thread = enter_at_most(DISPATCH_LEVEL, "IofCallDriver");
     check_irp(irp, "IofCallDriver");
+    // Its end is told to the thread that made it, which takes it at PASSIVE_LEVEL only.
+    if ((irp->AllocationFlags & irp_is_ours) && thread.irql > PASSIVE_LEVEL)
+        violation("IofCallDriver at IRQL " + std::to_string(thread.irql) +
+                  " with an IRP that belongs to a thread, allowed at PASSIVE_LEVEL only");
     if (irp->CurrentLocation <= 1)
         violation("IofCallDriver: the IRP has no stack location left, or is under way already");
     --irp->CurrentLocation;
     IO_STACK_LOCATION& location = *--irp->Tail.Overlay.CurrentStackLocation;
     location.DeviceObject = device;
     const KIRQL irql = thread.irql;
-    const NTSTATUS status = dispatch(device, irp, location);
+    const NTSTATUS status =
+        strict_checks ? watched_dispatch(device, irp, location) : dispatch(device, irp, location);
     if (thread.irql != irql)
         violation("a dispatch routine called at IRQL " + std::to_string(irql) + " returned at IRQL " +
                   std::to_string(thread.irql));
@@ -154,6 +169,8 @@ VOID FASTCALL IofCompleteRequest(PIRP irp, CCHAR)
 
     while (under_way(irp)) {
         IO_STACK_LOCATION& done = *irp->Tail.Overlay.CurrentStackLocation;
+        if (strict_checks)
+            executive().irp_calls.complete(&done);
         ++irp->CurrentLocation;
         ++irp->Tail.Overlay.CurrentStackLocation;
         const UCHAR control = done.Control;

@@ -33,7 +33,6 @@ std::string tag_text(std::uint32_t tag)
 struct Pool::Block {
     std::size_t bytes;
     std::uint32_t tag;
-    std::uint64_t unused;  // the payload behind the header is aligned to 16 bytes
     std::uint8_t guard[guard_bytes];
 
     std::uint8_t* payload() { return reinterpret_cast<std::uint8_t*>(this + 1); }
@@ -76,16 +75,21 @@ Pool::~Pool()
 
 void* Pool::allocate(std::size_t bytes, std::uint32_t tag)
 {
-    static_assert(sizeof(Block) % 8 == 0);
+    static_assert(sizeof(Block) % 16 == 8, "blocks of malloc are aligned to 16 bytes");
     if (forbidden_)
         violation("the data path allocates: " + std::to_string(bytes) + " bytes, tag \"" + tag_text(tag) +
                   '"');
     if (bytes > SIZE_MAX - sizeof(Block) - guard_bytes)
         return nullptr;
-    void* memory = std::malloc(sizeof(Block) + bytes + guard_bytes);
-    if (!memory)
+    if (!reserve(bytes))
         return nullptr;
-    auto* block = new (memory) Block{.bytes = bytes, .tag = tag, .unused = 0, .guard = {}};
+    void* memory = std::malloc(sizeof(Block) + bytes + guard_bytes);
+    if (!memory) {
+        std::lock_guard guard(lock_);
+        live_bytes_ -= bytes;
+        return nullptr;
+    }
+    auto* block = new (memory) Block{.bytes = bytes, .tag = tag, .guard = {}};
     std::memset(block->guard, guard_byte, guard_bytes);
     if (strict_)
         std::memset(block->payload(), fresh_byte, bytes);
@@ -94,6 +98,15 @@ void* Pool::allocate(std::size_t bytes, std::uint32_t tag)
     live_.insert(block);
     bytes_by_tag_[tag] += bytes;
     return block->payload();
+}
+
+bool Pool::reserve(std::size_t bytes)
+{
+    std::lock_guard guard(lock_);
+    if (bytes > bytes_max_ || live_bytes_ > bytes_max_ - bytes)
+        return false;
+    live_bytes_ += bytes;
+    return true;
 }
 
 void Pool::free(void* payload, std::uint32_t tag)
@@ -107,6 +120,7 @@ void Pool::free(void* payload, std::uint32_t tag)
             violation(twice ? block->name() + " is freed twice" : "memory is freed that is no pool block");
         }
         bytes_by_tag_[block->tag] -= block->bytes;
+        live_bytes_ -= block->bytes;
     }
     block->check_live();
     if (tag && tag != block->tag)

@@ -24,12 +24,14 @@ struct PoolUse {
 
 class Pool {
 public:
-    explicit Pool(bool strict) : strict_(strict) {}
+    // bytes_max: what all live blocks may have together.
+    Pool(bool strict, std::uint64_t bytes_max) : strict_(strict), bytes_max_(bytes_max) {}
     ~Pool();
     Pool(const Pool&) = delete;
     Pool& operator=(const Pool&) = delete;
 
-    // 8-byte aligned; null when the host has no memory left.
+    // Aligned to 8 bytes and, when strict, never to 16. Null when the limit is reached or the host has no
+    // memory left.
     void* allocate(std::size_t bytes, std::uint32_t tag);
     // tag 0: any.
     void free(void* block, std::uint32_t tag);
@@ -47,13 +49,16 @@ public:
 
 private:
     struct Block;
+    bool reserve(std::size_t bytes);
     void quarantine(Block* block);
 
     const bool strict_;
+    const std::uint64_t bytes_max_;
     std::atomic<bool> forbidden_ = false;
     mutable std::mutex lock_;
     std::unordered_set<Block*> live_;
     std::map<std::uint32_t, std::uint64_t> bytes_by_tag_;
+    std::uint64_t live_bytes_ = 0;
     std::deque<Block*> freed_;
     std::size_t freed_bytes_ = 0;
 };

@@ -52,5 +52,27 @@ TEST(Debug_print, Nothing_is_read_behind_a_precision_or_printed_behind_512_bytes
     });
 }
 
+TEST(Debug_print, Wide_characters_are_translated_at_passive_level_only)
+{
+    in_machine([](Machine&) {
+        KeRaiseIrqlToDpcLevel();
+        EXPECT_EQ(printed("%s %hS %c %d", "text", "bytes", 'x', 5), "text bytes x 5");
+        KeLowerIrql(PASSIVE_LEVEL);
+    });
+    static UNICODE_STRING counted_text = counted(L"text");
+    const auto at = [](KIRQL irql, const char* format, auto value) {
+        return [=](Machine&) {
+            KfRaiseIrql(irql);
+            DbgPrint(format, value);
+        };
+    };
+    expect_breaks({
+        {"string", at(DISPATCH_LEVEL, "%ws", L"text"), "DbgPrint with wide characters at IRQL 2"},
+        {"capital", at(APC_LEVEL, "%S", L"text"), "DbgPrint with wide characters at IRQL 1"},
+        {"counted", at(DISPATCH_LEVEL, "%wZ", &counted_text), "DbgPrint with wide characters"},
+        {"character", at(DISPATCH_LEVEL, "%wc", 'x'), "DbgPrint with wide characters"},
+    });
+}
+
 }  // namespace
 }  // namespace machine::test

@@ -24,6 +24,7 @@ public:
     }
 
     PDEVICE_OBJECT device() { return device_; }
+    void replace(Dispatch dispatch) { dispatch_ = std::move(dispatch); }
 
 private:
     static NTSTATUS NTAPI call(PDEVICE_OBJECT device, PIRP irp)
@@ -184,6 +185,12 @@ TEST(Irp, Misuse_is_reported)
         return STATUS_PENDING;
     };
     const auto finish = [](PDEVICE_OBJECT, PIRP irp) { return complete(irp, STATUS_SUCCESS); };
+    // Completes its IRP on a timer.
+    const auto later = [](PIRP irp) {
+        Scheduler& scheduler = Machine::current().scheduler();
+        scheduler.call_at(scheduler.now() + 1, [irp] { complete(irp, STATUS_SUCCESS); });
+    };
+    const auto wait_long = [](TestDriver&, PIRP) { Machine::current().sleep_ms(1); };
     // Sends an IRP to a driver that handles it so, and does the rest.
     const auto sent = [](TestDriver::Dispatch dispatch, std::function<void(TestDriver&, PIRP)> rest,
                          PIO_COMPLETION_ROUTINE routine = keep) {
@@ -212,6 +219,66 @@ TEST(Irp, Misuse_is_reported)
          sent(
              finish, [](TestDriver&, PIRP) {}, nullptr),
          "must return STATUS_MORE_PROCESSING_REQUIRED"},
+        {"marked, and not said to be pending",
+         sent(
+             [](PDEVICE_OBJECT, PIRP irp) {
+                 IoMarkIrpPending(irp);
+                 return STATUS_SUCCESS;
+             },
+             [](TestDriver&, PIRP) {}),
+         "marked its IRP pending and did not return STATUS_PENDING"},
+        {"marked, complete, and not said to be pending",
+         sent(
+             [](PDEVICE_OBJECT, PIRP irp) {
+                 IoMarkIrpPending(irp);
+                 return complete(irp, STATUS_SUCCESS);
+             },
+             [](TestDriver&, PIRP) {}),
+         "marked its IRP pending and did not return STATUS_PENDING"},
+        {"complete before it is said to be pending without a mark",
+         sent(
+             [](PDEVICE_OBJECT, PIRP irp) {
+                 complete(irp, STATUS_SUCCESS);
+                 return STATUS_PENDING;
+             },
+             [](TestDriver&, PIRP) {}),
+         "returned STATUS_PENDING for an IRP that it did not mark pending"},
+        {"said to be pending without a mark",
+         sent(
+             [=](PDEVICE_OBJECT, PIRP irp) {
+                 later(irp);
+                 return STATUS_PENDING;
+             },
+             wait_long),
+         "returned STATUS_PENDING for an IRP that it did not mark pending"},
+        {"a mark that the driver above does not pass on",
+         [](Machine&) {
+             Stack stack;
+             stack.bottom_dispatch = [](PDEVICE_OBJECT, PIRP irp) {
+                 IoMarkIrpPending(irp);
+                 complete(irp, STATUS_SUCCESS);
+                 return STATUS_PENDING;
+             };
+             stack.top.replace([&](PDEVICE_OBJECT, PIRP irp) {
+                 Stack::pass(irp, stack.middle, stack.top_level, Flags());
+                 return STATUS_SUCCESS;
+             });
+             stack.send(IoAllocateIrp(3, FALSE));
+         },
+         "marked its IRP pending and did not return STATUS_PENDING"},
+        {"a thread's own request at raised IRQL",
+         [=](Machine&) {
+             TestDriver driver(finish);
+             KEVENT event;
+             IO_STATUS_BLOCK result;
+             KeInitializeEvent(&event, NotificationEvent, FALSE);
+             PIRP irp = IoBuildDeviceIoControlRequest(CTL_CODE(FILE_DEVICE_UNKNOWN, 1, METHOD_BUFFERED, 0),
+                                                      driver.device(), nullptr, 0, nullptr, 0, FALSE, &event,
+                                                      &result);
+             KfRaiseIrql(APC_LEVEL);
+             IoCallDriver(driver.device(), irp);
+         },
+         "IofCallDriver at IRQL 1 with an IRP that belongs to a thread"},
         {"IRQL",
          sent(
              [](PDEVICE_OBJECT, PIRP irp) {

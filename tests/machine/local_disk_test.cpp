@@ -347,9 +347,11 @@ TEST(LocalDisk, Misuse_is_reported)
         };
     };
     const auto send = [](PDEVICE_OBJECT device, PIRP irp) { IoCallDriver(device, irp); };
-    const auto send_high = [=](PDEVICE_OBJECT device, PIRP irp) {
+    const auto send_high = [=](PDEVICE_OBJECT device, PIRP) {
+        PIRP nobodys = IoAllocateIrp(device->StackSize, FALSE);
+        IoGetNextIrpStackLocation(nobodys)->MajorFunction = IRP_MJ_READ;
         KeRaiseIrqlToDpcLevel();
-        send(device, irp);
+        send(device, nobodys);
     };
     const auto lengthen = [=](PDEVICE_OBJECT device, PIRP irp) {
         IoGetNextIrpStackLocation(irp)->Parameters.Read.Length = 1024;

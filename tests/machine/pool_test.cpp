@@ -18,16 +18,33 @@ TEST(Pool, Blocks_are_aligned_filled_and_counted_by_tag)
     in_machine([](Machine& machine) {
         UCHAR* small = allocate(13);
         UCHAR* large = allocate(70'000);
-        EXPECT_EQ(reinterpret_cast<ULONG_PTR>(small) % 8, 0u);
+        for (UCHAR* block : {small, large, allocate(1), allocate(4096)})
+            EXPECT_EQ(reinterpret_cast<ULONG_PTR>(block) % 16, 8u);
         EXPECT_NE(small[0], 0);
         EXPECT_NE(large[69'999], 0);
-        EXPECT_EQ(machine.pool_bytes("QRNM"), 70'013u);
+        EXPECT_EQ(machine.pool_bytes("QRNM"), 74'110u);
         std::memset(small, 7, 13);
         ExFreePool(small);
         EXPECT_NE(small[0], 7);
         ExFreePoolWithTag(large, tag);
-        EXPECT_EQ(machine.pool_bytes("QRNM"), 0u);
+        EXPECT_EQ(machine.pool_bytes("QRNM"), 4097u);
     });
+}
+
+TEST(Pool, Non_paged_pool_ends_at_its_limit)
+{
+    in_machine(
+        [](Machine&) {
+            UCHAR* first = allocate(600'000);
+            ASSERT_NE(first, nullptr);
+            EXPECT_EQ(allocate(400'001), nullptr);
+            EXPECT_EQ(allocate(SIZE_MAX - 64), nullptr);
+            EXPECT_NE(allocate(400'000), nullptr);
+            EXPECT_EQ(allocate(1), nullptr);
+            ExFreePool(first);
+            EXPECT_NE(allocate(600'000), nullptr);
+        },
+        {.nonpaged_pool_bytes_max = 1'000'000});
 }
 
 TEST(Pool, Misuse_is_reported)

@@ -141,6 +141,31 @@ TEST(Waits, Rules_of_waiting_are_enforced)
              machine.sleep_ms(1);
          },
          "a spin lock is held"},
+        {"a wait in user mode",
+         [](Machine&) {
+             KeInitializeEvent(&event, SynchronizationEvent, TRUE);
+             KeWaitForSingleObject(&event, UserRequest, UserMode, FALSE, nullptr);
+         },
+         "KeWaitForSingleObject in user mode"},
+        {"a delay in user mode",
+         [](Machine&) {
+             LARGE_INTEGER interval{};
+             KeDelayExecutionThread(UserMode, FALSE, &interval);
+         },
+         "KeDelayExecutionThread in user mode"},
+        {"an event set with Wait",
+         [](Machine&) {
+             KeInitializeEvent(&event, SynchronizationEvent, FALSE);
+             KeSetEvent(&event, IO_NO_INCREMENT, TRUE);
+         },
+         "KeSetEvent with Wait set"},
+        {"a semaphore released with Wait",
+         [](Machine&) {
+             KSEMAPHORE semaphore;
+             KeInitializeSemaphore(&semaphore, 1, 2);
+             KeReleaseSemaphore(&semaphore, 0, 1, TRUE);
+         },
+         "KeReleaseSemaphore with Wait set"},
         {"a semaphore over its limit",
          [](Machine&) {
              KSEMAPHORE semaphore;
