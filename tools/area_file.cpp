@@ -5,8 +5,8 @@
 
 namespace image_tool {
 
-AreaFile::AreaFile(const std::string& name)
-    : name_(name), file_(name_.path), place_(find_area(file_, name_)),
+AreaFile::AreaFile(const std::string& name, InUse in_use)
+    : name_(name), file_(name_.path), is_in_use_(!file_.lock(in_use)), place_(find_area(file_, name_)),
       sectors_(static_cast<std::uint32_t>(
           std::min<std::uint64_t>(place_.size_bytes / formats::sector_bytes, UINT32_MAX)))
 {

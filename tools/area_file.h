@@ -14,11 +14,13 @@ namespace image_tool {
 class AreaFile {
 public:
     // Throws ToolError when the file cannot be opened or has no such partition.
-    explicit AreaFile(const std::string& name);
+    explicit AreaFile(const std::string& name, InUse in_use = InUse::refuse);
 
     const std::string& name() const { return name_.text; }
     const AreaPlace& place() const { return place_; }
     const InputFile& file() const { return file_; }
+    // Whether another program may be writing to it.
+    bool is_in_use() const { return is_in_use_; }
     // Whole sectors, at most as many as 32 bits can number.
     std::uint32_t sectors() const { return sectors_; }
 
@@ -38,6 +40,7 @@ public:
 private:
     AreaName name_;
     InputFile file_;
+    bool is_in_use_;
     AreaPlace place_;
     std::uint32_t sectors_;
 };

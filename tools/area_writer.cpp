@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "tools/area_writer.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 #include "tools/errors.h"
@@ -20,23 +22,26 @@ AreaWriter::AreaWriter(OutputFile& file, std::uint32_t disk_sectors, std::uint32
     sector_[0] = allocate(map_block_sectors);
 }
 
-void AreaWriter::add(std::uint32_t chunk, unsigned present_sectors, std::span<const std::byte> data)
+void AreaWriter::add(std::uint32_t chunk, std::uint32_t tag, std::span<const std::byte> data)
 {
+    const std::uint64_t left = header_.Size.get() - std::uint64_t{chunk} * chunk_sectors;
+    const auto present_sectors = static_cast<unsigned>(std::min<std::uint64_t>(left, chunk_sectors));
     enter(chunk_key(0, std::uint64_t{chunk} * chunk_sectors));
     Entry_64K& entry = leaf_.Chunk[leaf_index(key_)];
     entry.Data_Sec.set(allocate(chunk_sectors));
-    entry.ModifyTag.set(header_.ModifyTag.get());
+    entry.ModifyTag.set(tag);
     for (unsigned i = 0; i < present_sectors; ++i)
         entry.SecFlag[i / 8] = static_cast<std::uint8_t>(entry.SecFlag[i / 8] | 1 << i % 8);
     file_.write(std::uint64_t{entry.Data_Sec.get()} * sector_bytes, data);
 }
 
-void AreaWriter::finish(std::uint64_t create_time)
+void AreaWriter::finish(std::uint64_t create_time, std::uint64_t modify_time, std::uint64_t previous_time)
 {
     for (unsigned level = 0; level < sector_.size(); ++level)
         close(level);
     header_.CreateTime.set(create_time);
-    header_.Modify_Time.set(create_time);
+    header_.Modify_Time.set(modify_time);
+    header_.Prev_Time.set(previous_time);
     header_.ChkSum.set(image_checksum(&header_));
     write(0, header_);
 }

@@ -14,15 +14,15 @@ namespace image_tool {
 
 class AreaWriter {
 public:
-    // Sizes in sectors; the area may not become larger than the limit.
+    // Sizes in sectors; the area may not become larger than the limit. The tag is the image's.
     AreaWriter(OutputFile& file, std::uint32_t disk_sectors, std::uint32_t limit_sectors,
                std::uint32_t modify_tag);
 
-    // A chunk of LUN 0 with its first sectors present. Chunks come in ascending order. Throws ToolError
+    // A chunk of LUN 0, present as far as the disk goes. Chunks come in ascending order. Throws ToolError
     // when there is no room left.
-    void add(std::uint32_t chunk, unsigned present_sectors, std::span<const std::byte> data);
-    // Writes what is still open, the header last.
-    void finish(std::uint64_t create_time);
+    void add(std::uint32_t chunk, std::uint32_t tag, std::span<const std::byte> data);
+    // Writes what is still open, the header last. An image that was never changed has no time before.
+    void finish(std::uint64_t create_time, std::uint64_t modify_time, std::uint64_t previous_time = 0);
 
     std::uint32_t used_sectors() const { return header_.Used.get(); }
 

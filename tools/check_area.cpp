@@ -7,24 +7,32 @@
 
 namespace image_tool {
 
-int check_area(const Options& options, std::FILE* out)
+int check_area(const Options& options, Report& report)
 {
-    const Findings found = verify(AreaFile(options.area));
+    const Findings found = verify(AreaFile(options.area, options.in_use));
+    Json faults = Json::array();
     for (const Findings::Kind& kind : found.faults()) {
         for (const std::string& what : kind.first)
-            fmt::print(out, "fault: {}: {}\n", kind.name, what);
+            report.print("fault: {}: {}\n", kind.name, what);
         if (kind.count > kind.first.size())
-            fmt::print(out, "fault: {}: and {} more\n", kind.name, kind.count - kind.first.size());
+            report.print("fault: {}: and {} more\n", kind.name, kind.count - kind.first.size());
+        faults.push_back({{"kind", kind.name}, {"count", kind.count}, {"first", kind.first}});
     }
     for (const std::string& remark : found.remarks())
-        fmt::print(out, "remark: {}\n", remark);
-    if (found.fault_count() != 0) {
-        fmt::print(out, "{}: {} faults\n", options.area, found.fault_count());
-        return 1;
-    }
-    fmt::print(out, "{}: clean, {} chunks with {} sectors under {} map blocks\n", options.area, found.chunks,
-               found.sectors, found.map_blocks);
-    return 0;
+        report.print("remark: {}\n", remark);
+    if (found.fault_count() != 0)
+        report.print("{}: {} faults\n", options.area, found.fault_count());
+    else
+        report.print("{}: clean, {} chunks with {} sectors under {} map blocks\n", options.area, found.chunks,
+                     found.sectors, found.map_blocks);
+    report["area"] = options.area;
+    report["fault_count"] = found.fault_count();
+    report["faults"] = std::move(faults);
+    report["remarks"] = found.remarks();
+    report["chunks"] = found.chunks;
+    report["sectors"] = found.sectors;
+    report["map_blocks"] = found.map_blocks;
+    return found.fault_count() != 0 ? 1 : 0;
 }
 
 }  // namespace image_tool

@@ -11,7 +11,7 @@ namespace image_tool {
 
 using namespace formats;
 
-ImageArea::ImageArea(const std::string& name) : file_(name)
+ImageArea::ImageArea(const std::string& name, InUse in_use) : file_(name, in_use)
 {
     if (!file_.read(0, header_) || !is_image_header(header_))
         throw DamagedArea(name + ": not an image area (no header)");

@@ -21,7 +21,7 @@ constexpr std::uint32_t chunk_count(std::uint32_t size_sectors)
 class ImageArea {
 public:
     // Throws DamagedArea when the driver would not take the header, or the root table is cut off.
-    explicit ImageArea(const std::string& name);
+    explicit ImageArea(const std::string& name, InUse in_use = InUse::refuse);
 
     const AreaFile& file() const { return file_; }
     const formats::ImageHeader& header() const { return header_; }

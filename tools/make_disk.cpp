@@ -6,26 +6,13 @@
 #include "tools/commands.h"
 #include "tools/errors.h"
 #include "tools/output_file.h"
+#include "tools/partition_size.h"
 
 namespace image_tool {
 
 using namespace formats;
 
 namespace {
-
-// Partitions start on whole megabytes, as everywhere.
-constexpr std::uint64_t alignment_sectors = (1 << 20) / sector_bytes;
-// Header, root table, one chunk and the map blocks above it.
-constexpr std::uint64_t area_sectors_min = first_block_sector + 3 * map_block_sectors + chunk_sectors;
-
-std::uint64_t sectors(const char* option, std::uint64_t bytes)
-{
-    if (bytes % sector_bytes != 0)
-        throw ToolError(fmt::format("{}: {} bytes are no whole sectors of 512", option, bytes));
-    if (bytes / sector_bytes > UINT32_MAX)
-        throw ToolError(fmt::format("{}: a partition table cannot describe more than 2 TB", option));
-    return bytes / sector_bytes;
-}
 
 class Table {
 public:
@@ -38,10 +25,7 @@ public:
     {
         if (bytes == 0)
             return;
-        const std::uint64_t count = sectors(option, bytes);
-        if (count < area_sectors_min)
-            throw ToolError(fmt::format("{}: an image area has at least {} bytes", option,
-                                        area_sectors_min * sector_bytes));
+        const std::uint64_t count = partition_sectors(option, bytes);
         if (next_sector_ + count > disk_sectors_)
             throw ToolError(fmt::format("{}: {} sectors from sector {} on do not fit a disk of {} sectors",
                                         option, count, next_sector_, disk_sectors_));
@@ -54,7 +38,7 @@ public:
         }
         entry.Start.set(static_cast<std::uint32_t>(next_sector_));
         entry.Count.set(static_cast<std::uint32_t>(count));
-        next_sector_ += (count + alignment_sectors - 1) / alignment_sectors * alignment_sectors;
+        next_sector_ += aligned(count);
     }
 
     unsigned partitions() const { return partitions_; }
@@ -69,9 +53,9 @@ private:
 
 }  // namespace
 
-int make_disk(const Options& options, std::FILE* out)
+int make_disk(const Options& options, Report& report)
 {
-    const std::uint64_t disk_sectors = sectors("--size", options.size_bytes);
+    const std::uint64_t disk_sectors = whole_sectors("--size", options.size_bytes);
     Table table(disk_sectors);
     table.add("--system", partition_system_image, options.system_bytes);
     table.add("--temporary", partition_temporary_image, options.temporary_bytes);
@@ -80,13 +64,10 @@ int make_disk(const Options& options, std::FILE* out)
     OutputFile disk(options.file, options.force);
     disk.write(0, std::as_bytes(std::span(&table.sector(), 1)));
     disk.complete(options.size_bytes);
-    fmt::print(out, "{}: {} sectors\n", options.file, disk_sectors);
-    for (unsigned i = 0; i < table.partitions(); ++i) {
-        const PartitionEntry& entry = table.sector().Partition[i];
-        fmt::print(out, "  {} {:10} type {:02X}  sector {:10}  {:10} sectors\n", i + 1,
-                   entry.Type == partition_system_image ? "system" : "temporary", entry.Type,
-                   entry.Start.get(), entry.Count.get());
-    }
+    report.print("{}: {} sectors\n", options.file, disk_sectors);
+    report["disk"] = options.file;
+    report["sectors"] = disk_sectors;
+    report_partitions(table.sector(), report);
     return 0;
 }
 

@@ -104,6 +104,7 @@ bool MapWalk::claim(unsigned level, std::uint32_t sector)
     if (std::find(first, end, true) != end)
         return fault(MapFault::referenced_twice);
     std::fill(first, end, true);
+    end_sector_ = std::max(end_sector_, sector + count);
     if (sector < sector_[level])
         fault(MapFault::before_parent);
     return true;

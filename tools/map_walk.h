@@ -41,6 +41,11 @@ public:
     // The next chunk with anything in its entry, null after the last. Valid until the next call.
     const MapChunk* next();
 
+    // Where the leaf of the chunk last returned lies, and which of its entries that is.
+    std::uint32_t leaf_sector() const { return sector_[3]; }
+    unsigned leaf_entry() const { return next_leaf_index_ - 1; }
+    // Behind the last block found so far.
+    std::uint32_t end_sector() const { return end_sector_; }
     // Blocks found so far, the root table not counted.
     std::uint32_t map_blocks() const { return map_blocks_; }
     std::uint32_t data_blocks() const { return data_blocks_; }
@@ -65,6 +70,7 @@ private:
     formats::LeafBlock leaf_;
     unsigned next_leaf_index_ = formats::leaf_entries;
     MapChunk chunk_{};
+    std::uint32_t end_sector_ = formats::first_block_sector;
     std::uint32_t map_blocks_ = 0;
     std::uint32_t data_blocks_ = 0;
 };

@@ -7,11 +7,13 @@
 #include <functional>
 #include <string>
 
+#include "tools/file.h"
+
 namespace image_tool {
 
 struct Options {
-    std::string area;  // of every command but `disk`
-    std::string file;  // `disk`: what to make; `diff`: the other side
+    std::string area;  // what most commands are about
+    std::string file;  // `disk`, `resize`: the disk; `compare`, `convert`: the other side
     std::string from;
     std::string to;
     std::uint64_t size_bytes = 0;
@@ -24,6 +26,10 @@ struct Options {
     bool force = false;
     bool ascii = false;
     bool all = false;
+    bool allow_absent = false;
+    bool is_json = false;
+    InUse in_use = InUse::refuse;
+    enum class Format { other, raw, area } format = Format::other;  // what `convert` makes
 };
 
 // Does what it is for, prints to the file and returns the program's exit status.

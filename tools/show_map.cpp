@@ -47,20 +47,28 @@ bool continues(const PresentChunk& chunk, const PresentChunk& next)
            next.tag == chunk.tag && next.sectors == chunk.sectors;
 }
 
-void show_runs(const Chunks& chunks, std::size_t list_max, std::FILE* out)
+Json show_runs(const Chunks& chunks, std::size_t list_max, Report& report)
 {
+    Json listed = Json::array();
     std::size_t runs = 0;
     for (std::size_t start = 0, end; start < chunks.size(); start = end) {
         end = start + 1;
         while (end < chunks.size() && continues(chunks[end - 1], chunks[end]))
             ++end;
-        if (runs++ < list_max)
-            fmt::print(out, "  {:9}-{:<9} at sector {:10}  tag {:<10} {:3} sectors each\n",
-                       chunks[start].chunk, chunks[end - 1].chunk, chunks[start].data_sector,
-                       chunks[start].tag, chunks[start].sectors);
+        if (runs++ < list_max) {
+            listed.push_back({{"first_chunk", chunks[start].chunk},
+                              {"last_chunk", chunks[end - 1].chunk},
+                              {"first_sector", chunks[start].data_sector},
+                              {"tag", chunks[start].tag},
+                              {"sectors_each", chunks[start].sectors}});
+            report.print("  {:9}-{:<9} at sector {:10}  tag {:<10} {:3} sectors each\n", chunks[start].chunk,
+                         chunks[end - 1].chunk, chunks[start].data_sector, chunks[start].tag,
+                         chunks[start].sectors);
+        }
     }
     if (runs > list_max)
-        fmt::print(out, "  and {} more runs (--all lists them)\n", runs - list_max);
+        report.print("  and {} more runs (--all lists them)\n", runs - list_max);
+    return listed;
 }
 
 // The header tells the size of LUN 0; other disks end with their last chunk.
@@ -73,7 +81,7 @@ std::uint64_t map_sectors(unsigned lun, const ImageHeader& header, const Chunks&
 }
 
 void show_lun(unsigned lun, const ImageArea& area, const Chunks& chunks, const Options& options,
-              std::FILE* out)
+              Report& report)
 {
     const std::uint64_t all = map_sectors(lun, area.header(), chunks);
     Picture picture(all, options.width, options.ascii);
@@ -84,22 +92,32 @@ void show_lun(unsigned lun, const ImageArea& area, const Chunks& chunks, const O
         whole += chunk.sectors == chunk_sectors || start + chunk.sectors == all;
         picture.add(chunk.chunk, chunk.sectors);
     }
-    fmt::print(out, "LUN {}: {} of {} chunks, {} of them whole; {} sectors present ({:.1f} MB)\n", lun,
-               chunks.size(), (all + chunk_sectors - 1) / chunk_sectors, whole, sectors,
-               static_cast<double>(sectors) * sector_bytes / (1 << 20));
-    show_runs(chunks, options.all ? SIZE_MAX : runs_listed_max, out);
-    fmt::print(out, "{}", picture.text());
+    report.print("LUN {}: {} of {} chunks, {} of them whole; {} sectors present ({:.1f} MB)\n", lun,
+                 chunks.size(), (all + chunk_sectors - 1) / chunk_sectors, whole, sectors,
+                 static_cast<double>(sectors) * sector_bytes / (1 << 20));
+    Json runs = show_runs(chunks, options.all ? SIZE_MAX : runs_listed_max, report);
+    report.print("{}", picture.text());
+    report["luns"].push_back({{"lun", lun},
+                              {"chunks", (all + chunk_sectors - 1) / chunk_sectors},
+                              {"chunks_present", chunks.size()},
+                              {"chunks_whole", whole},
+                              {"sectors_present", sectors},
+                              {"runs_listed", std::move(runs)}});
 }
 
 }  // namespace
 
-int show_map(const Options& options, std::FILE* out)
+int show_map(const Options& options, Report& report)
 {
-    const ImageArea area(options.area);
+    const ImageArea area(options.area, InUse::allow);
+    if (area.file().is_in_use())
+        report.print("in use by a server or a workstation, which may be writing to it\n");
+    report["area"] = options.area;
+    report["in_use"] = area.file().is_in_use();
     std::map<unsigned, Chunks> luns = read_map(area);
     luns.try_emplace(0);
     for (const auto& [lun, chunks] : luns)
-        show_lun(lun, area, chunks, options, out);
+        show_lun(lun, area, chunks, options, report);
     return 0;
 }
 

@@ -56,6 +56,28 @@ class LocalDisk(Case):
             self.assertIn("no server answers", station.output())
             self.assert_reads(station, self.image)
 
+    def test_Update_of_the_servers_image_sends_the_changed_chunks_only(self):
+        server, station = self.fill()
+        station.stop()
+        server.stop()
+        with open(self.image, "r+b") as file:
+            for chunk in (3, 100, 767):
+                file.seek(chunk * 65536 + 65535)
+                file.write(b"!")
+        self.assertIn("3 of", self.qrn_image("update", self.area, "--from", self.image))
+        server, station = self.fill()
+        with self.subTest("the local disk is in use"):
+            refused = self.start_client(f"{BIN}/qrn-image", "create", f"{self.disk}:system", "--from", self.image,
+                                        "--force")
+            self.assertIn("in use", refused.communicate()[0])
+            self.assertEqual(refused.returncode, 2)
+        self.qrn_image("compare", station.uri(0), self.area)
+        server.stop()
+        moved = server.statistics()["disks"][0]["sync_bytes"]
+        self.assertGreater(moved, 3 * 65536)
+        self.assertLess(moved, 2 * MB)
+        self.assert_reads(station, self.image)
+
     def test_What_is_written_stays_on_the_local_disk_until_the_next_start(self):
         server, station = self.fill()
         with open(self.image, "rb") as file:

@@ -82,7 +82,7 @@ TEST_F(Partitions, Area_in_a_partition_stays_within_it)
               {17, 128}});
     expect("create @disk:temporary --from @large --force", 2, "do not fit into an area of 2048 sectors");
     EXPECT_EQ(content("disk").substr((1 << 20) - 1, 1), "<");
-    EXPECT_EQ(content("disk").substr(2 << 20, 2), std::string(2, '\0')) << "an area that was begun is none";
+    EXPECT_EQ(content("disk").substr(2 << 20, 2), ">>") << "nothing is touched";
     EXPECT_EQ(content("disk").substr(3 << 20), std::string(1 << 20, '\0'));
 }
 
@@ -128,7 +128,7 @@ TEST_F(Partitions, Nothing_is_overwritten_unless_forced_and_nothing_half_done_is
           "disk @new --size 1000 --system 1M", "disk @new --size 3T --system 1M",
           "create @no/area --from @raw"})
         expect(command, 2);
-    EXPECT_EQ(content("area"), before);
+    EXPECT_TRUE(content("area") == before);
     EXPECT_EQ(files(), files_before);
     std::filesystem::create_symlink("area", path("link"));
     expect("create @link --from @raw --force --tag 9", 0);

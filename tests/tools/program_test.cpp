@@ -61,14 +61,35 @@ TEST_F(ImageProgram, Status_tells_scripts_the_outcome)
     EXPECT_EQ(run("check raw"), 1);
 }
 
+TEST_F(ImageProgram, Pipes_carry_disks_both_ways)
+{
+    make("large", 3 << 20);
+    EXPECT_EQ(run("create piped --from - <large"), 0);
+    EXPECT_EQ(run("compare piped large"), 0);
+    EXPECT_EQ(run("compare large - <large"), 0);
+    EXPECT_NE(content_of("out").find("0 sectors differ"), std::string::npos);
+    EXPECT_EQ(run("extract piped --to -"), 0);
+    EXPECT_TRUE(content_of("out") == content_of("large"));
+    EXPECT_NE(content_of("err").find("6144 sectors"), std::string::npos);
+    EXPECT_EQ(run("convert - - --format area <large"), 0);
+    std::filesystem::rename(folder / "out", folder / "area2");
+    EXPECT_EQ(run("check area2"), 0);
+    EXPECT_EQ(run("extract - --to back <area2"), 0);
+    EXPECT_TRUE(content_of("back") == content_of("large"));
+    expect_failure("create new --from - </dev/null", 2, "standard input: 0 bytes");
+    expect_failure("extract piped --to - >/dev/full 2>err;", 2, "standard output: No space");
+}
+
 TEST_F(ImageProgram, Help_names_every_option_of_every_command)
 {
     ASSERT_EQ(run("--help"), 0);
     const std::string help = content_of("out");
     for (const char* word :
-         {"disk",         "--size",  "--system", "--temporary", "create",  "--from",      "--tag",
-          "--size-limit", "extract", "--to",     "--lun",       "info",    "map",         "--width",
-          "--ascii",      "--all",   "check",    "diff",        "--force", "FILE:system", "Exit status"})
+         {"disk",    "--size",       "--system",    "--temporary", "create",         "--from",
+          "--tag",   "--size-limit", "extract",     "--to",        "--lun",          "info",
+          "map",     "--width",      "--ascii",     "--all",       "check",          "compare",
+          "--force", "FILE:system",  "Exit status", "resize",      "update",         "convert",
+          "measure", "repair",       "--output",    "--in-use",    "--allow-absent", "--format"})
         EXPECT_NE(help.find(word), std::string::npos) << word;
     ASSERT_EQ(run("create --help"), 0);
     EXPECT_NE(content_of("out").find("--size-limit"), std::string::npos);

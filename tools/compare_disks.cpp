@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Where two disks differ, whether they are raw or in image areas. Absent sectors count as zeros.
+// Where two disks differ, whether they are raw, in image areas or NBD exports. Absent sectors count as zeros.
 #include <algorithm>
 #include <memory>
 
@@ -20,8 +20,8 @@ constexpr unsigned runs_listed_max = 20;
 
 class Comparison {
 public:
-    Comparison(const DiskContents& a, const DiskContents& b, unsigned list_max, std::FILE* out)
-        : a_(a), b_(b), list_max_(list_max), out_(out)
+    Comparison(const DiskContents& a, const DiskContents& b, unsigned list_max, Report& report)
+        : a_(a), b_(b), list_max_(list_max), report_(report)
     {
     }
 
@@ -38,7 +38,8 @@ private:
 
     const DiskContents &a_, &b_;
     unsigned list_max_;
-    std::FILE* out_;
+    Report& report_;
+    Json listed_ = Json::array();
     std::unique_ptr<ChunkContents> from_a_ = std::make_unique<ChunkContents>();
     std::unique_ptr<ChunkContents> from_b_ = std::make_unique<ChunkContents>();
     Difference run_difference_ = Difference::none;
@@ -49,9 +50,9 @@ private:
 bool Comparison::run()
 {
     if (a_.size_sectors() != b_.size_sectors())
-        fmt::print(out_, "sizes differ: {} and {} sectors\n", a_.size_sectors(), b_.size_sectors());
+        report_.print("sizes differ: {} and {} sectors\n", a_.size_sectors(), b_.size_sectors());
     const std::uint32_t end = chunk_count(std::max(a_.size_sectors(), b_.size_sectors()));
-    Progress progress("diff", end);
+    Progress progress("compare", end);
     for (std::uint32_t chunk = 0; chunk < end; ++chunk) {
         chunk = std::min(a_.next_chunk(chunk), b_.next_chunk(chunk));
         if (chunk == no_chunk)
@@ -61,8 +62,13 @@ bool Comparison::run()
     }
     end_run();
     if (runs_ > list_max_)
-        fmt::print(out_, "and {} more runs (--all lists them)\n", runs_ - list_max_);
-    fmt::print(out_, "{} sectors differ, in {} chunks\n", sectors_, chunks_);
+        report_.print("and {} more runs (--all lists them)\n", runs_ - list_max_);
+    report_.print("{} sectors differ, in {} chunks\n", sectors_, chunks_);
+    report_["sectors"] = {a_.size_sectors(), b_.size_sectors()};
+    report_["sectors_that_differ"] = sectors_;
+    report_["chunks_that_differ"] = chunks_;
+    report_["runs"] = runs_;
+    report_["runs_listed"] = std::move(listed_);
     return sectors_ == 0 && a_.size_sectors() == b_.size_sectors();
 }
 
@@ -103,22 +109,24 @@ void Comparison::end_run()
     static constexpr const char* texts[] = {"", "differ", "are only in the first", "are only in the second"};
     if (run_difference_ == Difference::none)
         return;
-    if (runs_++ < list_max_)
-        fmt::print(out_, "sectors {}-{} (chunks {}-{}) {}\n", run_start_, run_end_ - 1,
-                   run_start_ / chunk_sectors, (run_end_ - 1) / chunk_sectors,
-                   texts[static_cast<int>(run_difference_)]);
+    if (runs_++ < list_max_) {
+        listed_.push_back({{"first", run_start_},
+                           {"last", run_end_ - 1},
+                           {"difference", texts[static_cast<int>(run_difference_)]}});
+        report_.print("sectors {}-{} (chunks {}-{}) {}\n", run_start_, run_end_ - 1,
+                      run_start_ / chunk_sectors, (run_end_ - 1) / chunk_sectors,
+                      texts[static_cast<int>(run_difference_)]);
+    }
     run_difference_ = Difference::none;
 }
 
 }  // namespace
 
-int diff_disks(const Options& options, std::FILE* out)
+int compare_disks(const Options& options, Report& report)
 {
-    const auto a = open_disk(options.area, options.lun);
-    const auto b = open_disk(options.file, options.lun);
-    if (dynamic_cast<const RawDisk*>(a.get()) != nullptr && dynamic_cast<const RawDisk*>(b.get()) != nullptr)
-        throw ToolError("diff: neither is an image area");
-    return Comparison(*a, *b, options.all ? UINT32_MAX : runs_listed_max, out).run() ? 0 : 1;
+    const auto a = open_disk(options.area, options.lun, options.in_use);
+    const auto b = open_disk(options.file, options.lun, options.in_use);
+    return Comparison(*a, *b, options.all ? UINT32_MAX : runs_listed_max, report).run() ? 0 : 1;
 }
 
 }  // namespace image_tool
