@@ -73,8 +73,21 @@ MemoryPlan draw_memory(Stream& stream)
     else if (stream.chance(0.4))
         memory.above_4g_bytes = stream.between(8, 256) * 4 * mb;
     memory.mm64bit = stream.chance(0.1);
-    memory.window_bytes_max = stream.chance(0.2) ? stream.between(6, 40) * mb : 0;
+    memory.system_ptes = stream.chance(0.2) ? stream.between(6, 40) * (mb / machine::page_bytes) : 0;
     return memory;
+}
+
+// What is short in the kernel's own rooms. A window of a cache and one on conventional memory always fit.
+void draw_shortages(Stream& stream, MemoryPlan& memory)
+{
+    constexpr std::uint32_t one_window = 5 * mb / machine::page_bytes;
+    if (memory.system_ptes != 0 && stream.chance(0.5))
+        memory.largest_pte_run = stream.between(one_window, memory.system_ptes);
+    else
+        memory.largest_pte_run = memory.system_ptes;
+    if (stream.chance(0.15))
+        memory.nonpaged_pool_bytes_max = stream.between(1, 4) * mb;
+    memory.garbage_above_4g = stream.chance(0.9);
 }
 
 std::map<std::string, std::uint32_t> draw_settings(Stream& stream)
@@ -242,7 +255,7 @@ Plan draw_plan(std::uint64_t seed)
 {
     Stream general(seed, "general"), disks(seed, "disks"), settings(seed, "settings"), memory(seed, "memory"),
         local(seed, "local disk"), network(seed, "network quality"), load(seed, "load"),
-        port(seed, "port driver"), processors(seed, "processors");
+        port(seed, "port driver"), shortages(seed, "shortages"), processors(seed, "processors");
     constexpr std::uint32_t modes[] = {0, 0, 0, 0, 0, 7, 7, 7, 7, 1};
     Plan plan{};
     plan.seed = seed;
@@ -261,6 +274,7 @@ Plan draw_plan(std::uint64_t seed)
     const bool wide = widen(disks, plan.disks);
     plan.settings = draw_settings(settings);
     plan.memory = draw_memory(memory);
+    draw_shortages(shortages, plan.memory);
     if (plan.boots_locally()) {
         plan.through_transport = false;
         plan.local = draw_local(local, plan.disks[0], plan.disks.size());

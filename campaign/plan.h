@@ -24,8 +24,10 @@ struct DiskPlan : simulation::Disk {
 
 struct MemoryPlan {
     std::vector<machine::MemoryRange> ranges;
-    std::uint64_t above_4g_bytes;  // that the system does not manage
-    std::uint64_t window_bytes_max;
+    std::uint64_t above_4g_bytes;                // that the system does not manage
+    std::uint32_t system_ptes, largest_pte_run;  // 0: the machine's own way
+    std::uint64_t nonpaged_pool_bytes_max;       // 0: the same
+    bool garbage_above_4g;
     bool mm64bit;
 };
 

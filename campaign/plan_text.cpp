@@ -45,9 +45,13 @@ std::string text_of(const MemoryPlan& memory)
     std::string text = "memory:";
     for (const machine::MemoryRange& range : memory.ranges)
         text += fmt::format(" {:X}+{}M", range.base, range.length >> 20);
-    if (memory.window_bytes_max != 0)
-        text += fmt::format(", windows up to {}M", memory.window_bytes_max >> 20);
-    return text + fmt::format(", unmanaged above 4 GB {}M{}\n", memory.above_4g_bytes >> 20,
+    if (memory.system_ptes != 0)
+        text +=
+            fmt::format(", {} page table entries, {} in a row", memory.system_ptes, memory.largest_pte_run);
+    if (memory.nonpaged_pool_bytes_max != 0)
+        text += fmt::format(", pool of {}M", memory.nonpaged_pool_bytes_max >> 20);
+    return text + fmt::format(", unmanaged above 4 GB {}M{}{}\n", memory.above_4g_bytes >> 20,
+                              memory.garbage_above_4g ? " with garbage" : "",
                               memory.mm64bit ? ", 64-bit addresses" : "");
 }
 

@@ -26,7 +26,12 @@ machine::MachineConfig machine_config(const Plan& plan, unsigned number)
     config.seed = Stream(plan.seed, "schedule", number).next();
     config.memory_ranges = plan.memory.ranges;
     config.unmanaged_above_4g_bytes = plan.memory.above_4g_bytes;
-    config.window_bytes_max = plan.memory.window_bytes_max;
+    if (plan.memory.system_ptes != 0)
+        config.system_ptes = plan.memory.system_ptes;
+    config.largest_pte_run = plan.memory.largest_pte_run;
+    if (plan.memory.nonpaged_pool_bytes_max != 0)
+        config.nonpaged_pool_bytes_max = plan.memory.nonpaged_pool_bytes_max;
+    config.garbage_above_4g = plan.memory.garbage_above_4g;
     config.mm64bit = plan.memory.mm64bit;
     config.reset_ports_work = plan.reset_ports_work;
     config.feeding = plan.feeding;

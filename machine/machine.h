@@ -60,8 +60,14 @@ struct MachineConfig {
     std::uint64_t unmanaged_above_4g_bytes = 0;
     // Whole pages that can be mapped though nothing answers there: reads give ones, writes are lost.
     std::vector<MemoryRange> unanswered_ranges = {};
-    // How many bytes of memory windows can be open at once; a mapping beyond fails. 0: what the process can.
-    std::uint64_t window_bytes_max = 0;
+    // That memory holds garbage until somebody writes there, instead of zeros.
+    bool garbage_above_4g = false;
+    // Free page table entries of the system, one for each page that is mapped at a time: 180,000 are about
+    // what a 32-bit system has left without a larger share for programs. 0: no limit but the process's own.
+    std::uint32_t system_ptes = 180'000;
+    // So many of them are neighbours, the others lie in smaller runs; a mapping takes neighbours. 0: drawn
+    // from the seed in simulated time, else all.
+    std::uint32_t largest_pte_run = 0;
     // What a driver's blocks of non-paged pool may have together; a system with 512 MB sets itself about so
     // much.
     std::uint64_t nonpaged_pool_bytes_max = 128 * 1024 * 1024;

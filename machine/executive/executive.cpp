@@ -17,6 +17,13 @@ constexpr std::uint64_t base_memory_word = 0x413;  // in the BIOS data area
 
 std::atomic<ExecutiveState*> the_executive = nullptr;
 
+// Between an eighth of the entries and all of them.
+std::uint32_t draw_largest_run(const MachineConfig& config)
+{
+    const std::uint32_t least = config.system_ptes / 8;
+    return least + Random(config.seed ^ 0x4C41524745535400u).below(config.system_ptes - least + 1);
+}
+
 // In simulated time the pages of a list lie about in pieces, so that only a mapping that follows the
 // list is right; on the wall clock a mapping is as cheap as it can be.
 PhysicalMemoryLayout memory_layout(const MachineConfig& config)
@@ -27,7 +34,11 @@ PhysicalMemoryLayout memory_layout(const MachineConfig& config)
         layout.managed = {{mb, 512 * mb}};
     layout.above_4g_bytes = config.unmanaged_above_4g_bytes;
     layout.unanswered = config.unanswered_ranges;
-    layout.window_bytes_max = config.window_bytes_max;
+    layout.garbage_above_4g = config.garbage_above_4g;
+    layout.system_ptes = config.system_ptes;
+    layout.largest_pte_run = config.largest_pte_run;
+    if (layout.largest_pte_run == 0 && config.scheduler == SchedulerKind::simulated)
+        layout.largest_pte_run = draw_largest_run(config);
     layout.piece_pages_max = config.scheduler == SchedulerKind::simulated ? scattered_pages_max : 0;
     layout.seed = config.seed;
     return layout;

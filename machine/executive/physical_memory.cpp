@@ -18,6 +18,9 @@ namespace {
 
 constexpr std::uint64_t conventional_bytes = 0xA0000;
 constexpr std::uint64_t four_gb = std::uint64_t{1} << 32;
+// The probe of a driver maps each block once and looks at its first words.
+constexpr std::uint64_t garbage_block_bytes = 4 * 1024 * 1024;
+constexpr std::uint8_t garbage_byte = 0xCD;
 constexpr std::uint64_t file_bytes_max = std::uint64_t{1} << 44;  // what 32-bit page numbers reach
 
 void check_transfer(ssize_t done, std::size_t wanted)
@@ -30,6 +33,11 @@ bool inside(const MemoryRange& range, std::uint64_t address, std::uint64_t bytes
 {
     return address >= range.base && address - range.base <= range.length &&
            bytes <= range.length - (address - range.base);
+}
+
+std::size_t blocks_of(std::uint64_t bytes)
+{
+    return static_cast<std::size_t>((bytes + garbage_block_bytes - 1) / garbage_block_bytes);
 }
 
 std::uint64_t file_bytes(const PhysicalMemoryLayout& layout)
@@ -47,7 +55,9 @@ std::uint64_t file_bytes(const PhysicalMemoryLayout& layout)
 }  // namespace
 
 PhysicalMemory::PhysicalMemory(PhysicalMemoryLayout layout)
-    : layout_(std::move(layout)), pages_(layout_.managed, layout_.piece_pages_max, layout_.seed)
+    : layout_(std::move(layout)), pages_(layout_.managed, layout_.piece_pages_max, layout_.seed),
+      ptes_(layout_.system_ptes, layout_.largest_pte_run, layout_.seed),
+      blocks_seen_(layout_.garbage_above_4g ? blocks_of(layout_.above_4g_bytes) : 0)
 {
     const std::uint64_t bytes = file_bytes(layout_);
     file_ = memfd_create("physical memory", MFD_CLOEXEC);
@@ -92,19 +102,57 @@ void PhysicalMemory::read(std::uint64_t address, std::span<std::uint8_t> bytes) 
     check_transfer(pread(file_, bytes.data(), bytes.size(), static_cast<off_t>(address)), bytes.size());
 }
 
-bool PhysicalMemory::reserve(std::size_t bytes)
+std::optional<std::uint32_t> PhysicalMemory::reserve(std::size_t bytes)
 {
     std::lock_guard guard(lock_);
-    if (layout_.window_bytes_max && window_bytes_ + bytes > layout_.window_bytes_max)
-        return false;
-    window_bytes_ += bytes;
-    return true;
+    const auto first_pte = ptes_.take(static_cast<std::uint32_t>(bytes / page_bytes));
+    if (first_pte)
+        window_bytes_ += bytes;
+    return first_pte;
 }
 
-void PhysicalMemory::release(std::size_t bytes)
+void PhysicalMemory::release(std::uint32_t first_pte, std::size_t bytes)
 {
     std::lock_guard guard(lock_);
     window_bytes_ -= bytes;
+    ptes_.give(first_pte, static_cast<std::uint32_t>(bytes / page_bytes));
+}
+
+// Memory that nobody has used since the machine was switched on. A block gets its garbage where it is looked
+// at: the first page when it is mapped first, the rest when it is mapped again. So a probe of a large memory
+// costs the host little.
+void PhysicalMemory::fill_with_garbage(std::uint64_t address, std::uint64_t bytes)
+{
+    const std::uint64_t end = four_gb + layout_.above_4g_bytes;
+    if (address < four_gb || address >= end)
+        return;
+    const std::uint64_t last = (std::min(address + bytes, end) - 1 - four_gb) / garbage_block_bytes;
+    std::lock_guard guard(lock_);
+    for (std::uint64_t block = (address - four_gb) / garbage_block_bytes; block <= last; ++block) {
+        const std::uint64_t begin = four_gb + block * garbage_block_bytes;
+        const auto index = static_cast<std::size_t>(block);
+        fill_holes(begin, std::min(begin + (blocks_seen_[index] ? garbage_block_bytes : page_bytes), end));
+        blocks_seen_[index] = true;
+    }
+}
+
+// Whatever was written stays.
+void PhysicalMemory::fill_holes(std::uint64_t begin, std::uint64_t end) const
+{
+    static const std::vector<std::uint8_t> garbage(garbage_block_bytes, garbage_byte);
+    while (begin < end) {
+        const off_t hole = lseek(file_, static_cast<off_t>(begin), SEEK_HOLE);
+        if (hole < 0)
+            throw std::system_error(errno, std::generic_category(), "physical memory file");
+        begin = static_cast<std::uint64_t>(hole);
+        if (begin >= end)
+            return;
+        const off_t data = lseek(file_, hole, SEEK_DATA);
+        const std::uint64_t hole_end = data < 0 ? end : std::min(end, static_cast<std::uint64_t>(data));
+        const auto bytes = static_cast<std::size_t>(hole_end - begin);
+        check_transfer(pwrite(file_, garbage.data(), bytes, hole), bytes);
+        begin = hole_end;
+    }
 }
 
 void* PhysicalMemory::keep(void* window, const Window& details)
@@ -122,16 +170,20 @@ void* PhysicalMemory::map(std::uint64_t address, std::uint64_t bytes)
     const std::uint64_t lead = address % page_bytes;
     const auto mapped_bytes =
         static_cast<std::size_t>((lead + bytes + page_bytes - 1) / page_bytes * page_bytes);
-    if (!reserve(mapped_bytes))
+    const auto first_pte = reserve(mapped_bytes);
+    if (!first_pte)
         return nullptr;
+    if (!blocks_seen_.empty())
+        fill_with_garbage(address - lead, mapped_bytes);
     void* mapped = nothing_answers ? map_unanswered(mapped_bytes)
                                    : mmap(nullptr, mapped_bytes, PROT_READ | PROT_WRITE, MAP_SHARED, file_,
                                           static_cast<off_t>(address - lead));
     if (mapped == MAP_FAILED) {
-        release(mapped_bytes);
+        release(*first_pte, mapped_bytes);
         return nullptr;
     }
-    return keep(static_cast<std::uint8_t*>(mapped) + lead, {bytes, mapped, mapped_bytes, nullptr});
+    return keep(static_cast<std::uint8_t*>(mapped) + lead,
+                {bytes, mapped, mapped_bytes, nullptr, *first_pte});
 }
 
 void PhysicalMemory::unmap(void* window, std::uint64_t bytes)
@@ -188,16 +240,19 @@ void* PhysicalMemory::map_pages(std::span<const PageRun> runs, const void* owner
     for (const PageRun& run : runs)
         bytes += run.count * page_bytes;
     const auto mapped_bytes = static_cast<std::size_t>(bytes);
-    if (bytes == 0 || bytes > SIZE_MAX || !reserve(mapped_bytes))
+    if (bytes == 0 || bytes > SIZE_MAX)
+        return nullptr;
+    const auto first_pte = reserve(mapped_bytes);
+    if (!first_pte)
         return nullptr;
     void* mapped = mmap(nullptr, mapped_bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (mapped == MAP_FAILED || !map_runs(static_cast<std::uint8_t*>(mapped), runs)) {
         if (mapped != MAP_FAILED)
             munmap(mapped, mapped_bytes);
-        release(mapped_bytes);
+        release(*first_pte, mapped_bytes);
         return nullptr;
     }
-    return keep(mapped, {bytes, mapped, mapped_bytes, owner});
+    return keep(mapped, {bytes, mapped, mapped_bytes, owner, *first_pte});
 }
 
 void PhysicalMemory::unmap_pages(void* window, const void* owner)
@@ -222,6 +277,7 @@ void PhysicalMemory::close_window(void* address, std::uint64_t bytes, const void
             const Window window = found->second;
             windows_.erase(found);
             window_bytes_ -= window.mapped_bytes;
+            ptes_.give(window.first_pte, static_cast<std::uint32_t>(window.mapped_bytes / page_bytes));
             forget_unanswered(window.mapped);
             munmap(window.mapped, window.mapped_bytes);
         }
@@ -240,6 +296,18 @@ std::uint64_t PhysicalMemory::window_bytes() const
 {
     std::lock_guard guard(lock_);
     return window_bytes_;
+}
+
+std::uint32_t PhysicalMemory::free_ptes() const
+{
+    std::lock_guard guard(lock_);
+    return ptes_.free();
+}
+
+std::uint32_t PhysicalMemory::largest_pte_run() const
+{
+    std::lock_guard guard(lock_);
+    return ptes_.largest_run();
 }
 
 std::uint64_t PhysicalMemory::pages_in_use() const

@@ -17,6 +17,7 @@ machine::MachineConfig with_memory(std::uint64_t above_4g)
 {
     machine::MachineConfig config;
     config.memory_ranges = {{mb, 400 * mb}, {4 * gb, above_4g}};
+    config.system_ptes = 0;
     return config;
 }
 

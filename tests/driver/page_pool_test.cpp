@@ -25,6 +25,7 @@ MachineConfig with_memory(std::uint64_t managed_mb, std::uint64_t above_4g_mb = 
     if (managed_mb > 3000)
         config.memory_ranges.push_back({4 * gb, (managed_mb - 3000) * mb});
     config.unmanaged_above_4g_bytes = above_4g_mb * mb;
+    config.system_ptes = 0;
     return config;
 }
 
@@ -139,6 +140,51 @@ TEST(PagePool, Memory_that_does_not_come_leaves_nothing_behind)
             EXPECT_EQ(Phys_Span_Get().Low, low + (row.low_moves ? 4 * mb : 0));
             EXPECT_EQ(driver.machine.memory().windows(), 0u);
             EXPECT_EQ(driver.machine.memory().pages_in_use(), 0u);
+            EXPECT_EQ(driver.machine.pool_bytes(), 0u);
+        });
+    }
+}
+
+// Eight windows of 64 MB take 131072 page table entries of each kind of memory, in runs of 16384.
+TEST(PagePool, Large_windows_need_more_page_table_entries_than_most_systems_have)
+{
+    constexpr std::uint32_t usual = 180'000, large_share_for_programs = 20'000, large_window = 16384;
+    struct Row {
+        ULONG size_mb;
+        LONG pae_blocks;
+        std::uint32_t ptes, largest_run;
+        bool comes;
+    };
+    const Row rows[] = {
+        {16384, 0, usual, usual, true},      // pages alone
+        {16384, 4096, usual, usual, true},   // memory above 4 GB alone
+        {16384, 2048, usual, usual, false},  // both kinds
+        {16384, 0, usual, large_window - 1, false},
+        {16384, 0, large_share_for_programs, large_share_for_programs, false},
+        {16383, 2048, usual, usual, true},
+        {16383, 2048, usual, large_window - 1, true},
+        {16383, 2048, large_share_for_programs, large_share_for_programs, true},
+        {61440, 15360, usual, usual, true},
+    };
+    for (const Row& row : rows) {
+        MachineConfig config = with_memory(row.size_mb + 200);
+        config.system_ptes = row.ptes;
+        config.largest_pte_run = row.largest_run;
+        if (row.pae_blocks != 0)
+            config.memory_ranges = {{mb, 3000 * mb},
+                                    {4 * gb + std::uint64_t(row.pae_blocks) * 4 * mb, 14 * gb}};
+        config.unmanaged_above_4g_bytes = static_cast<std::uint64_t>(row.pae_blocks) * 4 * mb;
+        DriverPiece driver(config);
+        driver.run([&] {
+            Phys_Mem_Probe();
+            PAE_Nums = row.pae_blocks;
+            QRN_MDL* pool = MDL_Alloc(row.size_mb);
+            EXPECT_EQ(pool != nullptr, row.comes)
+                << row.size_mb << " MB, " << row.ptes << " entries, " << row.largest_run << " in a row";
+            EXPECT_EQ(driver.machine.log().count(" Map NULL"), row.comes ? 0u : 1u);
+            MDL_Free(pool);
+            EXPECT_EQ(driver.machine.memory().free_ptes(), row.ptes);
+            EXPECT_EQ(driver.machine.memory().largest_pte_run(), row.largest_run) << "all is as it was";
             EXPECT_EQ(driver.machine.pool_bytes(), 0u);
         });
     }

@@ -185,7 +185,7 @@ TEST(Page_list, Misuse_is_reported)
 
 TEST(Page_list, Failures_leave_nothing_behind)
 {
-    Machine machine({.window_bytes_max = 8 * mb});
+    Machine machine({.system_ptes = 2048, .largest_pte_run = 2048});
     run_to_end(machine, [&] {
         const PMDL lists[] = {allocate(4 * mb), allocate(4 * mb), allocate(4 * mb)};
         ULONG* const windows[] = {map(lists[0]), map(lists[1])};

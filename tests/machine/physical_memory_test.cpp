@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <algorithm>
 #include <array>
+#include <map>
+#include <random>
+#include <set>
 
 #include "tests/machine/kernel_test.h"
 
@@ -45,7 +48,8 @@ TEST(Physical_memory, Windows_beyond_4_GB_show_the_same_memory_wherever_they_are
 
 TEST(Physical_memory, Only_memory_that_is_there_can_be_mapped)
 {
-    Machine machine({.memory_ranges = {{mb, 511 * mb}}, .unmanaged_above_4g_bytes = 8 * mb});
+    Machine machine(
+        {.memory_ranges = {{mb, 511 * mb}}, .unmanaged_above_4g_bytes = 8 * mb, .system_ptes = 0});
     run_to_end(machine, [] {
         const struct {
             std::uint64_t address;
@@ -93,6 +97,89 @@ TEST(Physical_memory, Where_nothing_answers_writes_are_lost_and_reads_give_ones)
         undo(empty, 4 * mb);
         undo(there, 4 * mb);
     });
+}
+
+TEST(Physical_memory, Nobody_cleared_what_lies_above_4_GB)
+{
+    Machine machine({.unmanaged_above_4g_bytes = 10 * mb, .garbage_above_4g = true});
+    run_to_end(machine, [&] {
+        // A block of 4 MB is looked at, written in the middle, and looked at again with its neighbours.
+        volatile ULONG* first = window(4 * gb + 4 * mb, 4 * mb);
+        EXPECT_EQ(first[0], 0xCDCDCDCD);
+        first[1] = 1;
+        first[mb / 2] = 2;
+        undo(first, 4 * mb);
+        volatile ULONG* all = window(4 * gb + 2 * mb, 8 * mb);
+        volatile ULONG* again = window(4 * gb + 2 * mb, 8 * mb);
+        for (volatile ULONG* mapped : {all, again}) {
+            EXPECT_EQ(mapped[mb / 2], 0xCDCDCDCD);
+            EXPECT_EQ(mapped[mb / 2 + 1], 1u);
+            EXPECT_EQ(mapped[mb], 2u);
+            EXPECT_EQ(mapped[mb / 4 * 5 - 1], 0xCDCDCDCD);
+            EXPECT_EQ(mapped[2 * mb - 1], 0xCDCDCDCD);
+        }
+        undo(again, 8 * mb);
+        undo(all, 8 * mb);
+    });
+}
+
+TEST(Physical_memory, Mappings_take_neighbours_among_the_page_table_entries_that_are_left)
+{
+    std::set<std::uint32_t> largest_runs;
+    for (std::uint64_t seed = 1; seed <= 20; ++seed)
+        in_machine(
+            [&](Machine& machine) {
+                const PhysicalMemory& memory = machine.memory();
+                ASSERT_EQ(memory.free_ptes(), 180'000u);
+                const std::uint32_t largest = memory.largest_pte_run();
+                largest_runs.insert(largest);
+                ASSERT_GE(largest, 180'000u / 8);
+                EXPECT_EQ(window(mb, (largest + 1) * 4096), nullptr);
+                volatile ULONG* first = window(mb + 8, 4096);  // its end lies in a page of its own
+                EXPECT_EQ(memory.free_ptes(), 180'000u - 2);
+                volatile ULONG* second = window(mb, (largest - 2) * 4096);
+                EXPECT_NE(second, nullptr);
+                undo(first, 4096);
+                undo(second, (largest - 2) * 4096);
+                EXPECT_EQ(memory.largest_pte_run(), largest);
+            },
+            {.seed = seed, .memory_ranges = {{mb, 2 * gb}}});
+    EXPECT_GT(largest_runs.size(), 15u);
+}
+
+TEST(System_ptes, Each_entry_is_given_once_and_comes_back)
+{
+    for (unsigned seed = 1; seed <= 50; ++seed) {
+        std::mt19937 random(seed);
+        const std::uint32_t total = 500 + random() % 500, largest = 1 + random() % total;
+        SystemPtes ptes(total, largest, seed);
+        ASSERT_EQ(ptes.largest_run(), largest) << "seed " << seed;
+        std::map<std::uint32_t, std::uint32_t> held;
+        std::uint32_t held_count = 0;
+        for (unsigned round = 0; round < 500; ++round) {
+            const std::uint32_t wanted = 1 + random() % 40, had = ptes.largest_run();
+            if (random() % 2 && !held.empty()) {
+                auto given = std::next(held.begin(), static_cast<long>(random() % held.size()));
+                ptes.give(given->first, given->second);
+                held_count -= given->second;
+                held.erase(given);
+            } else if (const auto first = ptes.take(wanted)) {
+                const auto next = held.lower_bound(*first);
+                ASSERT_TRUE(next == held.end() || *first + wanted <= next->first) << "seed " << seed;
+                ASSERT_TRUE(next == held.begin() ||
+                            std::prev(next)->first + std::prev(next)->second <= *first)
+                    << "seed " << seed;
+                held.emplace(*first, wanted);
+                held_count += wanted;
+            } else {
+                ASSERT_LT(had, wanted) << "seed " << seed;
+            }
+            ASSERT_EQ(ptes.free(), total - held_count) << "seed " << seed;
+        }
+        for (const auto& [first, count] : held)
+            ptes.give(first, count);
+        ASSERT_EQ(ptes.largest_run(), largest) << "seed " << seed;
+    }
 }
 
 TEST(Physical_memory, A_mapping_is_undone_once_and_as_it_was_made)

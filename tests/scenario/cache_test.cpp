@@ -234,6 +234,7 @@ TEST(Cache, Sixteen_gigabytes_are_used_through_eight_windows)
     Plan plan;
     plan.disks = {{.sectors = 0x4000000, .flags = cached, .read_kb = 16, .cache_mb = 16384}};
     plan.memory_ranges = {{mb, gb}, {4 * gb, 17 * gb}};
+    plan.largest_pte_run = 8 * 16384;  // room for as many windows of 64 MB, and for no more
     Rig rig(plan);
     rig.run([&] {
         const auto pool_before = rig.machine.pool_bytes("QRNM");

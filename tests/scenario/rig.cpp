@@ -19,6 +19,7 @@ static machine::MachineConfig machine_config(const Plan& plan)
     config.reset_ports_work = plan.reset_ports_work;
     config.base_memory_kb = plan.base_memory_kb;
     config.memory_ranges = plan.memory_ranges;
+    config.largest_pte_run = plan.largest_pte_run;
     config.feeding = plan.feeding;
     config.curious_class_driver = plan.curious_class_driver;
     return config;

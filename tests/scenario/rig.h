@@ -47,6 +47,7 @@ struct Plan {
     machine::Feeding feeding = machine::Feeding::eager;
     bool curious_class_driver = false;
     std::vector<machine::MemoryRange> memory_ranges{};  // empty: the machine's own
+    std::uint32_t largest_pte_run = 0;                  // 0: the machine's own
     // Has the last word on the block that is handed over; the servers serve the disks as planned.
     std::function<void(formats::Boot_Param&)> adjust_block = nullptr;
 };
