@@ -278,6 +278,19 @@ TEST(ImageRoute, Without_local_disk_there_are_zeros_or_the_server)
     }
 }
 
+TEST(ImageRoute, Write_without_local_disk_reaches_the_server_or_fails)
+{
+    for (UCHAR local_nums : {UCHAR{0}, UCHAR{1}})
+        for (bool server : {true, false}) {
+            Workstation station({.local_nums = local_nums, .server = server});
+            station.run([&] {
+                EXPECT_EQ(station.write(0, 2, 20, 1), server);
+                EXPECT_EQ(station.to_server, server ? 20u : 0u);
+                EXPECT_TRUE(station.write(1, 2, 20, 1)) << "of a disk that has one in any case";
+            });
+        }
+}
+
 TEST(ImageRoute, Image_is_silent_until_it_is_checked_or_the_server_is_lost)
 {
     with({.check_comes = true}, [](Workstation& station) {

@@ -270,6 +270,46 @@ TEST(Synchronisation, Chunk_with_sectors_and_without_tag_is_copied)
     });
 }
 
+// The tag that marks a chunk as half filled may be the server's own tag of it.
+TEST(Synchronisation, Half_filled_chunk_never_passes_for_a_whole_one)
+{
+    DriverPiece driver;
+    driver.run([&] {
+        Server server;
+        server.write(128, 20);
+        Start first(Area(area_sectors * 512), server, 1);
+        EXPECT_EQ(first.run(), Sync_Running);
+        server.modify();
+        server.write(130, 1);
+        Start second(first.local.now, server, 2);
+        EXPECT_TRUE(second.server_disk->Entry_Set_Tag(1, Tag_In_Work));
+        EXPECT_TRUE(second.disk->Entry_Reset(1));
+        second.disk->Keep_Tags = true;
+        std::vector<UCHAR> data(512);
+        put_sector(data.data(), 0, 128, server.content[128]);
+        EXPECT_EQ(second.disk->Write(0, 129, data.data(), 512), 512);
+        ASSERT_EQ(second.disk->Entry_Tag(1), Tag_In_Work);
+        EXPECT_EQ(second.run(), Sync_Running);
+        expect_all(*second.disk, server.content, true, "second");
+    });
+}
+
+// As by a shutdown that comes between the moment from which on a run can be stopped and its first step.
+TEST(Synchronisation, Run_that_is_stopped_before_it_begins_copies_nothing)
+{
+    DriverPiece driver;
+    driver.run([&] {
+        Server server;
+        server.write(0, 300);
+        Start start(Area(area_sectors * 512), server, 1);
+        start.state->Status = Sync_Stopped;
+        EXPECT_EQ(QRNH_IMG_SYNC(start.state.get(), start.disk.get(), start.server_disk.get()), 0);
+        EXPECT_EQ(start.state->Status, ULONG{Sync_Stopped});
+        EXPECT_EQ(driver.machine.log().count("\nQRNH_IMG_SYNC: End=1"), 1u);
+        EXPECT_EQ(AreaReader(start.local.now).read().chunks.size(), 0u);
+    });
+}
+
 TEST(Synchronisation, Full_image_ends_the_run_and_claims_nothing)
 {
     DriverPiece driver;

@@ -70,6 +70,22 @@ TEST(CacheNegotiation, Asks_once_and_names_the_memory_in_the_tag)
     }
 }
 
+TEST(CacheNegotiation, Is_a_packet_0_whatever_its_worker_ran_before)
+{
+    Plan plan = cached_disk(8);
+    plan.disks.insert(plan.disks.begin(), DiskPlan{.sectors = 2048});
+    plan.settings["RW_THREADS"] = 1;
+    Rig rig(plan);
+    rig.run([&] {
+        Bytes data(65536);
+        EXPECT_TRUE(rig.read(0, 0, data));  // eight packets
+        EXPECT_TRUE(rig.write(1, 7, pattern(7, 4096)));
+        const auto asked = queries(rig);
+        ASSERT_EQ(asked.size(), 1u);
+        EXPECT_EQ(asked[0].header().Pkt_Index, 0);
+    });
+}
+
 TEST(CacheNegotiation, Answers_of_every_kind_are_survived)
 {
     struct Row {
@@ -227,6 +243,25 @@ TEST(Cache, Content_survives_misses_fills_and_write_backs_while_the_server_fails
             EXPECT_LE(rig.machine.memory().windows(), 16u);
         });
     }
+}
+
+// With every block dirty a write first brings one to the server, then goes there itself. When the server is
+// gone each of the two has its time, once.
+TEST(Cache, A_write_that_its_dead_server_cannot_take_is_not_sent_again)
+{
+    constexpr double budget_ms = 67'600;  // of a disk with Retry_Mins 1
+    Rig rig(cached_disk(4));
+    rig.run([&] {
+        for (std::uint32_t chunk = 0; chunk < 80; ++chunk)
+            ASSERT_TRUE(rig.write(0, chunk * 128 + 1, pattern(chunk, 512)));
+        ASSERT_GT(rig.sent(sub_request, kind_write).size(), 0u) << "blocks are left";
+        rig.main.stop();
+        Pending write(rig);
+        write.write(0, 100 * 128 + 1, pattern(9, 512)).wait();
+        EXPECT_FALSE(write.ok());
+        EXPECT_GT(write.took_ms(), 1.9 * budget_ms);
+        EXPECT_LT(write.took_ms(), 2.1 * budget_ms);
+    });
 }
 
 TEST(Cache, Sixteen_gigabytes_are_used_through_eight_windows)
