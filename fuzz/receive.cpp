@@ -10,7 +10,6 @@
 #include <memory>
 
 #include "driver/engine/queues.h"
-#include "driver/miniport/adapter.h"
 #include "driver/net/receive.h"
 #include "driver/startup/boot_param.h"
 #include "fuzz/kernel.h"
@@ -121,9 +120,7 @@ ULONG NTAPI receive(PVOID* header)
     require(!wire->handed_out, "every packet is released");
     check_workers();
     if (wire->packets.empty()) {
-        Stop_Level = Stop_Threads;
-        *header = nullptr;
-        return 0;
+        PsTerminateSystemThread(STATUS_SUCCESS);
     }
     wire->current = std::move(wire->packets.front());
     wire->packets.pop_front();

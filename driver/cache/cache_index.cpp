@@ -78,13 +78,10 @@ void QRNH_MEM_RW::Unlist(LRU_Node* pNode, Ent_Handle Slot)
     pObj_Mem->Ent_Put(Slot);
 }
 
+// There is one for each block, and the block that is to be listed is in none.
 Ent_8M* QRNH_MEM_RW::New_Region_Entry(Ent_Handle* pSlot)
 {
     *pSlot = pObj_Mem->p8M_List;
-    if (*pSlot == 0) {
-        DbgPrint("\np8M_List Is NULL");
-        return nullptr;
-    }
     Ent_8M* pEntry = pObj_Mem->Ent_Get(*pSlot);
     pEntry->pTBL_Slot = pSlot;
     pObj_Mem->p8M_List = pEntry->Next_Free;
@@ -112,8 +109,6 @@ Rec_64K* QRNH_MEM_RW::Install(Rec_64K* pRec, LRU_Node* pNode, ULONG Key)
     Ent_8M* pEntry = Region_Entry(pSlot);
     if (!pEntry)
         pEntry = New_Region_Entry(pSlot);
-    if (!pEntry)
-        return nullptr;
     pEntry->pNode[Region_Slot(Key)] = pNode;
     ++pEntry->Nums;
     pObj_Mem->Ent_Put(*pSlot);

@@ -3,7 +3,6 @@
 
 #include "driver/cache/cache_stats.h"
 #include "driver/common/bytes.h"
-#include "driver/common/delay.h"
 #include "driver/common/locks.h"
 #include "driver/common/pieces.h"
 #include "driver/common/pool.h"
@@ -134,8 +133,6 @@ LONG QRNH_MEM_RW::Fill_Piece(ULONG_PTR, ULONG Sec, ULONG Key, UCHAR* pBuffer, LO
 Rec_64K* QRNH_MEM_RW::Block_To_Fill(Rec_64K* pRec, ULONG Key)
 {
     LRU_Node* pNode = pRec ? pLast : LRU_Get(pObj_Mem->pLRU_Cur);
-    if (!pNode)
-        return nullptr;
     if (!pRec)
         pRec = pObj_Mem->Rec_Get(pNode);
     if (Can_Fill(pNode) < 0) {
@@ -184,13 +181,8 @@ Rec_64K* QRNH_MEM_RW::Block_To_Write(ULONG_PTR Ctx, ULONG Key, LRU_Node*& pNode)
             pNode = pLast;
             return pRec;
         }
+        // Even the smallest memory has more blocks than there are workers that could hold one.
         pNode = LRU_Get(pObj_Mem->pLRU_Cur);
-        if (!pNode) {
-            Mutex_Give(pObj_Mem->Obj_Lock);
-            Sleep_Ms(LRU_Wait_Ms);
-            Mutex_Take(pObj_Mem->Obj_Lock);
-            continue;
-        }
         Rec_64K* pRec = pObj_Mem->Rec_Get(pNode);
         if (pNode->State < Block_Written)
             return Install(pRec, pNode, Key);

@@ -36,10 +36,6 @@ LONG QRNH_OBJ_MEM::Create(ULONG New_MB, ULONG New_Type)
     LONG Rec_Blocks = (Blocks + Recs_Per_Block - 1) / Recs_Per_Block;
     LONG Ent_Blocks = (Blocks + Ents_Per_Block - 1) / Ents_Per_Block;
     LRU_Nums = Blocks - Rec_Blocks - Ent_Blocks;
-    if (LRU_Nums <= 0) {
-        MDL_Free(pQRN_MDL);
-        return -2;
-    }
     Hash_64K = static_cast<ULONG>(Rec_Blocks * Sectors_Per_Block);
     Hash_8M = static_cast<ULONG>(Ent_Blocks * Sectors_Per_Block);
     DbgPrint("\nQRNH_OBJ_MEM: Hash_64K=%dk, Hash_8M=%dk", Hash_64K / 2, Hash_8M / 2);

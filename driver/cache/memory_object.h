@@ -53,7 +53,7 @@ public:
     // Copy Bytes of a block, from its sector Sec on. Return Bytes.
     virtual LONG Read(LRU_Node* pNode, ULONG Sec, PVOID pBuffer, LONG Bytes);
     virtual LONG Write(LRU_Node* pNode, ULONG Sec, PVOID pBuffer, LONG Bytes);
-    // 0, or -1: no memory for the pool, -2: it is too small, -3: no memory for the ring.
+    // 0, or -1: no memory for the pool, -3: no memory for the ring.
     virtual LONG Create(ULONG New_MB, ULONG New_Type);
     // Frees all but the object itself.
     virtual void Destory();

@@ -6,7 +6,6 @@
 #include "driver/engine/chunk.h"
 #include "driver/engine/local_cache.h"
 #include "driver/engine/queues.h"
-#include "driver/miniport/adapter.h"
 #include "driver/miniport/completion.h"
 #include "driver/miniport/request.h"
 #include "driver/net/packet.h"
@@ -93,7 +92,7 @@ static void Admit(RW_Entry* pEntry, RW_Req* pReq)
     InsertTailList(&Active_List, &pReq->Link);
 }
 
-static void Work(RW_Entry* pEntry)
+[[noreturn]] static void Work(RW_Entry* pEntry)
 {
     for (;;) {
         Chunk Picked;
@@ -101,8 +100,6 @@ static void Work(RW_Entry* pEntry)
             Chunk_Run(pEntry, Picked);
         else if (RW_Req* pReq = Take_Pending())
             Admit(pEntry, pReq);
-        else if (Stop_Level >= Stop_Threads)
-            return;
         else
             KeWaitForSingleObject(&RW_Sem, Executive, KernelMode, FALSE, nullptr);
     }
@@ -115,7 +112,4 @@ VOID NTAPI QRN_RW_Thread(PVOID)
     KeWaitForSingleObject(&Start_Event, Executive, KernelMode, FALSE, nullptr);
     KeSetPriorityThread(KeGetCurrentThread(), Worker_Priority);
     Work(pRW_Tbl[Index]);
-    DbgPrint("\nQRN SCSI: QRN_RW_Thread %d End", RW_Count);
-    InterlockedDecrement(&RW_Count);
-    PsTerminateSystemThread(STATUS_SUCCESS);
 }

@@ -51,8 +51,6 @@ public:
         : pDevice_(pDevice)
     {
         KeInitializeEvent(&Event_, NotificationEvent, FALSE);
-        Result_.Information = 0;
-        Result_.Status = STATUS_UNSUCCESSFUL;
         pIrp_ = IoBuildSynchronousFsdRequest(Major, pDevice, pBuffer, Bytes, pOffset, &Event_, &Result_);
     }
     Fsd_Request(const Fsd_Request&) = delete;
@@ -73,7 +71,7 @@ private:
     PDEVICE_OBJECT pDevice_;
     PIRP pIrp_;
     KEVENT Event_;
-    IO_STATUS_BLOCK Result_;
+    IO_STATUS_BLOCK Result_{};
 };
 
 LONG Fsd_RW(ULONG Major, PDEVICE_OBJECT pDevice, ULONGLONG Sector, PVOID pBuffer, LONG Bytes)

@@ -25,7 +25,6 @@ enum Stop_Level_Value : LONG {
     Stop_Loaded = 0,
     Stop_Adapter_Found = 1,
     Stop_Shutdown = 3,  // and above: retries are cut short
-    Stop_Threads = 4,   // and above: threads without work end
 };
 extern volatile LONG Stop_Level;
 

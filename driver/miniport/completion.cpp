@@ -40,7 +40,6 @@ void Chan_Send(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb, ULONG Lun)
 
     PIO_STACK_LOCATION pStack = IoGetNextIrpStackLocation(pExt->pChan_Irp);
     pStack->MajorFunction = IRP_MJ_SCSI;
-    pStack->MinorFunction = 0;
     pStack->Parameters.DeviceIoControl.IoControlCode = IOCTL_SCSI_EXECUTE_NONE;
     pStack->Parameters.Scsi.Srb = &pExt->Chan_Srb;
     IoSetCompletionRoutine(pExt->pChan_Irp, Chan_Done, pExt, TRUE, TRUE, TRUE);

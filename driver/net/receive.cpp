@@ -4,7 +4,6 @@
 #include "driver/common/bytes.h"
 #include "driver/common/locks.h"
 #include "driver/engine/queues.h"
-#include "driver/miniport/adapter.h"
 #include "driver/net/answer_state.h"
 #include "driver/net/status_poll.h"
 #include "driver/startup/boot_param.h"
@@ -151,21 +150,19 @@ bool Is_Poll(const WireHeader* pPacket)
     return Bytes_Equal(pPacket, formats::poll_mark, sizeof formats::poll_mark);
 }
 
-void Receive_Packets()
+void Receive_Packet()
 {
-    while (Stop_Level < Stop_Threads || RW_Count > 0) {
-        PVOID pHeader = nullptr;
-        ULONG Bytes = Ndis_Handover.QRN_Recv(&pHeader);
-        if (Bytes >= formats::request_bytes) {
-            auto pPacket = static_cast<const WireHeader*>(pHeader);
-            if (Is_Poll(pPacket))
-                Answer_Poll(static_cast<UCHAR*>(pHeader));
-            else
-                Route_Answer(pPacket, Bytes);
-        }
-        if (pHeader)
-            Ndis_Handover.QRN_Release(pHeader);
+    PVOID pHeader = nullptr;
+    ULONG Bytes = Ndis_Handover.QRN_Recv(&pHeader);
+    if (Bytes >= formats::request_bytes) {
+        auto pPacket = static_cast<const WireHeader*>(pHeader);
+        if (Is_Poll(pPacket))
+            Answer_Poll(static_cast<UCHAR*>(pHeader));
+        else
+            Route_Answer(pPacket, Bytes);
     }
+    if (pHeader)
+        Ndis_Handover.QRN_Release(pHeader);
 }
 
 }  // namespace
@@ -176,9 +173,9 @@ VOID NTAPI QRN_Recv_Thread(PVOID)
     KeWaitForSingleObject(&Start_Event, Executive, KernelMode, FALSE, nullptr);
     DbgPrint("\nQRN SCSI: QRN_Recv_Thread WaitEvent OK");
     KeSetPriorityThread(KeGetCurrentThread(), Receive_Priority);
+    while (Ndis_Handover.QRN_Recv && Ndis_Handover.QRN_Release)
+        Receive_Packet();
     // An image can have started the threads without a transport; there is nothing to receive then.
-    if (Ndis_Handover.QRN_Recv && Ndis_Handover.QRN_Release)
-        Receive_Packets();
     DbgPrint("\nQRN SCSI: QRN_Recv_Thread End:%d", Recv_Count);
     InterlockedDecrement(&Recv_Count);
     PsTerminateSystemThread(STATUS_SUCCESS);
