@@ -51,6 +51,10 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
         ->check(CLI::Range(1, 86'400))
         ->capture_default_str();
     app.add_flag("--seed-log", options.seed_log, "Print what every seed draws and meets");
+    app.add_option("--capture", options.capture,
+                   "Write the packets of the one seed to this file, as they were sent,\n"
+                   "for Wireshark (pcapng)")
+        ->option_text("FILE");
     app.add_flag("--plain-atomics", options.plain_atomics,
                  "No thread switches at atomic operations: a seed runs as with a qrndisk.sys");
     app.add_option("--canary", options.canary, "Plant a fault in the servers that must be found")
@@ -72,6 +76,8 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
         options.seeds = seeds;
     if (!options.seeds && options.minutes == 0)
         throw OptionError("--seeds or --minutes is needed");
+    if (!options.capture.empty() && options.seeds != 1)
+        throw OptionError("--capture goes with --seeds 1");
     return options;
 }
 

@@ -19,6 +19,7 @@ struct Options {
     unsigned jobs = 2;
     unsigned seed_timeout_s = 120;
     bool seed_log = false;
+    std::string capture;  // a file for all packets; empty: none
     bool expect_failure = false;
     bool plain_atomics = false;  // no thread switches at atomic operations, as with a driver file
     CanaryKind canary = CanaryKind::none;

@@ -140,6 +140,8 @@ void run_seed(std::uint64_t seed, const Options& options)
     if (options.plain_atomics)
         plan.switch_at_atomics = false;
     World world(std::move(plan), options.canary);
+    if (!options.capture.empty())
+        world.capture = std::make_unique<machine::PacketCapture>(options.capture);
     std::printf("%s", to_text(world.plan).c_str());
     std::fflush(stdout);
     machine::set_violation_handler([](const std::string& message) { fail("rule broken: " + message); });

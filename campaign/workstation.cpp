@@ -83,11 +83,12 @@ Workstation::Workstation(World& owner, unsigned start, machine::DriverImage& dri
     machine.registry().set_dword(machine::Registry::memory_management_key, u"PhysicalAddressExtension",
                                  plan.pae);
     network.set_quality(plan.network);
-    network.set_observer(
-        [this](Direction direction, const formats::ServerRecord&, std::span<const std::uint8_t> packet) {
-            see(direction, packet);
-            return machine::SimulatedNetwork::Verdict::pass;
-        });
+    network.set_observer([this](Direction direction, const formats::ServerRecord& server,
+                                std::span<const std::uint8_t> packet) {
+        see(direction, packet);
+        capture(direction, server, packet);
+        return machine::SimulatedNetwork::Verdict::pass;
+    });
     for (BlockServer* server : {&world.main, &world.slave}) {
         server->join(machine.scheduler(), network, off_ms);
         if (!server->running())
@@ -135,6 +136,19 @@ void Workstation::boot()
 }
 
 // The status poll's answer has addresses in it, which differ from one way of loading the driver to another.
+// One start after the other, in a time that begins in 1970.
+void Workstation::capture(Direction direction, const formats::ServerRecord& server,
+                          std::span<const std::uint8_t> packet)
+{
+    if (world.capture == nullptr)
+        return;
+    const auto before = static_cast<machine::Ticks>(world.simulated_s * machine::ticks_per_second);
+    const formats::ServerRecord& own = network.workstation();
+    const bool leaves = direction == Direction::to_server;
+    world.capture->add(before + machine.scheduler().now(), leaves ? own : server, leaves ? server : own,
+                       packet);
+}
+
 void Workstation::see(Direction direction, std::span<const std::uint8_t> packet)
 {
     if (packet.size() >= 2 && std::memcmp(packet.data(), formats::poll_reply_mark, 2) == 0)

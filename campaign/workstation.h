@@ -45,6 +45,8 @@ public:
 private:
     void leave_boot_block();
     void see(machine::Direction direction, std::span<const std::uint8_t> packet);
+    void capture(machine::Direction direction, const formats::ServerRecord& server,
+                 std::span<const std::uint8_t> packet);
 
     machine::DriverImage& driver_;
     std::array<unsigned, formats::disk_count_max> workers_{};

@@ -11,6 +11,7 @@
 #include "campaign/report.h"
 #include "campaign/servers.h"
 #include "machine/disk/local_disk.h"
+#include "machine/transport/packet_capture.h"
 
 namespace campaign {
 
@@ -26,6 +27,7 @@ struct World {
     Coverage coverage;
     EventHash events;
     double simulated_s = 0;
+    std::unique_ptr<machine::PacketCapture> capture;  // null: none
 
     Sector content(Place place, Generation generation) const
     {

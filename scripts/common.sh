@@ -8,6 +8,7 @@ bin="$root/build/bin"
 build_packages=(g++ g++-multilib cmake ninja-build mingw-w64-common g++-mingw-w64-i686 libgtest-dev
                 libcli11-dev libfmt-dev libnbd-dev nlohmann-json3-dev python3)
 client_packages=(libnbd-bin qemu-utils fio e2fsprogs)
+long_packages=(tshark)
 fuzz_packages=(clang libclang-rt-dev)
 
 # One line per argument.

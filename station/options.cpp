@@ -214,6 +214,8 @@ std::optional<Options> parse_options(int argc, char** argv)
         ->allow_extra_args(false);
     app.add_option("--log", options.log, "append every message of the driver to this file")
         ->option_text("FILE");
+    app.add_option("--capture", options.capture, "write every packet to this file, for Wireshark\n(pcapng)")
+        ->option_text("FILE");
     app.add_option("--stats-json", options.stats_json,
                    "write statistics to this file, every second and at\nthe end")
         ->option_text("FILE");

@@ -29,6 +29,7 @@ struct Options {
     std::uint32_t above_4g_mb = 0;
     std::optional<std::string> log;
     std::optional<std::string> stats_json;
+    std::optional<std::string> capture;
     std::optional<std::string> local_disk;
     std::array<bool, formats::disk_count_max> read_only{};  // LUNs that clients may not write to
     bool status = false;

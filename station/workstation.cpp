@@ -1,15 +1,20 @@
 // SPDX-License-Identifier: MIT
 #include "station/workstation.h"
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <system_error>
 #include <utility>
 
 #include "formats/boot_record.h"
 #include "machine/transport/transport.h"
 #include "station/lun_device.h"
+#include "station/unique_fd.h"
 
 namespace station {
 
@@ -45,6 +50,22 @@ bool all_servers_local(const formats::Boot_Param& block)
     return std::all_of(std::begin(block.Main_Server), std::end(block.Main_Server), local) &&
            std::all_of(std::begin(block.Slave_Server), std::end(block.Slave_Server), local) &&
            local(block.Boot_Server);
+}
+
+// The address from which packets to this server leave; zero: there is no way to it.
+formats::ServerRecord own_address_towards(const formats::ServerRecord& server)
+{
+    formats::ServerRecord own{};
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(server.Port.get());
+    std::memcpy(&address.sin_addr, server.Ip, sizeof server.Ip);
+    const UniqueFd probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    socklen_t size = sizeof address;
+    if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+        getsockname(probe.get(), reinterpret_cast<sockaddr*>(&address), &size) == 0)
+        std::memcpy(own.Ip, &address.sin_addr, sizeof own.Ip);
+    return own;
 }
 
 std::unique_ptr<machine::DriverImage> load_driver(const std::string& name)
@@ -88,6 +109,8 @@ Workstation::Workstation(const Options& options, StopSignal& stop)
 {
     link_ = std::make_unique<machine::UdpLink>(
         machine_.scheduler(), all_servers_local(options.boot_block) ? "127.0.0.1" : "0.0.0.0");
+    if (options.capture)
+        start_capture();
     if (options.local_disk)
         open_local_disk();
     try {
@@ -114,6 +137,18 @@ Workstation::Workstation(const Options& options, StopSignal& stop)
         boot_locally();
     hand_over_boot_block();
     fill_registry();
+}
+
+void Workstation::start_capture()
+{
+    try {
+        capture_ = std::make_shared<machine::PacketCapture>(*options_.capture);
+    } catch (const std::system_error& error) {
+        throw OptionError("--capture: " + std::string(error.what()));
+    }
+    formats::ServerRecord own = own_address_towards(options_.boot_block.Main_Server[0]);
+    own.Port.set(link_->port());
+    link_->capture(capture_, own);
 }
 
 void Workstation::open_local_disk()
@@ -358,6 +393,8 @@ StationStatus Workstation::status()
 // A full disk must not stop the disks: told once.
 void Workstation::write_statistics()
 {
+    if (capture_ && !capture_->flush() && !std::exchange(capture_failed_, true))
+        complain("--capture: not every packet could be written");
     if (!options_.stats_json)
         return;
     try {

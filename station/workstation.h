@@ -12,6 +12,7 @@
 #include "machine/loader/driver_image.h"
 #include "machine/machine.h"
 #include "machine/scsiport/scsi_port.h"
+#include "machine/transport/packet_capture.h"
 #include "machine/transport/udp_link.h"
 #include "station/driver_messages.h"
 #include "station/exports.h"
@@ -34,6 +35,7 @@ public:
     int run();
 
 private:
+    void start_capture();
     void open_local_disk();
     void boot_locally();
     void hand_over_boot_block();
@@ -62,6 +64,7 @@ private:
     Synchronisation synchronisation_;
     std::optional<MessageLog> log_;
     std::unique_ptr<machine::DriverImage> driver_;
+    std::shared_ptr<machine::PacketCapture> capture_;
     std::unique_ptr<machine::UdpLink> link_;  // link and local disk outlive the machine
     std::optional<LocalDiskFile> local_disk_file_;
     std::optional<machine::LocalDisk> local_disk_;
@@ -73,6 +76,7 @@ private:
     StatusView view_;
     bool shutting_down_ = false;
     bool statistics_failed_ = false;
+    bool capture_failed_ = false;
 
     mutable std::mutex found_lock_;  // guards found_
     std::vector<machine::LunInfo> found_;

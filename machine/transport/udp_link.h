@@ -12,6 +12,7 @@
 
 namespace machine {
 
+class PacketCapture;
 class Scheduler;
 
 class UdpLink : public Link {
@@ -21,6 +22,9 @@ public:
     UdpLink(Scheduler& scheduler, const std::string& local_address);
     ~UdpLink() override;
 
+    // From now on every packet is added there, as one between this address and a server. Before the first
+    // packet.
+    void capture(std::shared_ptr<PacketCapture> capture, const formats::ServerRecord& own_address);
     LinkCounters counters() const;
     // The UDP port that answers come to.
     std::uint16_t port() const;

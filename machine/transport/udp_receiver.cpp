@@ -26,6 +26,7 @@ struct UdpReceiver::Batch {
     std::array<mmsghdr, batch_max> messages;
     std::array<iovec, batch_max> payloads;
     std::array<Control, batch_max> controls;
+    std::array<sockaddr_in, batch_max> senders;
 
     // Length of the packets that the kernel has joined into this datagram; 0: it is a single one.
     unsigned joined_packet_bytes(unsigned i)
@@ -102,6 +103,7 @@ std::uint32_t UdpReceiver::next(void** packet)
     Arrived& arrived = arrived_[arrived_next_];
     const std::uint32_t bytes = std::min(arrived.buffer->packet_bytes, arrived.bytes - arrived.offset);
     *packet = hand_out(arrived, bytes);
+    sender_ = arrived.from;
     arrived.offset += bytes;
     if (arrived.offset == arrived.bytes) {
         ++arrived_next_;
@@ -154,6 +156,8 @@ unsigned UdpReceiver::prepare_batch()
         batch_->payloads[prepared] = {buffer->bytes, buffer_bytes};
         msghdr& message = batch_->messages[prepared].msg_hdr;
         message = {};
+        message.msg_name = &batch_->senders[prepared];
+        message.msg_namelen = sizeof batch_->senders[prepared];
         message.msg_iov = &batch_->payloads[prepared];
         message.msg_iovlen = 1;
         message.msg_control = batch_->controls[prepared].bytes;
@@ -176,7 +180,7 @@ void UdpReceiver::accept_batch(unsigned count, unsigned prepared)
         }
         const unsigned joined_bytes = batch_->joined_packet_bytes(i);
         buffer.packet_bytes = joined_bytes ? std::min(joined_bytes, message.msg_len) : message.msg_len;
-        arrived_[arrived_count_++] = {&buffer, message.msg_len, 0};
+        arrived_[arrived_count_++] = {&buffer, message.msg_len, 0, batch_->senders[i]};
         packets_.fetch_add((message.msg_len + buffer.packet_bytes - 1) / buffer.packet_bytes,
                            std::memory_order_relaxed);
         bytes_.fetch_add(message.msg_len, std::memory_order_relaxed);

@@ -6,6 +6,8 @@
 // next() and wait() belong to one thread; release() and stop() to any.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -27,6 +29,8 @@ public:
     // The next packet that has arrived, with room for formats::poll_buffer_bytes; returns its length,
     // or 0 when there is none.
     std::uint32_t next(void** packet);
+    // Where the packet that next() gave last came from.
+    const sockaddr_in& sender() const { return sender_; }
     // Waits for packets, no longer than the socket's receive time-out. Returns false after stop().
     bool wait();
     void release(void* packet);
@@ -59,6 +63,7 @@ private:
         Buffer* buffer;
         std::uint32_t bytes;
         std::uint32_t offset;
+        sockaddr_in from;
     };
 
     Buffer* take_buffer();
@@ -76,6 +81,7 @@ private:
 
     struct Batch;
     std::unique_ptr<Batch> batch_;
+    sockaddr_in sender_{};
     std::array<Arrived, batch_max> arrived_;
     unsigned arrived_count_ = 0, arrived_next_ = 0;
 
