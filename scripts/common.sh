@@ -8,7 +8,9 @@ bin="$root/build/bin"
 build_packages=(g++ g++-multilib cmake ninja-build mingw-w64-common g++-mingw-w64-i686 libgtest-dev
                 libcli11-dev libfmt-dev libnbd-dev nlohmann-json3-dev python3)
 client_packages=(libnbd-bin qemu-utils fio e2fsprogs)
-long_packages=(tshark)
+# For the manuals and the Windows media of the packages, and the tests of those.
+package_packages=(scdoc mtools xorriso dpkg-dev file)
+long_packages=(tshark debootstrap "${package_packages[@]}")
 fuzz_packages=(clang libclang-rt-dev)
 
 # One line per argument.

@@ -1,0 +1,1 @@
+qrndisk installation disk
