@@ -19,6 +19,7 @@ TEST(Start, Image_makes_LUN_0_with_16_KB_packets_split_writes_and_no_retry_budge
     driver.machine.memory().write(0x96000, descriptor);
     driver.machine.memory().write(0x96010, sector);
     auto image = machine::builtin_driver();
+    Boot_Param.Disks[0].Retry_Mins = 9;  // as by a boot block without LUNs
     driver.run([&] { EXPECT_EQ(driver.machine.boot(*image), STATUS_SUCCESS); });
     ASSERT_NE(pSaved_MBR, nullptr);
     EXPECT_EQ(std::memcmp(pSaved_MBR, sector.data(), sector.size()), 0);

@@ -107,6 +107,26 @@ TEST(Overlay, Failed_transfers_are_told_apart_from_missing_sectors)
     });
 }
 
+TEST(Overlay, Map_block_that_cannot_be_written_takes_no_other_with_it)
+{
+    constexpr ULONG leaf_sectors = 128 * 128;
+    DriverPiece driver;
+    driver.run([] {
+        Overlay overlay(4000);
+        EXPECT_EQ(overlay.write(0, 1, 8, 1), 8 * 512);
+        overlay.area.bad = {32};
+        for (ULONG leaf = 1; leaf < 5; ++leaf)
+            EXPECT_EQ(overlay.write(0, leaf * leaf_sectors + 1, 8, leaf), 8 * 512) << leaf;
+        for (ULONG leaf = 0; leaf < 5; ++leaf) {
+            EXPECT_EQ(overlay.read(0, leaf * leaf_sectors + 1, 8), 8 * 512) << leaf;
+            EXPECT_EQ(overlay.version(0, leaf * leaf_sectors + 1, leaf * leaf_sectors + 8), leaf ? leaf : 1);
+        }
+        EXPECT_FALSE(overlay.disk[0]->Img_Flush());
+        overlay.area.bad = {};
+        EXPECT_TRUE(overlay.disk[0]->Img_Flush()) << "it stayed in its buffer";
+    });
+}
+
 // A workstation's disk that only one thread uses: what each of its sectors may hold is known. Version 0:
 // missing.
 class KnownDisk {

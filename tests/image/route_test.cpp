@@ -306,6 +306,45 @@ TEST(ImageRoute, Image_is_silent_until_it_is_checked_or_the_server_is_lost)
     });
 }
 
+NTSTATUS flush_status;
+bool flush_pends;
+
+NTSTATUS NTAPI answer_flush(PDEVICE_OBJECT, PIRP irp)
+{
+    irp->IoStatus.Status = flush_status;
+    irp->IoStatus.Information = 0;
+    if (flush_pends)
+        IoMarkIrpPending(irp);
+    const NTSTATUS result = flush_pends ? STATUS_PENDING : flush_status;
+    IofCompleteRequest(irp, IO_NO_INCREMENT);
+    return result;
+}
+
+TEST(FileIo, Flush_is_good_only_where_the_disk_has_flushed_or_has_nothing_to_flush)
+{
+    struct Row {
+        NTSTATUS status;
+        bool good;
+    };
+    const Row rows[] = {{STATUS_SUCCESS, true},          {STATUS_INVALID_DEVICE_REQUEST, true},
+                        {STATUS_NOT_IMPLEMENTED, true},  {STATUS_NOT_SUPPORTED, true},
+                        {STATUS_IO_DEVICE_ERROR, false}, {STATUS_DEVICE_NOT_READY, false}};
+    Workstation station({});
+    station.run([&] {
+        station.prepare();
+        PDEVICE_OBJECT device = QRNH_FSD_Obj("PhysicalDrive2");
+        ASSERT_NE(device, nullptr);
+        device->DriverObject->MajorFunction[IRP_MJ_FLUSH_BUFFERS] = answer_flush;
+        for (bool pends : {false, true})
+            for (const Row& row : rows) {
+                flush_pends = pends;
+                flush_status = row.status;
+                EXPECT_EQ(Fsd_Flush(device), row.good) << std::hex << row.status;
+            }
+        EXPECT_TRUE(Fsd_Flush(nullptr)) << "an area that is on no disk";
+    });
+}
+
 TEST(FileIo, Failures_are_told_and_cost_nothing_else)
 {
     Workstation station({});

@@ -194,6 +194,7 @@ TEST(Synchronisation, Copies_what_the_server_has_and_then_only_what_changed)
         expect_all(*first.disk, server.content, true, "first start");
         EXPECT_EQ(first.local.Header.Size.get(), disk_sectors);
         EXPECT_EQ(first.local.Header.CreateTime.get(), server.header().CreateTime.get());
+        EXPECT_EQ(first.local.Header.Modify_Time.get(), server.header().Modify_Time.get());
         EXPECT_EQ(first.local.Header.Sync_Tag.get(), 1u);
         EXPECT_EQ(first.local.Header.Sync_Pos.get(), chunks - 1);
         EXPECT_EQ(log.count("(12D)     0M   1S 0K/S"), 0u);
@@ -323,6 +324,60 @@ TEST(Synchronisation, Full_image_ends_the_run_and_claims_nothing)
         EXPECT_LT(start.local.Header.Sync_Pos.get(), 4u);
         expect_all(*start.disk, server.content, false, "full");
         check_after_cut(start.local.now, server);
+    });
+}
+
+// What a start serves of its image when it has no server; all of it only when all was copied, of one version.
+TEST(Synchronisation, Last_chunk_is_served_without_a_server_when_the_image_is_whole)
+{
+    DriverPiece driver;
+    driver.run([&] {
+        Server server;
+        server.write(130, 1);
+        server.write(disk_sectors - 1, 1);
+        Start first(Area(area_sectors * 512), server, 1);
+        EXPECT_EQ(first.run(), Sync_Running);
+        struct Row {
+            ULONG handled, tags_behind;
+            bool last_chunk;
+        };
+        for (const Row& row : {Row{chunks, 0, true}, Row{chunks - 1, 0, false}, Row{chunks, 1, false}}) {
+            MemoryArea area(first.local.now, 2);
+            ASSERT_EQ(area.open(0), 0);
+            area.Header.Sync_Pos.set(row.handled - 1);
+            area.Header.Sync_Tag.set(area.Header.ModifyTag.get() - row.tags_behind);
+            QRNH_IMG_RW disk(&area, 0);
+            disk.Serves = Img_Serves::Nothing;
+            ASSERT_TRUE(Serve_Unchecked(&disk));
+            EXPECT_FALSE(Serve_Unchecked(&disk)) << "once";
+            EXPECT_EQ(expect_read(disk, server.content, 130, 1, "copied"), 1u);
+            EXPECT_EQ(expect_read(disk, server.content, disk_sectors - 1, 1, "last"), ULONG{row.last_chunk});
+        }
+    });
+}
+
+// A chunk that is cut off half filled must not have a tag under which any server may know it, today or after
+// its image was put back.
+TEST(Synchronisation, Chunk_has_no_servers_tag_while_it_is_filled)
+{
+    DriverPiece driver;
+    driver.run([&] {
+        Server server;
+        server.write(128, 1);
+        Start first(Area(area_sectors * 512), server, 1);
+        EXPECT_EQ(first.run(), Sync_Running);
+        server.modify();
+        for (ULONG lba : {128u, 150u, 170u})
+            server.write(lba, 1);
+        Start second(first.local.now, server, 2);
+        std::vector<ULONG> tags;
+        second.local.after_write = [&] {
+            if (second.local.writes.back() > 32 && second.disk->Entry_Tag(1) != server.tag_of(1))
+                tags.push_back(second.disk->Entry_Tag(1));
+        };
+        EXPECT_EQ(second.run(), Sync_Running);
+        EXPECT_EQ(tags, (std::vector<ULONG>{0, Tag_In_Work, Tag_In_Work})) << "one for each of three runs";
+        EXPECT_EQ(second.disk->Entry_Tag(1), server.tag_of(1));
     });
 }
 

@@ -3,6 +3,7 @@
 // over one start after another.
 #include <algorithm>
 #include <cstring>
+#include <set>
 
 #include <gtest/gtest.h>
 
@@ -49,7 +50,8 @@ Bytes server_image(std::uint32_t tag, std::array<std::uint32_t, chunk_count> gen
     return area;
 }
 
-void partition(machine::LocalDisk& disk, std::uint32_t temporary = temporary_start)
+void partition(machine::LocalDisk& disk, std::uint32_t temporary = temporary_start,
+               std::uint32_t temporary_sectors = 2000)
 {
     Bytes sector(512);
     auto& table = *reinterpret_cast<formats::PartitionSector*>(sector.data());
@@ -58,7 +60,7 @@ void partition(machine::LocalDisk& disk, std::uint32_t temporary = temporary_sta
     table.Partition[0].Count.set(system_sectors);
     table.Partition[1].Type = formats::partition_temporary_image;
     table.Partition[1].Start.set(temporary);
-    table.Partition[1].Count.set(2000);
+    table.Partition[1].Count.set(temporary_sectors);
     disk.write(0, sector);
 }
 
@@ -293,6 +295,29 @@ TEST(LocalBoot, Damaged_map_is_made_anew)
         start.main.stop();
         start.expect(129, 4096, pattern(129, 4096, 1));
     });
+}
+
+// A write that crosses the end of a chunk goes past a full temporary image in two runs.
+TEST(LocalBoot, Runs_of_one_write_past_the_images_do_not_pass_for_each_other)
+{
+    machine::LocalDisk disk(8000);
+    partition(disk, temporary_start, first_data + 128);
+    LocalBoot start(disk, server_image(1, {1, 1, 0, 1}));
+    start.run([&] {
+        ASSERT_TRUE(start.write(0, 7, pattern(7, 4096, 2)));
+        start.forget_packets();
+        ASSERT_TRUE(start.write(0, 200, pattern(200, 65536, 3)));
+        start.expect(200, 65536, pattern(200, 65536, 3));
+    });
+    std::set<std::pair<unsigned, std::uint64_t>> runs;
+    for (const SeenPacket& packet : start.sent(formats::sub_request, formats::kind_write)) {
+        const auto& header = packet.header();
+        runs.insert({header.Seq.get(), header.Byte_Offset.get() - header.Pkt_Index * 8192u});
+    }
+    EXPECT_EQ(runs.size(), 2u) << "each counts its packets from 0";
+    EXPECT_NE(runs.begin()->first, runs.rbegin()->first) << "under a tag of its own";
+    EXPECT_TRUE(std::equal(start.main.content(0).begin() + 200 * 512,
+                           start.main.content(0).begin() + 328 * 512, pattern(200, 65536, 3).begin()));
 }
 
 TEST(LocalBoot, Areas_that_overlap_are_no_images)
