@@ -297,6 +297,24 @@ TEST(LocalBoot, Damaged_map_is_made_anew)
     });
 }
 
+// A server that has no area may say nothing when it is asked for one.
+TEST(LocalBoot, Look_for_the_servers_image_leaves_the_only_slot_to_requests)
+{
+    machine::LocalDisk disk(8000);
+    partition(disk);
+    LocalBoot start(disk, {}, {.flags = formats::disk_flag_one_slot | 1});
+    start.drop = [](const SeenPacket& packet) { return packet.header().Kind == formats::kind_sync_read; };
+    start.run([&] {
+        ASSERT_TRUE(start.write(0, 1, pattern(1, 65536, 50)));
+        start.machine.sleep_ms(500);
+        ASSERT_GT(start.sent(formats::sub_request, formats::kind_sync_read).size(), 0u);
+        Pending read(start);
+        read.read(0, 300, 4096).wait();
+        EXPECT_TRUE(read.ok());
+        EXPECT_LE(read.took_ms(), 100);
+    });
+}
+
 // A write that crosses the end of a chunk goes past a full temporary image in two runs.
 TEST(LocalBoot, Runs_of_one_write_past_the_images_do_not_pass_for_each_other)
 {
