@@ -23,7 +23,8 @@ struct Transfer {
     // caller's again from here on.
     void (*done)(Transfer&) = nullptr;
 
-    // The queue's own: how far the transfer is.
+    // The queue's own: how far the transfer is, and since when.
+    std::int64_t started_us = 0;
     std::uint32_t issued = 0;  // bytes handed to the disk
     std::uint32_t pieces_in_flight = 0;
     Transfer* next = nullptr;

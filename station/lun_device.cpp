@@ -66,7 +66,9 @@ LunQueue::~LunQueue()
 
 void LunQueue::submit(Transfer& transfer)
 {
-    ++statistics_.queue;
+    transfer.started_us = monotonic_us();
+    if (statistics_.queue++ == 0)
+        statistics_.news_us = transfer.started_us;
     transfer.issued = 0;
     transfer.pieces_in_flight = 0;
     transfer.error = 0;
@@ -167,7 +169,11 @@ void LunQueue::piece_done(Piece& piece)
 
 void LunQueue::count(const Transfer& transfer)
 {
+    const std::int64_t now_us = monotonic_us();
+    statistics_.news_us = now_us;
     --statistics_.queue;
+    if (!transfer.error)
+        statistics_.answer_times.add(now_us - transfer.started_us);
     if (transfer.error) {
         ++statistics_.errors;
         return;

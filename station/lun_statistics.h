@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "station/answer_times.h"
+
 namespace station {
 
 struct LunStatistics {
@@ -16,6 +18,14 @@ struct LunStatistics {
     std::atomic<std::uint64_t> sectors_written = 0;
     std::atomic<std::uint64_t> errors = 0;
     std::atomic<std::uint32_t> queue = 0;  // requests in flight
+    AnswerTimes answer_times;
+    std::atomic<std::int64_t> news_us = 0;  // when a request ended last, or came to an empty queue
+
+    // How long requests have been waiting without one coming back.
+    std::int64_t silent_ms(std::int64_t now_us) const
+    {
+        return queue != 0 && now_us > news_us ? (now_us - news_us) / 1000 : 0;
+    }
 
     std::atomic<std::uint64_t> time_outs = 0;  // packets, as the driver reports them
     enum class Server : std::uint8_t { main, main_alone, slave };

@@ -51,8 +51,8 @@ Once the disks are there, the station prints "ready" and the URI of each export.
 --status, and in that printed at the end, requests are those of clients, time-outs those of packets.
 
 SIGINT and SIGTERM end it: clients are finished with, the disks get the shutdown requests of an
-operating system, the statistics are printed, and the exit status is 0. Another signal, a second or
-more later, ends it at once.
+operating system, the statistics are printed, and the exit status is 0. A second signal ends
+it at once.
 
 Exit status 2: an argument is wrong or cannot be used; 1: the driver does not load, shows no disk,
 or stopped the machine, or a local disk has nothing to start with and no server answers.

@@ -48,8 +48,34 @@ std::string sync_progress(const SyncStatus& sync)
     return text;
 }
 
+nlohmann::ordered_json sync_json(const SyncStatus& sync)
+{
+    nlohmann::ordered_json json = {{"state", state_name(sync.state)}, {"chunks_total", sync.chunks_total},
+                                   {"chunks_done", sync.chunks_done}, {"chunks_of_run", sync.chunks_of_run},
+                                   {"time_ms", sync.time_ms},         {"mb_per_s", sync.megabytes_per_s()}};
+    if (const auto left = sync.seconds_left())
+        json["seconds_left"] = *left;
+    return json;
+}
+
+nlohmann::ordered_json cache_json(const formats::CacheStats& cache)
+{
+    return {{"size_mb", cache.Cache_MB},        {"blocks", cache.Blocks},
+            {"blocks_used", cache.Blocks_Used}, {"hits", cache.Hits},
+            {"misses", cache.Misses},           {"fills", cache.Fills},
+            {"write_backs", cache.Write_Backs}, {"write_throughs", cache.Write_Throughs}};
+}
+
+// Of all answers since the start.
+double percentile(const LunStatistics& count, unsigned percent)
+{
+    return AnswerTimes::percentile_ms(count.answer_times.counts(), {}, percent);
+}
+
+}  // namespace
+
 // Running: a bar. Later: how it ended.
-std::string sync_text(const SyncStatus& sync)
+std::string synchronisation_text(const SyncStatus& sync)
 {
     constexpr unsigned bar_width = 30;
     switch (sync.state) {
@@ -75,26 +101,6 @@ std::string sync_text(const SyncStatus& sync)
     return fmt::format("local image: {} after {:.1f} s: {}", state_name(sync.state),
                        static_cast<double>(sync.time_ms) / 1000, sync_progress(sync));
 }
-
-nlohmann::ordered_json sync_json(const SyncStatus& sync)
-{
-    nlohmann::ordered_json json = {{"state", state_name(sync.state)}, {"chunks_total", sync.chunks_total},
-                                   {"chunks_done", sync.chunks_done}, {"chunks_of_run", sync.chunks_of_run},
-                                   {"time_ms", sync.time_ms},         {"mb_per_s", sync.megabytes_per_s()}};
-    if (const auto left = sync.seconds_left())
-        json["seconds_left"] = *left;
-    return json;
-}
-
-nlohmann::ordered_json cache_json(const formats::CacheStats& cache)
-{
-    return {{"size_mb", cache.Cache_MB},        {"blocks", cache.Blocks},
-            {"blocks_used", cache.Blocks_Used}, {"hits", cache.Hits},
-            {"misses", cache.Misses},           {"fills", cache.Fills},
-            {"write_backs", cache.Write_Backs}, {"write_throughs", cache.Write_Throughs}};
-}
-
-}  // namespace
 
 std::optional<formats::CacheStats> cache_statistics(const void* all, unsigned lun)
 {
@@ -137,7 +143,7 @@ std::string status_table(const StationStatus& status)
     }
     text += cache_table(status);
     if (status.synchronisation)
-        text += sync_text(*status.synchronisation) + "\n";
+        text += synchronisation_text(*status.synchronisation) + "\n";
     text += fmt::format("up {:.1f} s, {} clients ({} accepted, {} refused); packets sent {} ({} calls), "
                         "received {} ({} calls)\n",
                         static_cast<double>(status.uptime_ms) / 1000, status.connections.open,
@@ -161,7 +167,7 @@ std::string status_line(const StationStatus& status)
                                 each.cache->Misses, each.cache->Write_Backs);
     }
     if (status.synchronisation)
-        text += " | " + sync_text(*status.synchronisation);
+        text += " | " + synchronisation_text(*status.synchronisation);
     return text;
 }
 
@@ -183,6 +189,9 @@ std::string status_json(const StationStatus& status)
                                 {"errors", count.errors.load()},
                                 {"time_outs", count.time_outs.load()},
                                 {"queue", count.queue.load()},
+                                {"answer_ms_50", percentile(count, 50)},
+                                {"answer_ms_99", percentile(count, 99)},
+                                {"silent_ms", count.silent_ms(monotonic_us())},
                                 {"server", server_name(count.server)}});
         if (each.cache)
             json["luns"].back()["cache"] = cache_json(*each.cache);

@@ -39,6 +39,8 @@ std::optional<formats::CacheStats> cache_statistics(const void* all, unsigned lu
 // "main" and "slave", with "(no mirror)" once a mirrored write has given the slave up.
 const char* server_name(LunStatistics::Server server);
 
+// How far the local image is filled, in one line.
+std::string synchronisation_text(const SyncStatus& sync);
 // Several lines, each ended by a line break.
 std::string status_table(const StationStatus& status);
 // One line, without its end.

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "station/status_output.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "programs/replace_file.h"
 
@@ -17,7 +19,11 @@ void StatusView::show(const StationStatus& status)
         std::fflush(stdout);
         return;
     }
-    const std::string table = status_table(status);
+    winsize size{};
+    ioctl(STDOUT_FILENO, TIOCGWINSZ, &size);
+    const char* const plain = std::getenv("NO_COLOR");
+    const std::string table =
+        table_.draw(status, size.ws_col != 0 ? size.ws_col : 80, plain == nullptr || *plain == '\0');
     std::string text;
     if (lines_)
         text = "\x1b[" + std::to_string(lines_) + "A";

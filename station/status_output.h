@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "station/live_table.h"
 #include "station/station_status.h"
 
 namespace station {
@@ -14,6 +15,7 @@ public:
     void show(const StationStatus& status);
 
 private:
+    LiveTable table_;
     unsigned lines_ = 0;  // of the table on the screen, below which the cursor stands
 };
 

@@ -9,7 +9,7 @@ namespace station {
 
 namespace {
 
-constexpr std::chrono::seconds repetition_time{1};
+constexpr std::chrono::milliseconds repetition_time{100};
 
 }  // namespace
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // SIGINT and SIGTERM as one request to stop. Made first thing in main, before any thread: the signals
-// are blocked everywhere and taken by a thread of their own. Another one a second or more later ends
-// the process at once, for the case that the orderly way hangs. (Some senders signal the process and
-// its group, and so twice.)
+// are blocked everywhere and taken by a thread of their own. A second one ends the
+// process at once, for the case that the orderly way hangs. (One that comes within a tenth of a second is the same:
+// some senders signal the process and its group.)
 #pragma once
 
 #include <chrono>
