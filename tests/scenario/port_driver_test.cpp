@@ -178,5 +178,30 @@ TEST(PortDriver, Notices_draw_as_many_requests_as_the_disk_has_slots)
     });
 }
 
+// No request of the disk ends, and one is waiting in the driver; so only the notices of time-outs can draw
+// more.
+TEST(PortDriver, Time_outs_draw_the_shutdown_out_from_behind_requests_that_wait_for_a_dead_server)
+{
+    Rig rig({.disks = {{}, {.flags = 0x01, .retry_mins = 30}}, .feeding = machine::Feeding::held_back});
+    rig.run([&] {
+        Bytes data(4096);
+        EXPECT_TRUE(rig.read(1, 0, data));
+        rig.main.stop();
+        std::vector<std::unique_ptr<Pending>> reads;
+        for (unsigned i = 0; i < 4; ++i) {
+            reads.push_back(std::make_unique<Pending>(rig));
+            reads.back()->read(1, i * 8, 4096);
+        }
+        rig.machine.sleep_ms(10);
+        const double before_ms = rig.now_ms();
+        rig.scsi().shutdown();
+        EXPECT_LT(rig.now_ms() - before_ms, 120'000);
+        for (const auto& read : reads) {
+            read->wait();
+            EXPECT_FALSE(read->ok());
+        }
+    });
+}
+
 }  // namespace
 }  // namespace scenario
