@@ -23,6 +23,8 @@ DiskPlace make_disk_place(const Boot_Param& param, unsigned lun)
     const Disk_Info& disk = param.Disks[lun];
     DiskPlace place{};
     place.server = param.Main_Server[lun];
+    if ((disk.Disk_Id[2] & disk_id_mirror) != 0)
+        place.slave = param.Slave_Server[lun];
     for (unsigned i = 0; i < 4; ++i) {
         place.id[i] = disk.Disk_Id[i];
         place.parm[i] = disk.Disk_Parm[i];
@@ -80,14 +82,14 @@ Landing BlockPacket::take(const std::uint8_t* packet, unsigned size_bytes)
     Landing nothing{};
     if (size_bytes < request_bytes || complete_)
         return nothing;
+    const auto* mine = reinterpret_cast<const std::uint8_t*>(&header_);
+    for (unsigned i = 0; i < match_offset + match_bytes; ++i)
+        if (i != offsetof(WireHeader, Sub_Code) && i != offsetof(WireHeader, Kind) && packet[i] != mine[i])
+            return nothing;
     WireHeader answer{};
     auto* bytes = reinterpret_cast<std::uint8_t*>(&answer);
-    const auto* mine = reinterpret_cast<const std::uint8_t*>(&header_);
     for (unsigned i = 0; i < sizeof answer && i < size_bytes; ++i)
         bytes[i] = packet[i];
-    for (unsigned i = 0; i < match_offset + match_bytes; ++i)
-        if (i != offsetof(WireHeader, Sub_Code) && i != offsetof(WireHeader, Kind) && bytes[i] != mine[i])
-            return nothing;
     if (!write_ && answer.Kind == kind_read_data && size_bytes >= header_bytes)
         return take_data(answer, size_bytes - header_bytes);
     Landing landing{};
@@ -131,13 +133,33 @@ Landing BlockPacket::take_data(const WireHeader& answer, unsigned data_bytes)
     return landing;
 }
 
-void PacketSize::packet_done(bool was_resent)
+unsigned BlockPacket::last_outstanding() const
 {
-    if (was_resent) {
-        good_ = 0;
+    unsigned last = 0;
+    for (unsigned i = 0; i < fragments(); ++i)
+        if (is_outstanding(i))
+            last = i;
+    return last;
+}
+
+unsigned Window::next_sectors(unsigned in_flight, unsigned wanted, unsigned packet_max) const
+{
+    const unsigned most = wanted < packet_max ? wanted : packet_max;
+    const unsigned room = in_flight < sectors_ ? sectors_ - in_flight : 0u;
+    if (room >= most)
+        return most;
+    // A small packet costs as much as a large one.
+    return in_flight == 0 || room >= packet_min ? room : 0;
+}
+
+void Window::packet_done(bool was_resent)
+{
+    if (spared_ != 0) {
+        --spared_;
+    } else if (was_resent) {
+        spared_ = losses_spared;
         sectors_ = static_cast<std::uint8_t>(sectors_ / 2 < sectors_min ? sectors_min : sectors_ / 2);
-    } else if (sectors_ < sectors_max && ++good_ == good_before_growth) {
-        good_ = 0;
+    } else if (sectors_ < sectors_max) {
         sectors_ = static_cast<std::uint8_t>(sectors_ + 2);
     }
 }

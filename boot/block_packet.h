@@ -12,6 +12,7 @@ constexpr unsigned ticks_per_second = 18;  // of the BIOS clock
 // Where a disk's packets go, and what they are like.
 struct DiskPlace {
     formats::ServerRecord server;
+    formats::ServerRecord slave;  // of a mirrored disk; names no server: none, or none any more
     std::uint8_t id[4];
     std::uint8_t parm[4];
     std::uint32_t sectors;
@@ -44,9 +45,12 @@ public:
     // Of a write, from 0; its data is at Frag_Off of the packet, Frag_Size bytes.
     const formats::WireHeader& fragment(unsigned index);
     bool is_outstanding(unsigned index) const { return (outstanding_ >> index & 1) != 0; }
+    unsigned last_outstanding() const;  // fragment, from 0
+    unsigned sectors() const { return length_ / formats::sector_bytes; }
     unsigned fragments() const { return formats::fragment_count(length_); }
 
     Landing take(const std::uint8_t* packet, unsigned size_bytes);
+    bool has_begun() const { return outstanding_ != all(); }
     bool is_complete() const { return complete_; }
     void resend_all() { outstanding_ = all(); }
 
@@ -66,19 +70,24 @@ constexpr unsigned wait_ticks(unsigned resends)
     return ticks < 4 * ticks_per_second ? ticks : 4 * ticks_per_second;
 }
 
-// Sectors of the next packet: fewer after a loss, as cards with few receive buffers lose the end of every
-// long answer, and slowly more again.
-class PacketSize {
+// A mirrored disk's server is given up after as long a silence as the driver bears, whose packets may have 21
+// time-outs of 1.11 s each, and not one more.
+constexpr unsigned mirror_patience_ticks = 22 * 111 * ticks_per_second / 100;
+
+// How many sectors may be under way at a time: fewer after a loss, as cards with few receive buffers lose the
+// end of every long answer, and more again with every packet that arrives whole.
+class Window {
 public:
-    unsigned sectors(unsigned limit) const { return limit < sectors_ ? limit : sectors_; }
+    // Of the next packet. 0: wait for what is in flight.
+    unsigned next_sectors(unsigned in_flight, unsigned wanted, unsigned packet_max) const;
     void packet_done(bool was_resent);
 
 private:
-    static constexpr std::uint8_t sectors_max = formats::packet_bytes_max / formats::sector_bytes;
-    static constexpr std::uint8_t sectors_min = 4;
-    static constexpr std::uint8_t good_before_growth = 64;
-    std::uint8_t sectors_ = sectors_max;
-    std::uint8_t good_ = 0;
+    static constexpr std::uint8_t sectors_max = 4 * formats::packet_bytes_max / formats::sector_bytes;
+    static constexpr std::uint8_t sectors_begin = formats::packet_bytes_max / formats::sector_bytes;
+    static constexpr std::uint8_t sectors_min = 4, packet_min = 8, losses_spared = 8;
+    std::uint8_t sectors_ = sectors_begin;
+    std::uint8_t spared_ = 0;  // packets that were under way at the last loss and do not count
 };
 
 }  // namespace boot

@@ -85,8 +85,11 @@ void complete_servers(Boot_Param& param, const NetworkPlace& place)
             record.Port.set(place.server_port);
     };
     complete(param.Boot_Server);
-    for (unsigned lun = 0; lun < param.Lun_Nums; ++lun)
+    for (unsigned lun = 0; lun < param.Lun_Nums; ++lun) {
         complete(param.Main_Server[lun]);
+        if (param.Slave_Server[lun].names_a_server())
+            complete(param.Slave_Server[lun]);
+    }
 }
 
 void make_network_record(NetworkRecord& record, const NetworkPlace& place, std::uint16_t own_port)

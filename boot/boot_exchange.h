@@ -16,8 +16,8 @@ enum class Verdict { foreign, refused, no_disks, bad_disk, accepted };
 Verdict judge_answer(const std::uint8_t* packet, unsigned size_bytes, const formats::BootRequest& request,
                      formats::BootAnswer& answer);
 
-// Main servers without an address, or with one that means a server's own machine, are the server that
-// answered.
+// Main servers without an address are the server that answered, and any server's address that means its own
+// machine is that server's address.
 void complete_servers(formats::Boot_Param& param, const NetworkPlace& place);
 
 void make_network_record(formats::NetworkRecord& record, const NetworkPlace& place, std::uint16_t own_port);

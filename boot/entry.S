@@ -246,6 +246,11 @@ far_copy:
     pushl %edx
     popw %si
     popw %ds
+    movw %cx, %ax
+    andw $3, %ax
+    shrw $2, %cx
+    rep movsl
+    movw %ax, %cx
     rep movsb
     popw %es
     popw %ds

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "boot/int13.h"
 
-#include "boot/network.h"
+#include "boot/pc.h"
+#include "boot/transfer.h"
 
 namespace boot {
 

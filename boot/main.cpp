@@ -4,7 +4,9 @@
 #include "boot/boot_exchange.h"
 #include "boot/int13.h"
 #include "boot/network.h"
+#include "boot/pc.h"
 #include "boot/screen.h"
+#include "boot/transfer.h"
 
 namespace boot {
 
@@ -109,7 +111,7 @@ void set_up_disks()
 {
     const formats::Boot_Param& param = answer.Param;
     for (unsigned lun = 0; lun < param.Lun_Nums && param.Disks[lun].Disk_Secs.get() != 0; ++lun) {
-        set_disk(lun, make_disk_place(param, lun), param.Slave_Server[lun]);
+        set_disk(lun, make_disk_place(param, lun));
         tell_disk(lun);
         if (!transfer(lun, Direction::read, 0, 1, linear_of(far_of(sector)))) {
             print("qrnboot: the disk's server does not answer; the PC has only the disks before it\n");
@@ -122,6 +124,7 @@ void set_up_disks()
 void leave_records()
 {
     make_boot_record(records.boot, answer);
+    keep_servers_in(records.boot.Param);
     make_network_record(records.network, place, own_port());
 }
 
@@ -153,6 +156,7 @@ extern "C" unsigned boot_main()
     print(answer.Text);
     print("\n");
     complete_servers(answer.Param, place);
+    keep_servers_in(answer.Param);
     set_up_disks();
     leave_records();
     install_handlers();

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "boot/network.h"
 
-#include "boot/screen.h"
+#include "boot/pc.h"
+#include "boot/transfer.h"
 
 namespace boot {
 
@@ -11,7 +12,6 @@ namespace {
 
 using formats::Be16;
 using formats::Le16;
-using formats::sector_bytes;
 
 // Parameters of the card's services.
 struct CachedInfo {
@@ -45,12 +45,6 @@ constexpr unsigned first_port = 49152;
 
 NetworkPlace network_place;
 std::uint16_t port_of_ours;
-std::uint8_t send_buffer[formats::header_bytes + formats::fragment_bytes_max];
-DiskPlace disks[formats::disk_count_max];
-formats::ServerRecord slaves[formats::disk_count_max];
-std::uint16_t sequence;
-constinit PacketSize packet_size;
-bool silence_told;
 
 template <typename Parameters>
 bool service(unsigned opcode, Parameters& parameters)
@@ -75,105 +69,6 @@ void take_cached(NetworkPlace& place, std::uint16_t type)
                          info.Size.get() < sizeof receive_buffer ? info.Size.get() : sizeof receive_buffer);
 }
 
-// Since when nobody answers, and what was told of it.
-class Silence {
-public:
-    void tell(const formats::ServerRecord& server)
-    {
-        const unsigned seconds = ticks_since(begin_) / ticks_per_second;
-        if (seconds < next_line_s_)
-            return;
-        next_line_s_ = seconds + first_line_s;
-        silence_told = true;
-        print("\rqrnboot: server ");
-        print_place(server.Ip, server.Port.get());
-        print(" silent since ");
-        print_number(seconds);
-        print(" s, still trying ");
-    }
-    void end()
-    {
-        begin_ = bios_ticks();
-        next_line_s_ = first_line_s;
-        if (silence_told)
-            print("\nqrnboot: the server is back\n");
-        silence_told = false;
-    }
-    std::uint32_t ticks() const { return ticks_since(begin_); }
-
-private:
-    static constexpr unsigned first_line_s = 5;
-    std::uint32_t begin_ = bios_ticks();
-    unsigned next_line_s_ = first_line_s;
-};
-
-void send_header(const formats::ServerRecord& server, const formats::WireHeader& header)
-{
-    send(server.Ip, server.Port.get(), &header, formats::request_bytes);
-}
-
-void send_fragments(const formats::ServerRecord& server, BlockPacket& packet, std::uint32_t linear)
-{
-    for (unsigned i = 0; i < packet.fragments(); ++i) {
-        if (!packet.is_outstanding(i))
-            continue;
-        const formats::WireHeader& header = packet.fragment(i);
-        far_copy(far_of(send_buffer), far_of(&header), sizeof header);
-        far_copy(far_of(send_buffer + sizeof header), far_at(linear + header.Frag_Off.get()),
-                 header.Frag_Size.get());
-        send(server.Ip, server.Port.get(), send_buffer,
-             static_cast<unsigned>(sizeof header) + header.Frag_Size.get());
-    }
-}
-
-// One packet until it is complete. False: nobody answered for too long.
-bool exchange(const formats::ServerRecord& server, const DiskPlace& disk, BlockPacket& packet,
-              Direction direction, std::uint32_t linear, bool for_ever, bool& was_resent)
-{
-    const bool write = direction == Direction::write;
-    Silence silence;
-    unsigned resends = 0;
-    bool query_next = disk.answers_queries;
-    if (write)
-        send_fragments(server, packet, linear);
-    else
-        send_header(server, packet.request(false));
-    for (std::uint32_t last = bios_ticks(); !packet.is_complete();) {
-        const unsigned size = receive();
-        const Landing landing = size != 0 ? packet.take(receive_buffer, size) : Landing{};
-        if (landing.is_zeros)
-            far_zero(far_at(linear), packet.request(false).Length.get());
-        if (landing.has_data)
-            far_copy(far_at(linear + landing.offset), far_of(receive_buffer + formats::header_bytes),
-                     landing.size);
-        if (landing.is_ours) {
-            last = bios_ticks();
-            resends = 0;
-            silence.end();
-        }
-        if (landing.wants_resend)
-            send_fragments(server, packet, linear);
-        if (size == 0)
-            silence.tell(server);
-        if (size != 0 || ticks_since(last) < wait_ticks(resends))
-            continue;
-        if (!for_ever && disk.retry_minutes != 0 &&
-            silence.ticks() > disk.retry_minutes * 60u * ticks_per_second)
-            return false;
-        was_resent = true;
-        ++resends;
-        if (query_next || !write) {
-            send_header(server, packet.request(query_next));
-        } else {
-            packet.resend_all();
-            send_fragments(server, packet, linear);
-        }
-        query_next = disk.answers_queries && !query_next;
-        last = bios_ticks();
-    }
-    return true;
-}
-
 }  // namespace
 
 bool open_card(NetworkPlace& place)
@@ -191,7 +86,7 @@ bool open_udp(const NetworkPlace& place)
     network_place = place;
     // Answers to whoever had our address before do not match.
     const std::uint32_t ticks = bios_ticks();
-    sequence = static_cast<std::uint16_t>(ticks * 7);
+    start_sequence(static_cast<std::uint16_t>(ticks * 7));
     port_of_ours = static_cast<std::uint16_t>(first_port + (ticks & 0x3FFF));
     UdpOpen open{};
     far_copy(far_of(open.Ip), far_of(place.ip), sizeof open.Ip);
@@ -230,44 +125,24 @@ unsigned receive()
     return read.Size.get();
 }
 
-bool transfer(unsigned lun, Direction direction, std::uint32_t lba, unsigned sectors, std::uint32_t linear)
+std::uint32_t bios_ticks()
 {
-    static BlockPacket packet;
-    const DiskPlace& disk = disks[lun];
-    const bool write = direction == Direction::write;
-    const bool mirrored =
-        write && (disk.id[2] & formats::disk_id_mirror) != 0 && slaves[lun].names_a_server();
-    while (sectors != 0) {
-        unsigned count = packet_size.sectors(write ? disk.write_sectors_max : disk.read_sectors_max);
-        if (count > sectors)
-            count = sectors;
-        ++sequence;
-        bool was_resent = false;
-        packet.begin(disk, write, lba, count, sequence);
-        if (!exchange(disk.server, disk, packet, direction, linear, lun == 0 && !write, was_resent))
-            return false;
-        if (mirrored) {
-            packet.begin(disk, write, lba, count, static_cast<std::uint16_t>(~sequence));
-            if (!exchange(slaves[lun], disk, packet, direction, linear, false, was_resent))
-                return false;
-        }
-        packet_size.packet_done(was_resent);
-        lba += count;
-        sectors -= count;
-        linear += count * sector_bytes;
-    }
-    return true;
+    return peek<std::uint32_t>(0x0040006C);
 }
 
-void set_disk(unsigned lun, const DiskPlace& disk, const formats::ServerRecord& slave)
+void copy_out(std::uint32_t linear, const void* ours, unsigned byte_count)
 {
-    disks[lun] = disk;
-    slaves[lun] = slave;
+    far_copy(far_at(linear), far_of(ours), byte_count);
 }
 
-const DiskPlace& disk(unsigned lun)
+void copy_in(void* ours, std::uint32_t linear, unsigned byte_count)
 {
-    return disks[lun];
+    far_copy(far_of(ours), far_at(linear), byte_count);
+}
+
+void zero_out(std::uint32_t linear, unsigned byte_count)
+{
+    far_zero(far_at(linear), byte_count);
 }
 
 }  // namespace boot

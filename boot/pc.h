@@ -59,18 +59,4 @@ void poke(FarAddress address, Value value)
     far_copy(address, far_of(&value), sizeof value);
 }
 
-// The BIOS clock: 18.2 ticks a second, back to 0 at midnight.
-inline std::uint32_t bios_ticks()
-{
-    return peek<std::uint32_t>(0x0040006C);
-}
-
-// Since an earlier tick.
-inline std::uint32_t ticks_since(std::uint32_t earlier)
-{
-    constexpr std::uint32_t ticks_a_day = 0x1800B0;
-    const std::uint32_t now = bios_ticks();
-    return now >= earlier ? now - earlier : now + ticks_a_day - earlier;
-}
-
 }  // namespace boot

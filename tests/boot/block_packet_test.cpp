@@ -115,20 +115,33 @@ TEST_F(Packets, Answers_that_do_not_belong_or_lie_about_their_place_do_nothing)
         EXPECT_FALSE(land(Bytes(answers[1].begin(), answers[1].begin() + size)).is_ours) << size;
 }
 
-TEST(Patience, Grows_to_four_seconds_and_packets_shrink_with_losses)
+TEST(Patience, Grows_to_four_seconds)
 {
     for (unsigned resends = 0; resends < 300; ++resends) {
         EXPECT_LE(wait_ticks(resends), wait_ticks(resends + 1));
         EXPECT_LE(wait_ticks(resends), 4 * ticks_per_second);
     }
-    PacketSize size;
-    EXPECT_EQ(size.sectors(16), 16u);
-    for (unsigned i = 0; i < 10; ++i)
-        size.packet_done(true);
-    EXPECT_EQ(size.sectors(32), 4u);
-    for (unsigned i = 0; i < 64 * 20; ++i)
-        size.packet_done(false);
-    EXPECT_EQ(size.sectors(32), 32u);
+}
+
+TEST(Window, Is_halved_by_a_loss_and_grows_with_every_whole_packet)
+{
+    Window window;
+    EXPECT_EQ(window.next_sectors(0, 127, 16), 16u);
+    EXPECT_EQ(window.next_sectors(16, 111, 16), 16u);
+    EXPECT_EQ(window.next_sectors(32, 95, 16), 0u);
+    EXPECT_EQ(window.next_sectors(31, 1, 16), 1u) << "the last sector of a transfer";
+    window.packet_done(true);
+    EXPECT_EQ(window.next_sectors(0, 127, 32), 16u);
+    for (unsigned i = 0; i < 8; ++i)
+        window.packet_done(true);
+    EXPECT_EQ(window.next_sectors(0, 127, 32), 16u) << "lost at the same time";
+    for (unsigned i = 0; i < 9 * 10; ++i)
+        window.packet_done(true);
+    EXPECT_EQ(window.next_sectors(0, 127, 32), 4u);
+    for (unsigned i = 0; i < 1000; ++i)
+        window.packet_done(false);
+    EXPECT_EQ(window.next_sectors(96, 127, 32), 32u);
+    EXPECT_EQ(window.next_sectors(128, 127, 32), 0u);
 }
 
 }  // namespace
