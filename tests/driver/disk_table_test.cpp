@@ -19,7 +19,6 @@ TEST(Start, Image_makes_LUN_0_with_16_KB_packets_split_writes_and_no_retry_budge
     driver.machine.memory().write(0x96000, descriptor);
     driver.machine.memory().write(0x96010, sector);
     auto image = machine::builtin_driver();
-    Boot_Param.Disks[0].Retry_Mins = 9;  // as by a boot block without LUNs
     driver.run([&] { EXPECT_EQ(driver.machine.boot(*image), STATUS_SUCCESS); });
     ASSERT_NE(pSaved_MBR, nullptr);
     EXPECT_EQ(std::memcmp(pSaved_MBR, sector.data(), sector.size()), 0);
@@ -30,6 +29,21 @@ TEST(Start, Image_makes_LUN_0_with_16_KB_packets_split_writes_and_no_retry_budge
     EXPECT_EQ(disk.Disk_Flags, 0x24);
     EXPECT_EQ(disk.Retry_Mins, 0);
     EXPECT_EQ(Start_Event.Header.SignalState, 1);
+}
+
+TEST(Start, Image_takes_nothing_over_from_a_boot_block_without_LUNs)
+{
+    const std::uint8_t descriptor[] = {0xE9, 13, 0, 0x90, 'Q', 'R', 'N', 'H', 0x44, 0x10, 0, 0};
+    DriverPiece driver;
+    driver.machine.memory().write(0x96000, descriptor);
+    driver.run([&] {
+        KeInitializeEvent(&Start_Event, NotificationEvent, FALSE);
+        std::memset(&Boot_Param.Disks[0], 0xEE, sizeof Boot_Param.Disks[0]);
+        Find_HDD_Image();
+        const formats::Disk_Info& disk = Boot_Param.Disks[0];
+        EXPECT_EQ(disk.Disk_Flags, 0x24);
+        EXPECT_EQ(disk.Retry_Mins, 0);
+    });
 }
 
 }  // namespace

@@ -65,6 +65,27 @@ TEST(MemoryObject, Divides_its_pool_into_records_entries_and_blocks)
     }
 }
 
+// Memory above 4 GB comes with whatever a system before left there.
+TEST(MemoryObject, No_block_is_listed_at_first_whatever_its_memory_held)
+{
+    machine::MachineConfig config = with_memory(gb);
+    config.unmanaged_above_4g_bytes = 64 * mb;
+    config.garbage_above_4g = true;
+    DriverPiece driver(config);
+    driver.run([&] {
+        Phys_Mem_Probe();
+        PAE_Nums = 16;
+        QRNH_OBJ_MEM object{};
+        ASSERT_EQ(object.Create(64, 1), 0) << driver.machine.log().text();
+        ASSERT_EQ(object.pQRN_MDL->MDL_Nums, 0);
+        for (LONG b = 0; b < object.LRU_Nums; ++b) {
+            ASSERT_EQ(object.Rec_Get(object.pLRU_Nodes + b)->Slot_Ref, 0u) << b;
+            object.Rec_Put(object.pLRU_Nodes + b);
+        }
+        object.Destory();
+    });
+}
+
 TEST(MemoryObject, Fails_without_ring_and_waits_for_a_window)
 {
     DriverPiece driver(with_memory(gb));
