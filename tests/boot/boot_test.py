@@ -164,6 +164,64 @@ class Boot(unittest.TestCase):
         pc.wait_for("Ctrl-Alt-Del", 5)
         again.stop()
 
+    def test_BIOS_calls_do_what_boot_loaders_expect(self):
+        image, second = (guest.make_bios_check(self.folder / name, bootable=bootable)
+                         for name, bootable in (("check.img", True), ("second.img", False)))
+        before = image.read_bytes()
+        server = self.serve(image, second)
+        pc = guest.PC(self, self.folder, server.port)
+        pc.wait_for("done", 120)
+        pc.wait_for_end(20)
+        console = pc.console()
+        self.assertNotIn("BAD", console, console[-3000:])
+        self.assertEqual(console.count("\nok "), 25, console[-3000:])
+        server.stop()
+        pattern = b"".join(guest.pattern(sector) for sector in range(1000, 1120))
+        expected = bytearray(before)
+        expected[5000 * 512:5120 * 512] = pattern
+        expected[130 * 512:134 * 512] = pattern[:4 * 512]
+        self.assertTrue(image.read_bytes() == expected, "the disk is as it was but for what was written")
+
+    def test_A_refusal_is_on_the_screen_and_Ctrl_Alt_Del_restarts_the_PC(self):
+        server = guest.AnsweringServer()
+        server.next_answer = (3, "this PC is not known here\x1b", b"")
+        pc = guest.PC(self, self.folder, server.port)
+        pc.wait_for("the server refuses: this PC is not known here?", 60)
+        server.next_answer = (2, "nothing for you", b"")
+        pc.wait_for("the server has no disks for this PC", 60)
+        huge = bytearray(360)
+        huge[5 - 1] = 1
+        huge[48 + 26:48 + 30] = b"\xff" * 4
+        server.next_answer = (2, "a monster", bytes(huge))
+        pc.wait_for("the server tells of a disk that cannot be", 60)
+        server.next_answer = None
+        pc.wait_for("no answer from", 60)
+        self.assertIsNone(pc.process.poll())
+        pc.press_ctrl_alt_del()
+        pc.wait_for_end(20)
+
+    def test_A_mirrored_disk_outlives_its_main_server(self):
+        environment = b"# GRUB Environment Block\n" + b"#" * 999
+        large, digest = self.large_file()
+        image = self.make_system("set mark=both", "save_env mark", "echo READING", "hashsum --hash sha256 /large",
+                                 "set mark=left", "save_env mark", "echo WRITTEN", size_mb=LARGE_MB + 96,
+                                 files=[large, ("boot/grub/grubenv", environment)])
+        copy = self.folder / "copy.img"
+        guest.shutil.copy(image, copy)
+        slave = self.serve(f"{copy},id=51521001")
+        main = self.serve(f"{image},id=51521001,mirror=127.0.0.1:{slave.port}")
+        pc = guest.PC(self, self.folder, main.port)
+        pc.wait_for("READING", 60)
+        main.kill()
+        pc.wait_for("given up, its mirror takes over", 90)
+        self.assertNotIn(digest, pc.console(), "the server was gone too late")
+        pc.wait_for(digest, 180)
+        pc.wait_for("WRITTEN", 30)
+        pc.stop()
+        slave.stop()
+        for path, mark in ((image, b"mark=both"), (copy, b"mark=left")):
+            self.assertIn(b"# GRUB Environment Block\n" + mark, path.read_bytes())
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -21,6 +21,8 @@ KERNEL_FOLDER = pathlib.Path(os.environ.get("QRN_BOOT_KERNEL", "build/boot/kerne
 BIN = pathlib.Path(os.environ.get("QRN_BIN", "build/bin"))
 GRUB = pathlib.Path("/usr/lib/grub/i386-pc")
 MODULES = "virtio_ring virtio virtio_pci_legacy_dev virtio_pci_modern_dev virtio_pci virtio_blk".split()
+BIOS_CHECK = BIN.parent / "host/tests/pc/bios_check"
+BIOS_CHECK_SECTORS = 2 * 255 * 63
 PARTITION_SECTOR = 2048
 
 
@@ -85,6 +87,20 @@ def make_disk(folder, name, size_mb, script, menu, files=()):
     shutil.rmtree(content)
     partition.unlink()
     return image
+
+
+def pattern(sector):
+    first = (sector * 7 + (sector >> 8) * 3) % 256
+    return (bytes(range(256)) * 3)[first:first + 512]
+
+
+def make_bios_check(path, sectors=BIOS_CHECK_SECTORS, bootable=True):
+    """A disk that starts bios_check.cpp, or one that it reads; every sector has the pattern that it knows."""
+    program = BIOS_CHECK.read_bytes() if bootable else b""
+    with open(path, "wb") as file:
+        file.write(program)
+        file.write(b"".join(pattern(sector) for sector in range(len(program) // 512, sectors)))
+    return path
 
 
 def grub_menu(*lines):
@@ -160,6 +176,26 @@ def pc_command(folder, server_port, card="e1000", options=()):
             f"user,id=n,tftp={tftp},bootfile=start", "-device", f"{card},netdev=n", *(options or ("-nographic",))]
 
 
+class AnsweringServer(threading.Thread):
+    """Answers boot requests with what next_answer says: kind, text, boot parameter block."""
+
+    def __init__(self):
+        super().__init__(daemon=True)
+        self.end = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.end.bind(("127.0.0.1", 0))
+        self.port = self.end.getsockname()[1]
+        self.next_answer = None
+        self.start()
+
+    def run(self):
+        while True:
+            request, address = self.end.recvfrom(2000)
+            if request[:4] == b"QRNB" and self.next_answer:
+                kind, text, block = self.next_answer
+                self.end.sendto(b"QRNB" + bytes((1, kind)) + (464).to_bytes(2, "big") + request[8:18] + bytes(6)
+                                + text.encode().ljust(80, b"\0") + block.ljust(360, b"\0"), address)
+
+
 def plain(text):
     """Without a terminal's control sequences."""
     return re.sub(r"\x1b(\[[0-9;?=]*[A-Za-z]|c)", "", text).replace("\r", "")
@@ -169,11 +205,11 @@ class PC:
     """QEMU with a card and no disk, unless options say so; its console's text as it comes."""
 
     def __init__(self, case, folder, server_port, card="e1000", options=()):
-        self.output_path = folder / "console"
+        self.output_path, self.monitor_path = folder / "console", folder / "monitor"
         self.begin = time.monotonic()
         with open(self.output_path, "wb") as output:
             self.process = subprocess.Popen(
-                pc_command(folder, server_port, card, ("-nographic", *options)),
+                pc_command(folder, server_port, card, ("-nographic", "-monitor", f"unix:{self.monitor_path},server,nowait", *options)),
                 stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT, preexec_fn=die_with_parent)
         self.case = case
         case.addCleanup(self.stop)
@@ -196,6 +232,13 @@ class PC:
             self.process.wait(seconds)
         except subprocess.TimeoutExpired:
             self.case.fail(f"the PC does not end:\n{self.console()[-3000:]}")
+
+    def press_ctrl_alt_del(self):
+        with socket.socket(socket.AF_UNIX) as monitor:
+            monitor.connect(str(self.monitor_path))
+            monitor.recv(100)
+            monitor.sendall(b"sendkey ctrl-alt-delete\n")
+            time.sleep(0.2)
 
     def stop(self):
         self.process.kill()
