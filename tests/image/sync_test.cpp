@@ -201,6 +201,9 @@ TEST(Synchronisation, Copies_what_the_server_has_and_then_only_what_changed)
         EXPECT_EQ(log.count("\nQRNH_IMG_SYNC: 0000-012C(12D)    18M   1S 19200K/S"), 1u);
         EXPECT_TRUE(log.text().ends_with("\nQRNH_Header_Write\nQRNH_IMG_SYNC: End=0"));
 
+        first.local.writes.clear();
+        EXPECT_TRUE(first.disk->Img_Flush());
+        EXPECT_EQ(first.local.writes, std::vector<ULONG>{}) << "all is there already";
         log.clear();
         Start same(first.local.now, server, 2);
         same.local.writes.clear();

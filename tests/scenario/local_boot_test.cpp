@@ -315,18 +315,36 @@ TEST(LocalBoot, Look_for_the_servers_image_leaves_the_only_slot_to_requests)
     });
 }
 
+// What the workstation tells a server that asks for its state.
+std::uint32_t polled_write_sectors(Rig& rig)
+{
+    Bytes poll(30);
+    std::copy(std::begin(formats::poll_mark), std::end(formats::poll_mark), poll.begin());
+    rig.network.inject(poll);
+    rig.machine.sleep_ms(1);
+    for (const SeenPacket& packet : rig.packets())
+        if (packet.bytes.size() == sizeof(formats::PollReply) &&
+            packet.bytes[1] == formats::poll_reply_mark[1])
+            return reinterpret_cast<const formats::PollReply*>(packet.bytes.data())->Disks[0].Wr_Secs.get();
+    ADD_FAILURE() << "the poll is not answered";
+    return 0;
+}
+
 // A write that crosses the end of a chunk goes past a full temporary image in two runs.
 TEST(LocalBoot, Runs_of_one_write_past_the_images_do_not_pass_for_each_other)
 {
     machine::LocalDisk disk(8000);
     partition(disk, temporary_start, first_data + 128);
     LocalBoot start(disk, server_image(1, {1, 1, 0, 1}));
+    std::uint32_t written_sectors = 0;
     start.run([&] {
         ASSERT_TRUE(start.write(0, 7, pattern(7, 4096, 2)));
         start.forget_packets();
         ASSERT_TRUE(start.write(0, 200, pattern(200, 65536, 3)));
         start.expect(200, 65536, pattern(200, 65536, 3));
+        written_sectors = polled_write_sectors(start);
     });
+    EXPECT_EQ(written_sectors, 8u + 128u) << "each sector counts once";
     std::set<std::pair<unsigned, std::uint64_t>> runs;
     for (const SeenPacket& packet : start.sent(formats::sub_request, formats::kind_write)) {
         const auto& header = packet.header();
