@@ -8,6 +8,20 @@
 
 namespace campaign {
 
+const char* finding_of(CanaryKind kind)
+{
+    switch (kind) {
+    case CanaryKind::lost_write:
+        return "must be|what is stored";
+    case CanaryKind::other_answer:
+        return "must be|but there is|disks appear";
+    case CanaryKind::deaf:
+        return "though nothing was wrong|wait|disks appear";
+    default:
+        return "";
+    }
+}
+
 bool Canary::changes_answer(std::vector<std::uint8_t>& packet)
 {
     if (packet.size() < formats::request_bytes)

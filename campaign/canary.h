@@ -16,6 +16,9 @@ enum class CanaryKind {
     deaf,          // answers to one of the workers never leave the server
 };
 
+// What a seed's failure says of it; alternatives with a '|' between.
+const char* finding_of(CanaryKind kind);
+
 class Canary {
 public:
     Canary(CanaryKind kind, std::uint64_t seed) : kind_(kind), random_(seed, "canary") {}

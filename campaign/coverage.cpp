@@ -105,9 +105,13 @@ constexpr const char* events[] = {
     "local disk: power cuts",
     "local disk: areas verified",
     "image: older than the server's at a start",
+    "image: rolled back on the server",
+    "image: made anew on the server",
+    "image: made anew without shift",
     "write of contents that were there before",
     "slots of a disk counted",
     "mirrors compared",
+    "mirrors compared with one server left",
     "totals of the status poll compared",
 };
 
@@ -147,6 +151,16 @@ bool Coverage::parse(std::string_view line)
         return false;
     add(std::string(end + 1, line.data() + line.size()), count);
     return true;
+}
+
+unsigned Coverage::met() const
+{
+    unsigned count = 0;
+    for (const char* event : events)
+        count += counts_.contains(event);
+    for (const char* message : messages)
+        count += counts_.contains(std::string(message_mark) + message);
+    return count;
 }
 
 std::string Coverage::report() const

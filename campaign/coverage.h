@@ -27,6 +27,7 @@ public:
 
     // For people: what was met how often, and what of the list was not.
     std::string report() const;
+    unsigned met() const;  // of the list
 
 private:
     std::map<std::string, std::uint64_t> counts_;

@@ -10,9 +10,6 @@ namespace {
 
 using machine::Operation;
 
-// A packet is given up after a minute of silence and more; several times that much may add up before.
-constexpr std::int64_t patience_ms = 40'000;
-constexpr std::int64_t retry_limit_lasts_ms = 60'000;
 constexpr std::uint32_t bad_sectors = 16;
 
 machine::NetworkQuality bad_quality(const machine::NetworkQuality& good, double strength)
@@ -29,9 +26,22 @@ machine::NetworkQuality bad_quality(const machine::NetworkQuality& good, double 
 
 }  // namespace
 
+FaultSchedule::FaultSchedule(Workstation& station) : station_(station), patience_(station.world.plan)
+{
+    station.on_slave_read = [this](unsigned lun) {
+        if (!patience_.may_leave(lun, ServerName::main, station_.now_ms()))
+            fail(fmt::format("LUN {} is read from the slave server at {} ms though the main server was there",
+                             lun, station_.now_ms()));
+    };
+}
+
 void FaultSchedule::prepare_boot()
 {
     machine::Faults& faults = station_.machine.faults();
+    if (station_.plan().flush_errors > 0) {
+        faults.fail_randomly(Operation::disk_flush, station_.plan().flush_errors);
+        weakened_ = true;
+    }
     for (const BootFault& fault : station_.plan().boot_faults) {
         station_.world.coverage.add(fmt::format("fault at boot: {}", campaign::name_of(fault.kind)));
         weakened_ = true;
@@ -94,6 +104,7 @@ void FaultSchedule::begin(const Fault& fault)
 {
     World& world = station_.world;
     world.coverage.add(fmt::format("fault: {}", campaign::name_of(fault.kind)));
+    remember(fault);
     switch (fault.kind) {
     case FaultKind::network:
         station_.network.set_quality(bad_quality(world.plan.network, fault.strength));
@@ -111,7 +122,7 @@ void FaultSchedule::begin(const Fault& fault)
             (fault.kind == FaultKind::main_partition ? world.main : world.slave).address(), true);
         break;
     case FaultKind::retry_limit:
-        retry_limit_ms_ = station_.now_ms();
+        patience_.retry_limit(station_.now_ms());
         for (unsigned lun = 0; lun < world.plan.disks.size() && world.main.running(); ++lun)
             world.main.protocol().send_retry_limit(lun);
         break;
@@ -123,8 +134,17 @@ void FaultSchedule::begin(const Fault& fault)
         begin_local_fault(fault);
         break;
     }
-    if (fault.kind >= FaultKind::main_crash && fault.kind <= FaultKind::slave_partition)
-        away_.push_back({station_.now_ms(), station_.now_ms() + fault.for_ms});
+}
+
+void FaultSchedule::remember(const Fault& fault)
+{
+    const std::int64_t begin_ms = station_.now_ms(), end_ms = begin_ms + fault.for_ms;
+    if (fault.kind == FaultKind::network)
+        patience_.bad_network(begin_ms, end_ms);
+    else if (fault.kind >= FaultKind::main_crash && fault.kind <= FaultKind::main_partition)
+        patience_.away(ServerName::main, begin_ms, end_ms);
+    else if (fault.kind == FaultKind::slave_crash || fault.kind == FaultKind::slave_partition)
+        patience_.away(ServerName::slave, begin_ms, end_ms);
 }
 
 void FaultSchedule::begin_machine_fault(const Fault& fault)
@@ -240,8 +260,7 @@ void FaultSchedule::heal()
         end(active.fault);
     active_.clear();
     next_ = station_.plan().faults.size();
-    for (Away& away : away_)
-        away.end_ms = std::min(away.end_ms, station_.now_ms());
+    patience_.all_well(station_.now_ms());
     station_.machine.faults().clear();
     machine::NetworkQuality quality = world.plan.network;
     quality.loss = 0;
@@ -250,18 +269,23 @@ void FaultSchedule::heal()
         world.local->set_bad(0, world.local->sectors(), false);
 }
 
-bool FaultSchedule::may_fail(std::int64_t began_ms)
+bool FaultSchedule::may_fail(unsigned lun, bool write_waits, std::int64_t since_ms)
+{
+    if (shutdown_ || (station_.world.plan.boots_locally() && weakened_))
+        return true;
+    return patience_.may_fail(lun, write_waits, since_ms, station_.now_ms());
+}
+
+Kept FaultSchedule::kept(unsigned lun) const
 {
     const std::int64_t now_ms = station_.now_ms();
-    if (shutdown_ || (retry_limit_ms_ >= 0 && now_ms - retry_limit_ms_ < retry_limit_lasts_ms))
-        return true;
-    if (station_.world.plan.boots_locally() && weakened_)
-        return true;
-    std::int64_t silent_ms = 0;
-    for (const Away& away : away_)
-        silent_ms +=
-            std::max<std::int64_t>(0, std::min(away.end_ms, now_ms) - std::max(away.begin_ms, began_ms));
-    return silent_ms >= patience_ms;
+    if (station_.reads_slave(lun))
+        return Kept::slave;
+    const bool main_left = patience_.may_leave(lun, ServerName::main, now_ms);
+    const bool slave_left = patience_.may_leave(lun, ServerName::slave, now_ms);
+    if (main_left)
+        return slave_left ? Kept::either : Kept::slave;
+    return slave_left ? Kept::main : Kept::both;
 }
 
 }  // namespace campaign

@@ -1,19 +1,23 @@
 // SPDX-License-Identifier: MIT
 // Brings the plan's faults about while a start runs, ends them when their time is over, and remembers them:
-// they say which requests may fail.
+// they say which requests may fail, and which servers may be left.
 #pragma once
 
 #include <cstdint>
 #include <vector>
 
 #include "campaign/load.h"
+#include "campaign/patience.h"
 #include "campaign/workstation.h"
 
 namespace campaign {
 
+// Which of a mirrored disk's servers must have all that was written.
+enum class Kept { both, main, slave, either };
+
 class FaultSchedule : public Excuses {
 public:
-    explicit FaultSchedule(Workstation& station) : station_(station) {}
+    explicit FaultSchedule(Workstation& station);
 
     // Before the driver is loaded.
     void prepare_boot();
@@ -25,7 +29,9 @@ public:
 
     bool over() const { return active_.empty(); }
 
-    bool may_fail(std::int64_t began_ms) override;
+    bool may_fail(unsigned lun, bool write_waits, std::int64_t since_ms) override;
+    // At the end of the start.
+    Kept kept(unsigned lun) const;
     // Something in the machine's own memory or on its local disk failed in this start.
     bool weakened() const { return weakened_; }
     bool shutdown_may_reset() const { return shutdown_; }
@@ -35,12 +41,10 @@ private:
         Fault fault;
         std::int64_t end_ms;
     };
-    struct Away {
-        std::int64_t begin_ms, end_ms;
-    };
 
     void begin(const Fault& fault);
     void end(const Fault& fault);
+    void remember(const Fault& fault);
     void begin_machine_fault(const Fault& fault);
     void begin_local_fault(const Fault& fault);
     void crash(BlockServer& server, bool losing, double strength);
@@ -50,8 +54,7 @@ private:
     Workstation& station_;
     std::size_t next_ = 0;
     std::vector<Active> active_;
-    std::vector<Away> away_;  // when a server could not be reached
-    std::int64_t retry_limit_ms_ = -1;
+    Patience patience_;
     bool shutdown_ = false;
     bool weakened_ = false;
 };

@@ -11,6 +11,7 @@ namespace campaign {
 
 constexpr std::uint32_t large_sectors = 128;
 constexpr std::int64_t held_back_pause_ms = 200;
+constexpr std::int64_t pause_max_ms = 20'000;  // on average; a client that pauses counts as active
 
 struct Load::Client {
     Load& owner;
@@ -24,6 +25,7 @@ struct Load::Client {
     std::uint32_t lba = 0, sectors = 0;
     unsigned left = 0;
     bool writing = false, busy = false;
+    bool waiting = false;  // for its request
     struct Written {
         std::uint32_t lba, sectors;
         Generation generation;
@@ -42,6 +44,7 @@ struct Load::Client {
     DiskModel& model() { return world().models[lun]; }
     void begin();
     void draw_place();
+    void submit();
     void submit_read();
     void submit_write();
     void finished();
@@ -72,8 +75,21 @@ void Load::Client::begin()
     }
     --left;
     draw_place();
-    writing = random.chance(world().plan.load.writes);
+    const StartPlan& start = owner.station_.plan();
+    if (start.synchronise_at_once && this == owner.clients_[0].get() && !owner.delay_over_ &&
+        count >= large_sectors &&
+        owner.station_.scsi().maximum_transfer_bytes() >= large_sectors * formats::sector_bytes) {
+        lba = first, sectors = large_sectors, writing = true;
+        return submit();
+    }
+    writing = random.chance(world().plan.load.writes) && !start.only_reads;
+    submit();
+}
+
+void Load::Client::submit()
+{
     began_ms = owner.station_.now_ms();
+    waiting = true;
     writing ? submit_write() : submit_read();
 }
 
@@ -116,6 +132,7 @@ void Load::Client::finished()
     world().events.add(static_cast<std::uint64_t>(owner.station_.machine.scheduler().now()));
     world().events.add((std::uint64_t{lun} << 40 | lba) ^ std::uint64_t{request.srb_status} << 56);
     const bool ok = request.ok();
+    waiting = false;
     if (!ok)
         owner.request_failed(*this);
     if (writing) {
@@ -164,7 +181,7 @@ void Load::start(std::int64_t length_ms)
     stopping_ = false;
     const auto per_client = static_cast<std::int64_t>(1 + station_.world.plan.load.operations /
                                                               static_cast<unsigned>(clients_.size()));
-    pause_ms_ = std::max<std::int64_t>(1, length_ms / per_client);
+    pause_ms_ = std::clamp<std::int64_t>(length_ms / per_client, 1, pause_max_ms);
     active_ = static_cast<unsigned>(clients_.size());
     for (auto& client : clients_) {
         client->busy = true;
@@ -216,7 +233,15 @@ void Load::request_failed(Client& client)
     Disk& disk = disks_[client.lun];
     if (disk.lost)
         return;
-    if (!excuses_.may_fail(client.began_ms))
+    // Where one fails, all that wait may fail with it, in any order.
+    bool write_waits = false;
+    std::int64_t since_ms = client.began_ms;
+    for (const auto& other : clients_)
+        if (other->lun == client.lun && other->waiting) {
+            write_waits |= other->writing;
+            since_ms = std::min(since_ms, other->began_ms);
+        }
+    if (!excuses_.may_fail(client.lun, write_waits || client.writing, since_ms))
         fail(fmt::format("{} of {} sectors at LBA {} of LUN {}, begun at {} ms, failed with status {:02X} "
                          "though nothing was wrong for long",
                          client.writing ? "write" : "read", client.sectors, client.lba, client.lun,

@@ -12,11 +12,12 @@
 
 namespace campaign {
 
-// Says whether a request that began then may fail. Called when one does.
+// Says whether a request of this LUN may fail. Called when one does. since_ms: when the oldest of those began
+// that wait now; write_waits: one of them is a write.
 class Excuses {
 public:
     virtual ~Excuses() = default;
-    virtual bool may_fail(std::int64_t began_ms) = 0;
+    virtual bool may_fail(unsigned lun, bool write_waits, std::int64_t since_ms) = 0;
 };
 
 class Load {

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <span>
 #include <vector>
@@ -19,14 +18,24 @@ constexpr std::uint32_t system_area_start = 63;
 
 std::unique_ptr<machine::LocalDisk> make_local_disk(const LocalPlan& plan);
 
-// A server's image area of these contents. tags: of each chunk, not 0.
-std::vector<std::uint8_t> make_server_image(std::uint32_t sectors, std::uint64_t create_time,
-                                            std::uint32_t modify_tag, std::span<const std::uint32_t> tags,
-                                            const std::function<Sector(std::uint32_t lba)>& content);
+// What a server's image has: which disk it is of, its tag and those of its chunks, and its sectors by LBA.
+struct ImageVersion {
+    std::uint64_t create_time;
+    std::uint32_t modify_tag;
+    bool shifted;  // LBA k is the image's sector k, else k + 1
+    std::vector<std::uint32_t> tags;
+    std::vector<Generation> contents;
 
-// Fails the seed when the system area is damaged, or says that it has a sector whose content `allowed`
-// does not know. The disk is in no machine. False: there is no image yet.
+    std::uint32_t image_sector(std::uint32_t lba) const { return shifted ? lba : lba + 1; }
+};
+
+// The server's area of this version. No chunk's tag may be 0.
+std::vector<std::uint8_t> make_server_image(const ImageVersion& version, const Generations& generations);
+
+// Fails the seed when the system area is damaged, when a chunk of it is of no version of the server's
+// image from the one that its tag names on, or when what lies below Sync_Pos is not the version that the
+// header names. The disk is in no machine. False: there is no image yet.
 bool verify_system_area(const machine::LocalDisk& disk, const LocalPlan& plan,
-                        const std::function<bool(std::uint32_t lba, std::span<const std::uint8_t>)>& allowed);
+                        std::span<const ImageVersion> versions, const Generations& generations);
 
 }  // namespace campaign

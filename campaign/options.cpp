@@ -23,7 +23,8 @@ A seed that fails is printed with what it drew, the driver's last messages, and 
 again to the same event. "events" at the end of a seed's log is a number over all its packets and requests,
 the same whenever the seed runs with the same program.
 
-Exit status: 0 no seed failed (with --canary or --expect-failure: one did), 1 otherwise, 2 wrong arguments.
+Exit status: 0 no seed failed (with --canary or --expect-failure: one did, as expected), 1 otherwise, 2 wrong
+arguments.
 )";
 
 const std::map<std::string, CanaryKind> canaries{{"lost-write", CanaryKind::lost_write},
@@ -59,8 +60,11 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
                  "No thread switches at atomic operations: a seed runs as with a qrndisk.sys");
     app.add_option("--canary", options.canary, "Plant a fault in the servers that must be found")
         ->transform(CLI::CheckedTransformer(canaries));
-    app.add_flag("--expect-failure", options.expect_failure,
-                 "Succeed when a seed fails: for programs with a planted fault");
+    app.add_option("--expect-failure", options.expected_finding,
+                   "Succeed when a seed fails with this text, or with one of several with a | between, and\n"
+                   "none with another: for programs with a planted fault");
+    app.add_option("--least-seeds", options.seeds_least, "Fail when there was time for fewer seeds");
+    app.add_option("--least-met", options.kinds_least, "Fail when fewer things of the list were met");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForVersion& version) {
@@ -74,6 +78,8 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
     }
     if (seeds != 0)
         options.seeds = seeds;
+    if (options.canary != CanaryKind::none)
+        options.expected_finding = finding_of(options.canary);
     if (!options.seeds && options.minutes == 0)
         throw OptionError("--seeds or --minutes is needed");
     if (!options.capture.empty() && options.seeds != 1)

@@ -19,9 +19,11 @@ struct Options {
     unsigned jobs = 2;
     unsigned seed_timeout_s = 120;
     bool seed_log = false;
-    std::string capture;  // a file for all packets; empty: none
-    bool expect_failure = false;
-    bool plain_atomics = false;  // no thread switches at atomic operations, as with a driver file
+    std::string capture;            // a file for all packets; empty: none
+    std::string expected_finding;   // alternatives with a '|' between; empty: no seed may fail
+    std::uint64_t seeds_least = 0;  // that a limit of minutes must leave time for
+    unsigned kinds_least = 0;       // of the coverage's list that must be met
+    bool plain_atomics = false;     // no thread switches at atomic operations, as with a driver file
     CanaryKind canary = CanaryKind::none;
 };
 

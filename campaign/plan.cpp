@@ -206,6 +206,54 @@ void silence_servers(Stream& stream, const Plan& plan, StartPlan& start)
         start.faults.push_back(fault);
 }
 
+// The power goes again and again while a local image is filled, on a disk that keeps nothing by itself.
+void add_short_starts(Stream& stream, Plan& plan)
+{
+    constexpr machine::Ticks longer_than_any_start = 3600 * machine::ticks_per_second;
+    plan.local.synchronise = true;
+    plan.local.options.volatile_min = plan.local.options.volatile_max = longer_than_any_start;
+    plan.load.clients_per_lun = std::min(plan.load.clients_per_lun, 3u);
+    std::vector<StartPlan> starts;
+    for (unsigned count = stream.between(3, 7); count != 0; --count) {
+        StartPlan start{};
+        start.safety_ms = stream.between(5, 60) * std::int64_t{1 << stream.between(0, 7)};
+        start.end = stream.chance(0.8) ? End::power_off : End::shutdown;
+        start.new_image = stream.chance(0.3);
+        start.synchronise_at_once = true;
+        start.flush_errors = stream.chance(0.2) ? 0.5 * stream.fraction() : 0;
+        starts.push_back(start);
+    }
+    plan.starts.insert(plan.starts.begin(), starts.begin(), starts.end());
+}
+
+void draw_image_change(Stream& stream, StartPlan& start)
+{
+    if (stream.chance(0.15))
+        start.rolled_back = true;
+    else if (stream.chance(0.15))
+        start.recreated = true;
+    start.unshifted = start.recreated && stream.chance(0.4);
+}
+
+// Nothing else is wrong, but one server is away for about as long as a disk waits for it, or much longer.
+void draw_absence(Stream& stream, const Plan& plan, StartPlan& start)
+{
+    constexpr FaultKind kinds[] = {FaultKind::main_crash, FaultKind::main_partition, FaultKind::slave_crash,
+                                   FaultKind::slave_partition};
+    if (!stream.chance(0.2))
+        return;
+    Fault fault{.kind = stream.one_of(kinds),
+                .at_ms = stream.between(500, 5'000),
+                .for_ms = stream.between(50, 180) * std::int64_t{1000},
+                .strength = 0.5};
+    if (!plan.mirrored() && fault.kind >= FaultKind::slave_crash)
+        fault.kind = FaultKind::main_partition;
+    start.safety_ms = 200'000;
+    start.faults = {fault};
+    start.boot_faults.clear();
+    start.only_reads = stream.chance(0.4);
+}
+
 StartPlan draw_start(Stream& stream, const Plan& plan, bool last)
 {
     constexpr End ends[] = {End::power_off, End::power_off, End::shutdown};
@@ -285,7 +333,16 @@ Plan draw_plan(std::uint64_t seed)
     for (unsigned i = 0; i < starts; ++i) {
         Stream stream(seed, "start", i);
         plan.starts.push_back(draw_start(stream, plan, i + 1 == starts));
+        Stream absence(seed, "absence", i);
+        draw_absence(absence, plan, plan.starts.back());
     }
+    if (!plan.boots_locally())
+        return plan;
+    Stream short_starts(seed, "short starts"), changes(seed, "image changes");
+    if (short_starts.chance(0.5))
+        add_short_starts(short_starts, plan);
+    for (StartPlan& start : plan.starts)
+        draw_image_change(changes, start);
     return plan;
 }
 

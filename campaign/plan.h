@@ -90,7 +90,13 @@ struct StartPlan {
     std::vector<Fault> faults;
     std::vector<BootFault> boot_faults;
     End end;
-    bool new_image;  // the server has a newer image than at the start before
+    bool new_image;   // the server has a newer image than at the start before
+    bool only_reads;  // clients write nothing
+    // Boot mode 7 only.
+    bool synchronise_at_once;   // the first request is the write that lets the synchronisation begin
+    bool rolled_back;           // the server's disk has what it had once
+    bool recreated, unshifted;  // it was made anew, and its sectors are those that the engine counts
+    double flush_errors;        // share of the local disk's flushes that fail
 };
 
 struct Plan {

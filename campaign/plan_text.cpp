@@ -29,8 +29,14 @@ std::string text_of(const Plan& plan, unsigned lun)
 std::string text_of(const Plan& plan, const StartPlan& start)
 {
     std::string text =
-        fmt::format("start {}: {} ms, ends {}{}\n", &start - plan.starts.data() + 1, start.safety_ms,
-                    name_of(start.end), start.new_image && plan.boots_locally() ? ", newer image" : "");
+        fmt::format("start {}: {} ms, ends {}{}{}\n", &start - plan.starts.data() + 1, start.safety_ms,
+                    name_of(start.end), start.new_image && plan.boots_locally() ? ", newer image" : "",
+                    start.only_reads ? ", only reads" : "");
+    if (start.synchronise_at_once)
+        text += fmt::format("  synchronises at once, {:.2f} of the flushes fail\n", start.flush_errors);
+    if (start.rolled_back || start.recreated)
+        text += fmt::format("  the server's image is {}{}\n", start.rolled_back ? "rolled back" : "made anew",
+                            start.unshifted ? ", its sectors not shifted" : "");
     for (const BootFault& fault : start.boot_faults)
         text += fmt::format("  fault at boot: {} after {}, {} times\n", campaign::name_of(fault.kind),
                             fault.skip, fault.count);

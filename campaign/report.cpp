@@ -41,7 +41,7 @@ void fail(const std::string& text)
         report = fmt::format("messages before {:.4f} s:\n{}",
                              static_cast<double>(current->scheduler().now()) / machine::ticks_per_second,
                              last_messages());
-    std::printf("%sFAILED: %s\n", report.c_str(), text.c_str());
+    std::printf("%s%s%s\n", report.c_str(), failure_mark, text.c_str());
     std::fflush(stdout);
     _exit(exit_failed);
 }

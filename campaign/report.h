@@ -19,6 +19,7 @@ void report_on(machine::Machine* machine);
 [[noreturn]] void fail(const std::string& text);
 
 constexpr int exit_failed = 3;
+constexpr const char* failure_mark = "FAILED: ";  // begins the line of the text
 
 // Everything that a seed does, in one number: packets and ends of requests, with their times.
 class EventHash {

@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 
 #include "campaign/coverage.h"
+#include "campaign/report.h"
 #include "campaign/seed_process.h"
 
 namespace campaign {
@@ -39,6 +40,7 @@ private:
     void take_lines(const std::string& log);
     void tell_failure(const SeedProcess& process);
     void tell_progress(bool last);
+    int verdict() const;
     double elapsed_s() const { return std::chrono::duration<double>(Clock::now() - begin_).count(); }
 
     const Options& options_;
@@ -46,6 +48,7 @@ private:
     const Clock::time_point begin_ = Clock::now();
     Clock::time_point told_ = begin_;
     std::uint64_t started_ = 0, done_ = 0, failed_ = 0;
+    std::uint64_t other_ = 0;  // failed in another way than expected
     double simulated_s_ = 0;
     Coverage coverage_;
     std::list<SeedProcess> running_;
@@ -53,7 +56,24 @@ private:
 
 bool expects_failure(const Options& options)
 {
-    return options.expect_failure || options.canary != CanaryKind::none;
+    return !options.expected_finding.empty();
+}
+
+// Whether the log of a failed seed tells of the fault that was planted.
+bool as_expected(const std::string& log, std::string_view findings)
+{
+    const std::size_t told = log.find(failure_mark);
+    if (told == std::string::npos)
+        return false;
+    const std::string_view line = std::string_view(log).substr(told, log.find('\n', told) - told);
+    for (;;) {
+        const std::size_t end = findings.find('|');
+        if (line.find(findings.substr(0, end)) != std::string_view::npos)
+            return true;
+        if (end == std::string_view::npos)
+            return false;
+        findings.remove_prefix(end + 1);
+    }
 }
 
 bool Campaign::more() const
@@ -104,6 +124,7 @@ void Campaign::take_lines(const std::string& log)
 void Campaign::tell_failure(const SeedProcess& process)
 {
     ++failed_;
+    other_ += expects_failure(options_) && !as_expected(process.log(), options_.expected_finding);
     std::printf("%s%sseed %llu %s; again: %s --seeds 1 --first-seed %llu --seed-log%s\n",
                 process.log().c_str(), process.log().ends_with('\n') ? "" : "\n",
                 static_cast<unsigned long long>(process.seed()), process.verdict().c_str(), program_,
@@ -131,6 +152,20 @@ void Campaign::tell_progress(bool last)
     std::fflush(stdout);
 }
 
+int Campaign::verdict() const
+{
+    if (other_ != 0)
+        std::printf("%llu seeds failed in another way than \"%s\"\n", static_cast<unsigned long long>(other_),
+                    options_.expected_finding.c_str());
+    if (done_ < options_.seeds_least)
+        std::printf("there was no time for %llu seeds\n",
+                    static_cast<unsigned long long>(options_.seeds_least));
+    if (coverage_.met() < options_.kinds_least)
+        std::printf("only %u things of the list were met, not %u\n", coverage_.met(), options_.kinds_least);
+    const bool enough = done_ >= options_.seeds_least && coverage_.met() >= options_.kinds_least;
+    return enough && other_ == 0 && (failed_ != 0) == expects_failure(options_) ? 0 : 1;
+}
+
 int Campaign::run()
 {
     for (start_processes(); !running_.empty(); start_processes()) {
@@ -139,7 +174,7 @@ int Campaign::run()
     }
     std::printf("%s", coverage_.report().c_str());
     tell_progress(true);
-    return (failed_ != 0) == expects_failure(options_) ? 0 : 1;
+    return verdict();
 }
 
 }  // namespace

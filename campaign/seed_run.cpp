@@ -75,8 +75,8 @@ const char* name_of(End end)
     return end == End::checked ? "end: checked" : end == End::power_off ? "end: power off" : "end: shutdown";
 }
 
-// Whether the mirrored disks still have both their servers.
-bool run_start(World& world, unsigned number, machine::DriverImage& driver, std::int64_t off_ms)
+// Which servers the mirrored disks still have.
+std::vector<Kept> run_start(World& world, unsigned number, machine::DriverImage& driver, std::int64_t off_ms)
 {
     Workstation station(world, number, driver, off_ms);
     FaultSchedule faults(station);
@@ -89,8 +89,10 @@ bool run_start(World& world, unsigned number, machine::DriverImage& driver, std:
     expect_outcome(world, outcome, faults);
     world.coverage.add(name_of(station.plan().end));
     station.count_events();
-    const machine::DebugLog& log = station.machine.log();
-    return !log.contains("Slave Server Error") && !log.contains("Main Server Error");
+    std::vector<Kept> kept;
+    for (unsigned lun = 0; lun < world.plan.disks.size(); ++lun)
+        kept.push_back(faults.kept(lun));
+    return kept;
 }
 
 // Long enough for a request to be given up, so that the local image is all there is.
@@ -152,13 +154,13 @@ void run_seed(std::uint64_t seed, const Options& options)
     Stream pauses(seed, "pauses");
     for (unsigned number = 1; number <= world.plan.starts.size(); ++number) {
         if (images) {
-            images->publish(world.plan.starts[number - 1].new_image, number);
+            images->publish(world.plan.starts[number - 1], number);
             if (may_lose_server(world.plan.starts[number - 1]))
                 images->allow_older();
         }
         // Servers rely on a restart taking longer than what they remember of writes.
-        const bool both = run_start(world, number, *driver, pauses.between(6'000, 60'000));
-        settle_servers(world, both);
+        const auto kept = run_start(world, number, *driver, pauses.between(6'000, 60'000));
+        settle_servers(world, kept);
         if (images) {
             power_cut(world, number);
             images->verify_local();

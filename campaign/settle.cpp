@@ -5,7 +5,6 @@
 
 #include <fmt/format.h>
 
-#include "campaign/local_area.h"
 #include "campaign/streams.h"
 #include "formats/image_area.h"
 
@@ -21,17 +20,21 @@ std::string first_wrong(World& world, BlockServer& server, unsigned lun)
     return {};
 }
 
-// A server that has all that was written is the one that a mirrored disk goes on with; someone who looks
+// The server that has all that was written is the one that a mirrored disk goes on with; someone who looks
 // after the servers copies it to the other.
-void expect_stored(World& world, unsigned lun, bool both)
+void expect_stored(World& world, unsigned lun, Kept kept)
 {
     const bool mirrored = world.plan.disks[lun].mirrored;
     const std::string main_wrong = first_wrong(world, world.main, lun);
     const std::string slave_wrong = mirrored ? first_wrong(world, world.slave, lun) : main_wrong;
-    if (both ? !main_wrong.empty() || !slave_wrong.empty() : !main_wrong.empty() && !slave_wrong.empty())
+    const bool main_must = !mirrored || kept == Kept::both || kept == Kept::main;
+    const bool slave_must = mirrored && (kept == Kept::both || kept == Kept::slave);
+    if ((main_must && !main_wrong.empty()) || (slave_must && !slave_wrong.empty()) ||
+        (!main_wrong.empty() && !slave_wrong.empty()))
         fail(fmt::format("what is stored: {}; {}", main_wrong, mirrored ? slave_wrong : ""));
-    world.coverage.add("mirrors compared", mirrored && both);
-    if (!main_wrong.empty())
+    world.coverage.add("mirrors compared", mirrored && kept == Kept::both);
+    world.coverage.add("mirrors compared with one server left", mirrored && kept != Kept::both);
+    if (slave_must || !main_wrong.empty())
         world.main.store(lun).bytes() = world.slave.store(lun).bytes();
 }
 
@@ -53,7 +56,7 @@ void take_what_is_stored(World& world, unsigned lun)
 
 }  // namespace
 
-void settle_servers(World& world, bool both)
+void settle_servers(World& world, std::span<const Kept> kept)
 {
     for (DiskModel& model : world.models) {
         const unsigned lun = model.lun();
@@ -61,7 +64,7 @@ void settle_servers(World& world, bool both)
         if (world.plan.boots_locally() || world.plan.disks[lun].ram_cache()) {
             take_what_is_stored(world, lun);
         } else {
-            expect_stored(world, lun, both);
+            expect_stored(world, lun, kept[lun]);
             world.slave.store(lun).bytes() = world.main.store(lun).bytes();
         }
         world.main.store(lun).flush();
@@ -69,41 +72,83 @@ void settle_servers(World& world, bool both)
     }
 }
 
-ImageVersions::ImageVersions(World& world)
-    : world_(world),
-      chunks_((world.plan.disks[0].sectors + formats::chunk_sectors - 1) / formats::chunk_sectors),
-      tags_(chunks_, 0)
-{
-}
+ImageVersions::ImageVersions(World& world) : world_(world) {}
 
-void ImageVersions::publish(bool newer, unsigned start)
+void ImageVersions::publish(const StartPlan& plan, unsigned start)
 {
-    DiskModel& model = world_.models[0];
-    if (newer && !versions_.empty())
+    if (plan.rolled_back && versions_.size() > 1)
+        roll_back(start);
+    else if (plan.recreated && !versions_.empty())
+        make_anew(!plan.unshifted, start);
+    else if (plan.new_image && !versions_.empty())
         change_some(start);
+    DiskModel& model = world_.models[0];
     std::vector<Generation> now(model.sectors());
     for (std::uint32_t lba = 0; lba < model.sectors(); ++lba)
         now[lba] = world_.stored_generation(world_.main, {0, lba});
-    if (!versions_.empty() && versions_.back() == now)
-        return;
-    const auto tag = static_cast<std::uint32_t>(versions_.size() + 1);
-    for (std::uint32_t lba = 0; lba < model.sectors(); ++lba) {
-        if (!versions_.empty() && versions_.back()[lba] == now[lba])
+    const bool same = !versions_.empty() && versions_.back().contents == now &&
+                      versions_.back().create_time == create_time_;
+    if (!same)
+        add_version(std::move(now));
+}
+
+// The next tag that no version of this image had. Chunks whose sectors stay keep theirs.
+void ImageVersions::add_version(std::vector<Generation> contents)
+{
+    const ImageVersion* before = versions_.empty() ? nullptr : &versions_.back();
+    const bool go_on = before && before->create_time == create_time_;
+    ImageVersion next{.create_time = create_time_,
+                      .modify_tag = ++last_tag_,
+                      .shifted = shifted_,
+                      .tags = {},
+                      .contents = std::move(contents)};
+    const std::uint32_t sectors = next.image_sector(static_cast<std::uint32_t>(next.contents.size()));
+    next.tags.resize((sectors + formats::chunk_sectors - 1) / formats::chunk_sectors);
+    if (go_on)
+        next.tags = before->tags;
+    for (std::uint32_t lba = 0; lba < next.contents.size(); ++lba) {
+        if (go_on && before->contents[lba] == next.contents[lba])
             continue;
-        tags_[lba / formats::chunk_sectors] = tag;
+        const std::uint32_t sector = next.image_sector(lba), chunk = sector / formats::chunk_sectors;
+        next.tags[chunk] = next.modify_tag;
         // It travels with the chunk behind it as well.
-        if (lba % formats::chunk_sectors == formats::chunk_sectors - 1 &&
-            lba / formats::chunk_sectors + 1 < chunks_)
-            tags_[lba / formats::chunk_sectors + 1] = tag;
+        if (shifted_ && sector % formats::chunk_sectors == formats::chunk_sectors - 1 &&
+            chunk + 1 < next.tags.size())
+            next.tags[chunk + 1] = next.modify_tag;
     }
-    const auto image = make_server_image(model.sectors(), 4711, tag, tags_, [&](std::uint32_t lba) {
-        return world_.content({0, lba}, now[lba]);
-    });
-    world_.main.image(0).bytes() = image;
-    world_.slave.image(0).bytes() = image;
-    versions_.push_back(std::move(now));
+    versions_.push_back(std::move(next));
+    put_on_servers();
     if (versions_.size() > 1)
         world_.coverage.add("image: older than the server's at a start");
+}
+
+void ImageVersions::put_on_servers()
+{
+    const auto image = make_server_image(versions_.back(), world_.generations);
+    world_.main.image(0).bytes() = image;
+    world_.slave.image(0).bytes() = image;
+}
+
+// Someone gives the disk what it had once; its image goes on with a new tag.
+void ImageVersions::roll_back(unsigned start)
+{
+    Stream stream(world_.plan.seed, "roll back", start);
+    const ImageVersion& version = versions_[stream.below(static_cast<std::uint32_t>(versions_.size()))];
+    for (std::uint32_t lba = 0; lba < version.contents.size(); ++lba) {
+        world_.store({0, lba}, version.contents[lba]);
+        world_.models[0].becomes(lba, version.contents[lba]);
+    }
+    world_.coverage.add("image: rolled back on the server");
+}
+
+// A new image of the disk, whose tags begin again; what it has is not what the old one's tags say.
+void ImageVersions::make_anew(bool shifted, unsigned start)
+{
+    ++create_time_;
+    last_tag_ = 0;
+    shifted_ = shifted;
+    change_some(start);
+    world_.coverage.add(shifted ? "image: made anew on the server" : "image: made anew without shift");
 }
 
 // Whoever looks after the servers gives the system disk new contents here and there.
@@ -126,19 +171,14 @@ void ImageVersions::allow_older()
 {
     DiskModel& model = world_.models[0];
     for (std::uint32_t lba = 0; lba < model.sectors(); ++lba)
-        for (const auto& version : versions_)
-            if (version[lba] != versions_.back()[lba])
-                model.may_hold(lba, version[lba], false);
+        for (const ImageVersion& version : versions_)
+            if (version.contents[lba] != versions_.back().contents[lba])
+                model.may_hold(lba, version.contents[lba], false);
 }
 
 void ImageVersions::verify_local() const
 {
-    const bool there = verify_system_area(
-        *world_.local, world_.plan.local, [this](std::uint32_t lba, std::span<const std::uint8_t> sector) {
-            return std::ranges::any_of(versions_, [&](const auto& version) {
-                return std::ranges::equal(world_.content({0, lba}, version[lba]), sector);
-            });
-        });
+    const bool there = verify_system_area(*world_.local, world_.plan.local, versions_, world_.generations);
     world_.coverage.add("local disk: areas verified", there);
 }
 

@@ -85,7 +85,7 @@ Workstation::Workstation(World& owner, unsigned start, machine::DriverImage& dri
     network.set_quality(plan.network);
     network.set_observer([this](Direction direction, const formats::ServerRecord& server,
                                 std::span<const std::uint8_t> packet) {
-        see(direction, packet);
+        see(direction, server, packet);
         capture(direction, server, packet);
         return machine::SimulatedNetwork::Verdict::pass;
     });
@@ -135,7 +135,6 @@ void Workstation::boot()
     }
 }
 
-// The status poll's answer has addresses in it, which differ from one way of loading the driver to another.
 // One start after the other, in a time that begins in 1970.
 void Workstation::capture(Direction direction, const formats::ServerRecord& server,
                           std::span<const std::uint8_t> packet)
@@ -149,7 +148,9 @@ void Workstation::capture(Direction direction, const formats::ServerRecord& serv
                        packet);
 }
 
-void Workstation::see(Direction direction, std::span<const std::uint8_t> packet)
+// The status poll's answer has addresses in it, which differ from one way of loading the driver to another.
+void Workstation::see(Direction direction, const formats::ServerRecord& server,
+                      std::span<const std::uint8_t> packet)
 {
     if (packet.size() >= 2 && std::memcmp(packet.data(), formats::poll_reply_mark, 2) == 0)
         return;
@@ -161,6 +162,13 @@ void Workstation::see(Direction direction, std::span<const std::uint8_t> packet)
     std::memcpy(static_cast<void*>(&header), packet.data(), formats::request_bytes);
     const unsigned lun = (header.Disk_Id[3] - 0xD0u) % formats::disk_count_max;
     workers_[lun] |= 1u << (header.Worker_Byte & formats::worker_index_mask);
+    const bool from_slave = server.Ip[3] == world.slave.address().Ip[3];
+    if (from_slave && header.Sub_Code == formats::sub_request && header.Kind == formats::kind_read &&
+        !reads_slave(lun)) {
+        slave_reads_ |= 1u << lun;
+        if (on_slave_read)
+            on_slave_read(lun);
+    }
 }
 
 void Workstation::count_events()

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,17 +40,23 @@ public:
     void watch_workers() { workers_.fill(0); }
     unsigned workers(unsigned lun) const { return workers_[lun]; }
 
+    // A mirrored disk is read from its slave server once it has left its main server, and only then.
+    bool reads_slave(unsigned lun) const { return (slave_reads_ >> lun & 1) != 0; }
+    std::function<void(unsigned lun)> on_slave_read;  // when it is for the first time
+
     // Adds to the coverage what the run left in its parts.
     void count_events();
 
 private:
     void leave_boot_block();
-    void see(machine::Direction direction, std::span<const std::uint8_t> packet);
+    void see(machine::Direction direction, const formats::ServerRecord& server,
+             std::span<const std::uint8_t> packet);
     void capture(machine::Direction direction, const formats::ServerRecord& server,
                  std::span<const std::uint8_t> packet);
 
     machine::DriverImage& driver_;
     std::array<unsigned, formats::disk_count_max> workers_{};
+    unsigned slave_reads_ = 0;  // bits by LUN
 };
 
 }  // namespace campaign

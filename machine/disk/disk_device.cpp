@@ -169,6 +169,8 @@ NTSTATUS NTAPI DiskDevice::dispatch_flush(PDEVICE_OBJECT device, PIRP irp)
     scheduler().preemption_point();
     const DiskDevice& self = **static_cast<DiskDevice**>(device->DeviceExtension);
     const auto state = self.state_;  // this device may be gone when the host is done
+    if (executive().faults.hit(Operation::disk_flush, {}))
+        return complete(irp, STATUS_IO_DEVICE_ERROR, 0);
     if (scheduler().simulated()) {
         state->medium->settle(std::numeric_limits<Ticks>::max());
         return complete(irp, STATUS_SUCCESS, 0);

@@ -30,6 +30,7 @@ enum class Operation {
     disk_write,       // some of its sectors may be written all the same
     disk_read_short,  // ends well with fewer bytes than asked for
     disk_write_short,
+    disk_flush,  // name: empty; what is volatile stays so
 };
 
 // In hexadecimal, upper case, without prefix.
