@@ -79,12 +79,14 @@ Outcome Transfer(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb)
     return Outcome::Pending;
 }
 
-// The buffer of a transfer is locked for one direction. Senders that name neither or both are trusted.
-bool Wrong_Direction(PSCSI_REQUEST_BLOCK Srb)
+// The buffer of a transfer is locked for one direction. Senders that name neither or both are trusted. A
+// class driver never leaves the buffer out, others may.
+bool Unfit_Buffer(PSCSI_REQUEST_BLOCK Srb)
 {
     ULONG Named = Srb->SrbFlags & (SRB_FLAGS_DATA_IN | SRB_FLAGS_DATA_OUT);
-    return Named == (Srb->Cdb[0] == SCSIOP_WRITE ? SRB_FLAGS_DATA_IN : SRB_FLAGS_DATA_OUT) &&
-           Moves_Data(Srb->Cdb[0]);
+    bool Wrong_Direction = Named == (Srb->Cdb[0] == SCSIOP_WRITE ? SRB_FLAGS_DATA_IN : SRB_FLAGS_DATA_OUT);
+    bool No_Buffer = !Srb->DataBuffer && Srb->DataTransferLength != 0;
+    return (Wrong_Direction || No_Buffer) && Moves_Data(Srb->Cdb[0]);
 }
 
 UCHAR Address_Status(PSCSI_REQUEST_BLOCK Srb)
@@ -103,7 +105,7 @@ Outcome Execute(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb)
     Srb->SrbStatus = Address_Status(Srb);
     if (Srb->SrbStatus != SRB_STATUS_SUCCESS)
         return Outcome::Complete;
-    if (Wrong_Direction(Srb))
+    if (Unfit_Buffer(Srb))
         return Fail(Srb, Sense_Bad_Field);
     if (Srb->Cdb[0] == SCSIOP_READ || Srb->Cdb[0] == SCSIOP_WRITE)
         return Transfer(pExt, Srb);
