@@ -35,6 +35,7 @@ machine::MachineConfig machine_config(const Options& options)
     config.unmanaged_above_4g_bytes = options.above_4g_mb * megabyte;
     config.feeding = options.feed_eagerly ? machine::Feeding::eager : machine::Feeding::held_back;
     config.strict = false;
+    config.takes_buffers_away = false;
     if (!options.low_memory.empty())
         config.base_memory_kb = reinterpret_cast<const formats::Le16*>(options.low_memory.data() +
                                                                        formats::base_memory_kb_address)

@@ -69,7 +69,8 @@ UCHAR Adapter::refusal(const SCSI_REQUEST_BLOCK& srb) const
     if (!started_)
         return SRB_STATUS_NO_HBA;
     const bool no_data = srb.DataBuffer == nullptr && srb.DataTransferLength != 0;
-    if (no_data || srb.DataTransferLength > configuration_.MaximumTransferLength ||
+    const bool too_long = srb.DataTransferLength > configuration_.MaximumTransferLength;
+    if ((Machine::current().config().checks_transfers && (no_data || too_long)) ||
         srb.CdbLength > sizeof(srb.Cdb))
         return SRB_STATUS_INVALID_REQUEST;
     return SRB_STATUS_PENDING;
@@ -136,7 +137,7 @@ bool Adapter::step()
         scheduler_->call_at(scheduler_->now() + ticks_per_second, [this] { second_passed(); });
     } else {
         PIRP irp = nullptr;
-        if (ready_for_next_ && !undisturbed_ && slots_.available() != 0)
+        if (ready_for_next_ && !undisturbed_ && !holds_back() && slots_.available() != 0)
             irp = queues_.next();
         if (irp == nullptr)
             return false;
@@ -166,12 +167,57 @@ void Adapter::start_next(PIRP irp)
     ++in_flight_;
 
     SpinLockPause pause(queue_lock_);
+    lend_buffer(slot);
+    slots_.hand_over(slot);
     SpinLockHold hold(adapter_lock_);
     ready_for_next_ = false;
     InMiniport call(*this, Call::start_io, device_extension_.get());
     if (!registration_.HwStartIo(device_extension_.get(), srb))
         violation("HwStartIo returned FALSE");
     call.check_irql();
+}
+
+// An IO_CONTROL's buffer is its sender's own, a completion notice's the miniport's. Without MapBuffers a
+// buffer is known to the miniport by its physical pages alone, and its address is not to be used.
+void Adapter::lend_buffer(SrbSlot& slot)
+{
+    PSCSI_REQUEST_BLOCK srb = slot.srb;
+    if (srb->Function != SRB_FUNCTION_EXECUTE_SCSI || srb->DataBuffer == nullptr)
+        return;
+    const ULONG direction = srb->SrbFlags & (SRB_FLAGS_DATA_IN | SRB_FLAGS_DATA_OUT);
+    Access access = direction == SRB_FLAGS_DATA_OUT ? Access::read : Access::read_write;
+    if (!configuration_.MapBuffers)
+        access = Access::none;
+    else if (!Machine::current().config().takes_buffers_away)
+        return;
+    slot.loan = buffers_.lend(*srb, access);
+    srb->DataBuffer = slot.loan.data;
+}
+
+// The SRB still names the pages until it goes back to its sender.
+void Adapter::take_buffer_back(SrbSlot& slot)
+{
+    if (slot.loan.area == nullptr)
+        return;
+    buffers_.take_back(slot.loan);
+}
+
+// As a real bus needs some time after a reset.
+void Adapter::hold_back_after_reset()
+{
+    const Ticks hold = Machine::current().config().reset_hold_100ns;
+    if (hold == 0)
+        return;
+    hold_ends_ = scheduler_->now() + hold;
+    scheduler_->call_at(hold_ends_, [this] {
+        SpinLockHoldAtDispatch guard(queue_lock_);
+        pump();
+    });
+}
+
+bool Adapter::holds_back() const
+{
+    return hold_ends_ != 0 && scheduler_->now() < hold_ends_;
 }
 
 void Adapter::run_timer()
@@ -198,6 +244,7 @@ void Adapter::run_resets()
         result = registration_.HwResetBus(device_extension_.get(), 0);
         call.check_irql();
     }
+    hold_back_after_reset();
     while (wishes != nullptr) {
         ResetWish& wish = *wishes;
         wishes = wish.next;
@@ -285,6 +332,9 @@ void Adapter::second_passed()
         if (slot.deadline > now)
             continue;
         ++timeouts_;
+        if (!Machine::current().config().srbs_may_time_out)
+            violation("an SRB of LUN " + std::to_string(slot.srb->Lun) + " ran out of its " +
+                      std::to_string(slot.srb->TimeOutValue) + " s");
         timeout_reset_ = true;
         slot.deadline = now + slot.srb->TimeOutValue * ticks_per_second;
     }

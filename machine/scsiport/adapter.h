@@ -22,6 +22,7 @@
 
 #include "machine/scheduler/scheduler.h"
 #include "machine/scsiport/srb_slots.h"
+#include "machine/scsiport/transfer_buffers.h"
 #include "machine/scsiport/unit_queues.h"
 
 namespace machine {
@@ -85,6 +86,10 @@ private:
     void run_resets();
     void return_completed();
     void settle(SrbSlot& slot);
+    void lend_buffer(SrbSlot& slot);
+    void take_buffer_back(SrbSlot& slot);
+    bool holds_back() const;
+    void hold_back_after_reset();
     bool retry_later(SrbSlot& slot);
     void request_complete(PSCSI_REQUEST_BLOCK srb);
     void request_timer(PHW_TIMER routine, ULONG delay_us);
@@ -110,7 +115,9 @@ private:
     // Pump's own.
     bool ready_for_next_ = true;
     bool undisturbed_ =
-        false;  // an SRB that must not disconnect is down: nothing follows it until it is back
+        false;             // an SRB that must not disconnect is down: nothing follows it until it is back
+    Ticks hold_ends_ = 0;  // of the time after a reset in which nothing goes down
+    TransferBuffers buffers_;
     bool bus_change_pending_ = false;
     SrbSlot* first_completed_ = nullptr;
     SrbSlot* last_completed_ = nullptr;

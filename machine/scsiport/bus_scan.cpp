@@ -72,8 +72,11 @@ std::vector<LunInfo> BusScan::look()
     for (unsigned index = 0; index < adapter.configuration().MaximumNumberOfLogicalUnits; ++index) {
         const auto lun = static_cast<std::uint8_t>(index);
         LunInfo info{};
-        if (!inquire(lun, info))
+        if (!inquire(lun, info)) {
+            if (Machine::current().config().scan_stops_at_gap)
+                break;
             continue;
+        }
         info.sectors = read_capacity(lun);
         if (Machine::current().config().curious_class_driver)
             look_closely(lun);

@@ -52,6 +52,7 @@ void Adapter::request_complete(PSCSI_REQUEST_BLOCK srb)
     if (srb->DataTransferLength > slot->requested_bytes)
         violation("an SRB was completed with more data than it asked for");
     slots_.retire(*slot);
+    take_buffer_back(*slot);
     slot->next = nullptr;
     if (first_completed_ == nullptr)
         first_completed_ = slot;

@@ -43,6 +43,11 @@ unsigned ScsiPort::scans() const
     return internals_->scan.scans();
 }
 
+void ScsiPort::request_scan()
+{
+    internals_->scan.request();
+}
+
 void ScsiPort::scan()
 {
     internals_->scan.scan();
@@ -113,14 +118,23 @@ bool ScsiPort::write(std::uint8_t lun, std::uint32_t lba, const void* data, std:
 
 void ScsiPort::shutdown()
 {
-    std::vector<LunInfo> order = luns();
-    std::stable_partition(order.begin(), order.end(), [](const LunInfo& info) { return info.lun != 0; });
-    for (const LunInfo& info : order) {
-        ScsiRequest request(*this);
-        request.function = SRB_FUNCTION_SHUTDOWN;
-        request.lun = info.lun;
-        request.timeout_seconds = shutdown_timeout_seconds;
-        execute(request);
+    std::vector<std::uint8_t> order;
+    for (const LunInfo& info : luns())
+        order.push_back(info.lun);
+    std::stable_partition(order.begin(), order.end(), [](std::uint8_t lun) { return lun != 0; });
+    shutdown(order);
+}
+
+void ScsiPort::shutdown(const std::vector<std::uint8_t>& order)
+{
+    for (const std::uint8_t lun : order) {
+        for (const int function : {SRB_FUNCTION_FLUSH, SRB_FUNCTION_SHUTDOWN}) {
+            ScsiRequest request(*this);
+            request.function = static_cast<std::uint8_t>(function);
+            request.lun = lun;
+            request.timeout_seconds = shutdown_timeout_seconds;
+            execute(request);
+        }
     }
 }
 

@@ -94,6 +94,8 @@ public:
     // calls it once.
     void scan();
     unsigned bus_changes() const;
+    // Has a system thread scan the bus, as after BusChangeDetected; any IRQL.
+    void request_scan();
     // Called after every scan, at PASSIVE_LEVEL.
     void set_scan_listener(std::function<void()> listener);
 
@@ -107,8 +109,10 @@ public:
     bool read(std::uint8_t lun, std::uint32_t lba, void* data, std::uint32_t bytes);
     bool write(std::uint8_t lun, std::uint32_t lba, const void* data, std::uint32_t bytes);
 
-    // SRB_FUNCTION_SHUTDOWN to every LUN in order, LUN 0 last, as an operating system going down.
+    // SRB_FUNCTION_FLUSH and SRB_FUNCTION_SHUTDOWN to one LUN after the other, as an operating system going
+    // down: to those of the last scan, LUN 0 last, or in the order given.
     void shutdown();
+    void shutdown(const std::vector<std::uint8_t>& order);
 
     // Called once at PASSIVE_LEVEL between HwFindAdapter and HwInitialize, when the adapter's device object
     // stands in the driver's list: a place to put further device objects before it. Set before boot.

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <string>
 
 #include "machine/machine.h"
 
@@ -19,6 +21,36 @@ constexpr std::size_t extension_alignment_bytes = 16;
 bool all_equal(const std::byte* bytes, std::size_t count, std::byte value)
 {
     return count == 0 || (bytes[0] == value && std::memcmp(bytes, bytes + 1, count - 1) == 0);
+}
+
+// A miniport says how an SRB ended in SrbStatus, ScsiStatus, DataTransferLength and SenseInfoBufferLength.
+// The name of any other field that it changed, null when there is none.
+const char* changed_field(const SCSI_REQUEST_BLOCK& before, const SCSI_REQUEST_BLOCK& after)
+{
+    const struct {
+        const char* name;
+        bool changed;
+    } fields[] = {
+        {"Length", before.Length != after.Length},
+        {"Function", before.Function != after.Function},
+        {"PathId", before.PathId != after.PathId},
+        {"TargetId", before.TargetId != after.TargetId},
+        {"Lun", before.Lun != after.Lun},
+        {"QueueTag", before.QueueTag != after.QueueTag},
+        {"QueueAction", before.QueueAction != after.QueueAction},
+        {"CdbLength", before.CdbLength != after.CdbLength},
+        {"SrbFlags", before.SrbFlags != after.SrbFlags},
+        {"TimeOutValue", before.TimeOutValue != after.TimeOutValue},
+        {"DataBuffer", before.DataBuffer != after.DataBuffer},
+        {"SenseInfoBuffer", before.SenseInfoBuffer != after.SenseInfoBuffer},
+        {"NextSrb", before.NextSrb != after.NextSrb},
+        {"OriginalRequest", before.OriginalRequest != after.OriginalRequest},
+        {"SrbExtension", before.SrbExtension != after.SrbExtension},
+        {"QueueSortKey", before.QueueSortKey != after.QueueSortKey},
+        {"Cdb", std::memcmp(before.Cdb, after.Cdb, sizeof before.Cdb) != 0},
+    };
+    const auto found = std::ranges::find_if(fields, [](const auto& field) { return field.changed; });
+    return found == std::end(fields) ? nullptr : found->name;
 }
 
 }  // namespace
@@ -60,6 +92,7 @@ SrbSlot& SrbSlots::take(PIRP irp, PSCSI_REQUEST_BLOCK srb)
     slot.original_request = srb->OriginalRequest;
     slot.next_srb = srb->NextSrb;
     slot.queue_sort_key = srb->QueueSortKey;
+    slot.data_buffer = srb->DataBuffer;
     if (strict_) {
         srb->OriginalRequest = reinterpret_cast<PVOID>(own_fill);
         srb->NextSrb = reinterpret_cast<PSCSI_REQUEST_BLOCK>(own_fill);
@@ -75,6 +108,7 @@ void SrbSlots::restore(SrbSlot& slot)
     srb->OriginalRequest = slot.original_request;
     srb->NextSrb = slot.next_srb;
     srb->QueueSortKey = slot.queue_sort_key;
+    srb->DataBuffer = slot.data_buffer;
 }
 
 // Slots go to the end of the list, so that an extension rests as long as possible before its next use
@@ -102,11 +136,19 @@ SrbSlot* SrbSlots::find(const SCSI_REQUEST_BLOCK* srb)
     return &slots_[index];
 }
 
+void SrbSlots::hand_over(SrbSlot& slot)
+{
+    if (strict_)
+        slot.on_the_way_down = *slot.srb;
+}
+
 void SrbSlots::retire(SrbSlot& slot)
 {
     slot.complete = true;
     if (!strict_)
         return;
+    if (const char* field = changed_field(slot.on_the_way_down, *slot.srb))
+        violation(std::string("the miniport changed an SRB's ") + field + ", which is the port driver's");
     if (!all_equal(slot.extension + extension_bytes_, stride_bytes_ - extension_bytes_, guard_fill))
         violation("the miniport wrote beyond the end of an SRB extension");
     std::memset(slot.extension, static_cast<int>(retired_fill), extension_bytes_);

@@ -13,6 +13,7 @@
 #include <nt.h>
 
 #include "machine/scheduler/scheduler.h"
+#include "machine/scsiport/transfer_buffers.h"
 
 namespace machine {
 
@@ -30,11 +31,14 @@ struct SrbSlot {
     bool complete = false;     // the miniport has completed it; it is on its way back to the sender
     std::byte* extension = nullptr;
     SrbSlot* next = nullptr;
-    SCSI_REQUEST_BLOCK at_completion{};  // strict: the SRB as the miniport completed it
+    SCSI_REQUEST_BLOCK on_the_way_down{};  // strict: the SRB as the miniport got it
+    SCSI_REQUEST_BLOCK at_completion{};    // strict: the SRB as the miniport completed it
     // Fields that are the port driver's own while the SRB is down, as the sender set them.
     PVOID original_request = nullptr;
     PSCSI_REQUEST_BLOCK next_srb = nullptr;
     ULONG queue_sort_key = 0;
+    PVOID data_buffer = nullptr;
+    TransferBuffers::Loan loan;  // what stands for the sender's data buffer
 };
 
 class SrbSlots {
@@ -51,7 +55,10 @@ public:
 
     // The slot that carries this SRB, null when the SRB is not in the miniport's hands.
     SrbSlot* find(const SCSI_REQUEST_BLOCK* srb);
+    // The SRB goes to the miniport as it is now.
+    void hand_over(SrbSlot& slot);
     // The miniport has completed the slot's SRB: from here on it must touch neither SRB nor extension.
+    // Strict: stops when it changed what is not its to change.
     void retire(SrbSlot& slot);
     // Strict: stops when the SRB was changed since retire().
     void check_untouched(const SrbSlot& slot) const;

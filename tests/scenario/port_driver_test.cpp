@@ -3,6 +3,7 @@
 // themselves, feed a disk as they like, start the adapter anew, and load the driver where nothing can work.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "tests/scenario/dispatch_tap.h"
@@ -151,6 +152,118 @@ TEST(PortDriver, Transfers_that_must_not_disconnect_complete)
                                 SRB_FLAGS_DATA_IN | SRB_FLAGS_DISABLE_DISCONNECT),
                       0);
             EXPECT_EQ(data, content);
+        });
+    }
+}
+
+// The port driver sends nothing down for some seconds then, completion notices included.
+TEST(PortDriver, Bus_resets_delay_what_is_under_way_and_fail_nothing)
+{
+    for (std::uint64_t seed = 1; seed <= 10; ++seed) {
+        Rig rig({.seed = seed, .disks = std::vector<DiskPlan>(2)});
+        rig.run([&] {
+            Traffic traffic(rig, seed, {.operations_each = 60});
+            traffic.start();
+            for (unsigned reset = 0; reset < 4; ++reset) {
+                rig.machine.sleep_ms(static_cast<std::int64_t>(1 + seed * 7 % 11 * reset));
+                EXPECT_TRUE(rig.scsi().reset_bus());
+                Bytes sector(512);
+                const double reset_ms = rig.now_ms();
+                EXPECT_TRUE(rig.read(1, 2000, sector));
+                EXPECT_GE(rig.now_ms() - reset_ms, 4000) << "the next request waits";
+            }
+            traffic.wait();
+            EXPECT_EQ(traffic.failed(), 0u);
+            EXPECT_EQ(rig.scsi().in_flight(), 0u);
+        });
+    }
+}
+
+TEST(PortDriver, Shutdown_in_any_order_of_disks_tells_each_once_and_fails_nothing)
+{
+    std::vector<std::uint8_t> order{0, 1, 2};
+    do {
+        Rig rig({.disks = std::vector<DiskPlan>(3)});
+        rig.run([&] {
+            Traffic traffic(rig, 1, {.operations_each = 15});
+            traffic.start();
+            rig.scsi().shutdown(order);
+            std::vector<std::uint8_t> told;
+            for (const SeenPacket& packet : rig.sent(formats::sub_request, formats::kind_shutdown))
+                told.push_back(packet.header().Disk_Parm[3]);
+            EXPECT_EQ(told, order);
+            traffic.wait();
+            EXPECT_EQ(traffic.failed(), 0u);
+        });
+    } while (std::ranges::next_permutation(order).found);
+}
+
+// A disk that is not shown yet, or lost, must not hide those behind it.
+TEST(PortDriver, Scans_that_stop_at_a_gap_find_every_disk)
+{
+    Rig rig({.disks = {{}, {.flags = 0x44}, {}, {}},
+             .adjust_machine = [](machine::MachineConfig& config) { config.scan_stops_at_gap = true; }});
+    rig.run([&] {
+        EXPECT_EQ(rig.scsi().luns().size(), 4u);
+        rig.main.stop();
+        Pending lost(rig);
+        lost.read(2, 0, 512);
+        rig.machine.sleep_ms(200'000);
+        EXPECT_TRUE(lost.done() && !lost.ok());
+        rig.main.start();
+        rig.scsi().scan();
+        const std::vector<machine::LunInfo> luns = rig.scsi().luns();
+        ASSERT_EQ(luns.size(), 4u);
+        EXPECT_EQ(luns[2].sectors, 0u);
+        EXPECT_NE(luns[3].sectors, 0u);
+        Bytes sector(512);
+        EXPECT_TRUE(rig.read(3, 0, sector));
+    });
+}
+
+// Only class drivers keep to the adapter's limit; others may send what they like.
+TEST(PortDriver, Transfers_beyond_the_limit_work_or_are_refused_and_those_without_a_buffer_are_refused)
+{
+    struct Row {
+        std::uint32_t limit_kb, read_kb, sectors;
+    };
+    for (const Row& row :
+         {Row{64, 16, 256}, Row{64, 1, 256}, Row{64, 1, 4096}, Row{4, 1, 128}, Row{1, 16, 3}}) {
+        Rig rig({.disks = {{.sectors = 8192, .read_kb = row.read_kb, .write_kb = row.read_kb}},
+                 .settings = {{"TRANS_SIZE", row.limit_kb}},
+                 .adjust_machine = [](machine::MachineConfig& config) { config.checks_transfers = false; }});
+        rig.run([&] {
+            const std::uint32_t bytes = row.sectors * 512;
+            ASSERT_GT(bytes, rig.scsi().maximum_transfer_bytes());
+            const Bytes content = pattern(7, bytes);
+            Pending write(rig), read(rig);
+            write.write(0, 7, content).wait();
+            read.read(0, 7, bytes).wait();
+            EXPECT_EQ(read.ok(), write.ok());
+            if (write.ok())
+                EXPECT_TRUE(read.data() == content);
+            else
+                EXPECT_EQ(write.request().sense(), (machine::Sense{0x05, 0x24, 0}));
+            for (const std::uint8_t operation : {read_10, write_10}) {
+                machine::ScsiRequest request(rig.scsi());
+                operation == read_10 ? request.set_read(0, 0, nullptr, 512)
+                                     : request.set_write(0, 0, nullptr, 512);
+                rig.execute(request);
+                EXPECT_EQ(request.sense(), (machine::Sense{0x05, 0x24, 0})) << int{operation};
+            }
+            for (std::vector<std::uint8_t> cdb : {std::vector<std::uint8_t>{0x12, 0, 0, 0, 36, 0},
+                                                  {0x25, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+                                                  {0x1A, 0, 0x3F, 0, 4, 0}}) {
+                machine::ScsiRequest request(rig.scsi());
+                std::ranges::copy(cdb, request.cdb.begin());
+                request.cdb_bytes = static_cast<std::uint8_t>(cdb.size());
+                request.data_bytes = 36;
+                request.srb_flags = SRB_FLAGS_DATA_IN;
+                rig.execute(request);
+                EXPECT_EQ(request.sense(), (machine::Sense{0x05, 0x24, 0})) << int{cdb[0]};
+            }
+            Bytes sector(512);
+            EXPECT_TRUE(rig.read(0, 0, sector));
         });
     }
 }

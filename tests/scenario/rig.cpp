@@ -12,6 +12,12 @@ namespace scenario {
 using machine::Direction;
 using machine::Outcome;
 
+machine::Feeding usual_feeding()
+{
+    const char* way = std::getenv("QRN_FEEDING");
+    return way && std::string(way) == "held_back" ? machine::Feeding::held_back : machine::Feeding::eager;
+}
+
 static machine::MachineConfig machine_config(const Plan& plan)
 {
     machine::MachineConfig config;
@@ -22,6 +28,9 @@ static machine::MachineConfig machine_config(const Plan& plan)
     config.largest_pte_run = plan.largest_pte_run;
     config.feeding = plan.feeding;
     config.curious_class_driver = plan.curious_class_driver;
+    config.srbs_may_time_out = false;
+    if (plan.adjust_machine)
+        plan.adjust_machine(config);
     return config;
 }
 

@@ -31,6 +31,10 @@ using simulation::server_address;
 
 enum class Handover { low_memory, transport, none };
 
+// How disks are fed where a scenario does not say: eagerly, or as the environment variable QRN_FEEDING has
+// it.
+machine::Feeding usual_feeding();
+
 struct Plan {
     std::uint64_t seed = 1;
     std::vector<DiskPlan> disks{DiskPlan{}};
@@ -44,10 +48,12 @@ struct Plan {
     std::map<std::string, std::uint32_t> settings{};  // registry values of the service key
     bool reset_ports_work = true;
     std::uint16_t base_memory_kb = 600;
-    machine::Feeding feeding = machine::Feeding::eager;
+    machine::Feeding feeding = usual_feeding();
     bool curious_class_driver = false;
     std::vector<machine::MemoryRange> memory_ranges{};  // empty: the machine's own
     std::uint32_t largest_pte_run = 0;                  // 0: the machine's own
+    // Has the last word on the machine.
+    std::function<void(machine::MachineConfig&)> adjust_machine = nullptr;
     // Has the last word on the block that is handed over; the servers serve the disks as planned.
     std::function<void(formats::Boot_Param&)> adjust_block = nullptr;
 };

@@ -15,7 +15,8 @@
 
 class PortTest : public testing::Test {
 protected:
-    explicit PortTest(machine::MachineConfig config = {}) : machine(std::move(config)) {}
+    // Resets are a way into the miniport for many tests here, and hold nothing back.
+    explicit PortTest(machine::MachineConfig config = {.reset_hold_100ns = 0}) : machine(std::move(config)) {}
 
     // Boots the miniport and runs body as a kernel thread; checks that the port driver kept the rules.
     void run(std::function<void()> body)

@@ -205,6 +205,58 @@ TEST_F(Queue, A_request_that_survives_the_reset_gets_its_whole_time_again)
     });
 }
 
+TEST(Time, Of_an_SRB_that_runs_out_is_a_violation_where_the_miniport_keeps_time_itself)
+{
+    class Strict : public PortTest {
+    public:
+        Strict() : PortTest({.srbs_may_time_out = false}) {}
+        void TestBody() override
+        {
+            hold_transfers();
+            const std::string message = violation_in([&] {
+                ScsiRequest request(port());
+                std::array<std::uint8_t, 512> sector{};
+                request.set_read(1, 0, sector.data(), 512);
+                request.timeout_seconds = 0xFFFFFFFF;
+                port().submit(request);
+                machine.sleep_ms(100'000);
+                ScsiRequest limited(port());
+                limited.set_read(1, 0, sector.data(), 512);
+                limited.timeout_seconds = 7;
+                port().execute(limited);
+            });
+            EXPECT_NE(message.find("an SRB of LUN 1 ran out of its 7 s"), std::string::npos) << message;
+        }
+    };
+    Strict().TestBody();
+}
+
+class Holding : public Queue {
+protected:
+    Holding() : Queue(MachineConfig{}) {}
+};
+
+TEST_F(Holding, After_a_reset_nothing_goes_down_for_four_seconds)
+{
+    run([&] {
+        port().reset_bus();
+        const std::int64_t reset_ms = machine.now_ms();
+        Batch batch(*this, 3), other(*this, 1, 1);
+        ScsiRequest passing(port());
+        passing.function = SRB_FUNCTION_FLUSH;
+        passing.srb_flags = SRB_FLAGS_BYPASS_FROZEN_QUEUE;
+        batch.submit();
+        other.submit();
+        miniport.seen.clear();
+        machine.sleep_ms(3990);
+        EXPECT_TRUE(miniport.seen.empty());
+        port().execute(passing);
+        EXPECT_EQ(machine.now_ms() - reset_ms, 4000);
+        machine.sleep_ms(1);
+        EXPECT_EQ(batch.finished().size() + other.finished().size(), 4u);
+    });
+}
+
 TEST_F(Queue, A_completed_request_may_be_sent_again_from_its_own_completion)
 {
     run([&] {
@@ -229,7 +281,7 @@ TEST_F(Queue, A_completed_request_may_be_sent_again_from_its_own_completion)
 
 class SeededQueue : public Queue, public testing::WithParamInterface<unsigned> {
 protected:
-    SeededQueue() : Queue(MachineConfig{.seed = GetParam()}) {}
+    SeededQueue() : Queue(MachineConfig{.seed = GetParam(), .reset_hold_100ns = 0}) {}
 };
 
 TEST_P(SeededQueue, Calls_of_threads_timers_and_resets_never_meet_in_the_miniport)

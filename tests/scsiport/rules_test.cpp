@@ -90,9 +90,103 @@ const BrokenRule broken_rules[] = {
          std::memset(srb->SenseInfoBuffer, 0x70, srb->SenseInfoBufferLength + 1U);
          m.complete(srb, SRB_STATUS_ERROR | SRB_STATUS_AUTOSENSE_VALID);
      }},
+    {"link_of_the_port_driver_used", "changed an SRB's NextSrb",
+     [](TestMiniport& m, PSCSI_REQUEST_BLOCK srb) {
+         srb->NextSrb = nullptr;
+         m.complete(srb, SRB_STATUS_SUCCESS);
+     }},
+    {"owner_of_an_srb_changed", "changed an SRB's OriginalRequest",
+     [](TestMiniport& m, PSCSI_REQUEST_BLOCK srb) {
+         srb->OriginalRequest = srb;
+         m.complete(srb, SRB_STATUS_SUCCESS);
+     }},
+    {"sort_key_changed", "changed an SRB's QueueSortKey",
+     [](TestMiniport& m, PSCSI_REQUEST_BLOCK srb) {
+         ++srb->QueueSortKey;
+         m.complete(srb, SRB_STATUS_SUCCESS);
+     }},
+    {"time_out_changed", "changed an SRB's TimeOutValue",
+     [](TestMiniport& m, PSCSI_REQUEST_BLOCK srb) {
+         srb->TimeOutValue = 1;
+         m.complete(srb, SRB_STATUS_SUCCESS);
+     }},
+    {"written_before_the_data", "wrote beside the data buffer",
+     [](TestMiniport& m, PSCSI_REQUEST_BLOCK srb) {
+         static_cast<std::uint8_t*>(srb->DataBuffer)[-1] = 1;
+         m.complete(srb, SRB_STATUS_SUCCESS);
+     }},
 };
 INSTANTIATE_TEST_SUITE_P(Each, BrokenRules, testing::ValuesIn(broken_rules),
                          [](const auto& instance) { return instance.param.name; });
+
+struct BadTouch {
+    const char* name;
+    bool write;                                         // the transfer
+    void (*touch)(TestMiniport&, PSCSI_REQUEST_BLOCK);  // and completes
+    const char* message;
+};
+
+class BufferRules : public Rules, public testing::WithParamInterface<BadTouch> {};
+
+volatile std::uint8_t* data_of(PSCSI_REQUEST_BLOCK srb)
+{
+    return static_cast<volatile std::uint8_t*>(srb->DataBuffer);
+}
+
+TEST_P(BufferRules, A_touch_of_data_that_is_not_lent_is_told)
+{
+    miniport.start_io = [&](PSCSI_REQUEST_BLOCK srb) {
+        if (srb->Cdb[0] == SCSIOP_READ || srb->Cdb[0] == SCSIOP_WRITE)
+            GetParam().touch(miniport, srb);
+        else
+            miniport.answer(srb);
+    };
+    EXPECT_DEATH(run([&] {
+                     std::uint8_t data[1536] = {};
+                     for (int round = 0; round < 10; ++round)
+                         GetParam().write ? port().write(1, 0, data, sizeof data)
+                                          : port().read(1, 0, data, sizeof data);
+                 }),
+                 GetParam().message);
+}
+
+const BadTouch bad_touches[] = {
+    {"read_after_completion", false,
+     [](TestMiniport& m, PSCSI_REQUEST_BLOCK srb) {
+         m.complete(srb, SRB_STATUS_SUCCESS);
+         data_of(srb)[0];
+     },
+     "touched after RequestComplete \\(LUN 1, command 28, 1536 bytes\\)"},
+    {"written_some_transfers_later", false,
+     [](TestMiniport& m, PSCSI_REQUEST_BLOCK srb) {
+         static volatile std::uint8_t* first = data_of(srb);
+         static unsigned count = 0;
+         if (++count == 10)
+             *first = 1;
+         m.complete(srb, SRB_STATUS_SUCCESS);
+     },
+     "touched after RequestComplete"},
+    {"read_beyond_its_end", true,
+     [](TestMiniport& m, PSCSI_REQUEST_BLOCK srb) {
+         data_of(srb)[srb->DataTransferLength];
+         m.complete(srb, SRB_STATUS_SUCCESS);
+     },
+     "touched where it must not be \\(LUN 1, command 2A, 1536 bytes\\)"},
+    {"data_to_be_written_changed", true,
+     [](TestMiniport& m, PSCSI_REQUEST_BLOCK srb) {
+         data_of(srb)[0] = 1;
+         m.complete(srb, SRB_STATUS_SUCCESS);
+     },
+     "touched where it must not be"},
+};
+INSTANTIATE_TEST_SUITE_P(Each, BufferRules, testing::ValuesIn(bad_touches),
+                         [](const auto& instance) { return instance.param.name; });
+
+TEST_F(Rules, Without_MapBuffers_the_address_of_the_data_is_of_no_use)
+{
+    miniport.registration.MapBuffers = FALSE;
+    EXPECT_DEATH(run([] {}), "touched where it must not be \\(LUN 0, command 12, 36 bytes\\)");
+}
 
 TEST_F(Rules, A_notification_by_another_thread_while_the_miniport_runs_is_a_violation)
 {

@@ -31,6 +31,24 @@ TEST_F(Start, A_scan_lists_the_luns_that_answer_and_gives_each_one_device)
     });
 }
 
+TEST(Scan, Ends_at_a_gap_where_the_adapter_is_said_to_leave_none)
+{
+    for (const bool stops : {false, true}) {
+        Machine machine({.scan_stops_at_gap = stops});
+        TestMiniport miniport(4);
+        miniport.start_io = [&](PSCSI_REQUEST_BLOCK srb) {
+            if (srb->Lun == 1)
+                miniport.complete(srb, SRB_STATUS_INVALID_LUN);
+            else
+                miniport.answer(srb);
+        };
+        machine.run([&] {
+            machine.boot(miniport);
+            EXPECT_EQ(machine.scsi().luns().size(), stops ? 1U : 3U);
+        });
+    }
+}
+
 TEST_F(Start, A_timer_set_by_HwFindAdapter_counts_from_there_and_fires_once_the_adapter_has_started)
 {
     std::int64_t found_ms = 0, fired_ms = 0;

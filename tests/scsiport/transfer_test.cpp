@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The class driver's half: lengths and sense data.
+#include <algorithm>
 #include <numeric>
 
 #include "tests/scsiport/port_test.h"
@@ -39,6 +40,34 @@ TEST_F(Transfer, Long_reads_and_writes_are_split_into_the_largest_transfers)
             EXPECT_EQ(request.srb_status, SRB_STATUS_INVALID_REQUEST) << "one that no adapter could carry";
         }
         EXPECT_TRUE(miniport.seen.empty());
+    });
+}
+
+// A transfer's own bytes come and go, and none beside them, wherever they lie.
+TEST_F(Transfer, Data_of_any_length_and_place_is_copied_both_ways)
+{
+    run([&] {
+        std::vector<std::uint8_t> content(64 * 512);
+        std::iota(content.begin(), content.end(), std::uint8_t{7});
+        std::vector<std::uint8_t> sent = content;
+        for (const std::uint32_t sectors : {1u, 7u, 8u, 9u, 17u, 64u}) {
+            const std::uint32_t bytes = sectors * 512;
+            std::vector<std::uint8_t> around(bytes + 8, 0xEE);
+            std::fill(miniport.disks[0].begin(), miniport.disks[0].end(), std::uint8_t{0});
+            ASSERT_TRUE(port().write(0, 0, sent.data(), bytes));
+            EXPECT_TRUE(std::equal(sent.begin(), sent.begin() + bytes, miniport.disks[0].begin()));
+            EXPECT_EQ(sent, content);
+            ASSERT_TRUE(port().read(0, 0, around.data() + 3, bytes));
+            EXPECT_TRUE(std::equal(content.begin(), content.begin() + bytes, around.begin() + 3));
+            EXPECT_EQ(around[2] + around[bytes + 3], 2 * 0xEE);
+        }
+        ScsiRequest request(port());
+        std::array<std::uint8_t, 512> untouched;
+        untouched.fill(0xEE);
+        request.set_read(0, 64, untouched.data(), 512);
+        port().execute(request);
+        EXPECT_FALSE(request.ok()) << "past the end of the disk";
+        EXPECT_EQ(std::count(untouched.begin(), untouched.end(), 0xEE), 512);
     });
 }
 
