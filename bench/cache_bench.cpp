@@ -9,7 +9,7 @@
 
 #include "bench/srb_load.h"
 #include "driver/cache/cache_layer.h"
-#include "driver/startup/disk_table.h"
+#include "driver/state/disk_table.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <unordered_map>
 
 #include "bench/srb_load.h"
-#include "driver/common/chunk_key.h"
+#include "driver/block/chunk_key.h"
 #include "driver/image/image_block.h"
 #include "machine/disk/local_disk.h"
 #include "station/local_boot.h"

@@ -1,27 +1,26 @@
 # SPDX-License-Identifier: MIT
 # The driver's sources, for the host build and for qrndisk.sys alike.
 set(QRN_DRIVER_SOURCES
-    common/sector_flags.cpp
-    startup/driver_entry.cpp
-    startup/low_memory.cpp
-    startup/boot_record.cpp
-    startup/handshake.cpp
-    startup/settings.cpp
-    startup/memory_probe.cpp
-    startup/image_search.cpp
-    startup/disk_table.cpp
-    startup/lun_init.cpp
-    miniport/adapter.cpp
-    miniport/start_io.cpp
-    miniport/scsi_commands.cpp
-    miniport/completion.cpp
-    engine/queues.cpp
-    engine/holds.cpp
-    engine/worker.cpp
-    engine/chunk.cpp
-    engine/route.cpp
-    engine/local_cache.cpp
-    engine/image_route.cpp
+    kernel/registry.cpp
+    block/sector_flags.cpp
+    state/boot_param.cpp
+    state/settings.cpp
+    state/disk_table.cpp
+    state/stop_level.cpp
+    state/local_boot.cpp
+    state/image_version.cpp
+    state/memory_probe.cpp
+    request/queues.cpp
+    request/holds.cpp
+    request/channel.cpp
+    request/sense.cpp
+    request/completion.cpp
+    net/servers.cpp
+    net/packet.cpp
+    net/exchange.cpp
+    net/receive.cpp
+    net/shutdown_notice.cpp
+    net/machine_reset.cpp
     cache/lru_ring.cpp
     cache/page_pool.cpp
     cache/memory_object.cpp
@@ -36,13 +35,20 @@ set(QRN_DRIVER_SOURCES
     image/image_block.cpp
     image/image_setup.cpp
     image/image_sync.cpp
-    image/image_version.cpp
     image/net_image.cpp
-    net/servers.cpp
-    net/packet.cpp
-    net/exchange.cpp
-    net/receive.cpp
-    net/status_poll.cpp
-    net/shutdown_notice.cpp
-    net/machine_reset.cpp)
+    engine/worker.cpp
+    engine/local_cache.cpp
+    engine/chunk.cpp
+    engine/route.cpp
+    engine/image_route.cpp
+    engine/status_poll.cpp
+    miniport/adapter.cpp
+    miniport/start_io.cpp
+    miniport/scsi_commands.cpp
+    startup/driver_entry.cpp
+    startup/low_memory.cpp
+    startup/boot_record.cpp
+    startup/handshake.cpp
+    startup/image_search.cpp
+    startup/lun_init.cpp)
 list(TRANSFORM QRN_DRIVER_SOURCES PREPEND ${CMAKE_CURRENT_LIST_DIR}/)

@@ -8,7 +8,7 @@
 
 #include "driver/image/file_io.h"
 #include "driver/image/image_setup.h"
-#include "driver/startup/boot_param.h"
+#include "driver/state/boot_param.h"
 #include "fuzz/image_input.h"
 #include "fuzz/kernel.h"
 #include "machine/disk/local_disk.h"

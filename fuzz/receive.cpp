@@ -9,9 +9,10 @@
 #include <deque>
 #include <memory>
 
-#include "driver/engine/queues.h"
+#include "driver/engine/status_poll.h"
 #include "driver/net/receive.h"
-#include "driver/startup/boot_param.h"
+#include "driver/request/queues.h"
+#include "driver/state/boot_param.h"
 #include "fuzz/kernel.h"
 
 using namespace fuzz;
@@ -180,7 +181,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Ndis_Handover.QRN_Release = release;
         HANDLE thread;
         require(PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, QRN_Recv_Thread,
-                                     nullptr) == STATUS_SUCCESS,
+                                     reinterpret_cast<PVOID>(Answer_Poll)) == STATUS_SUCCESS,
                 "the thread starts");
         PVOID object;
         ObReferenceObjectByHandle(thread, 0, *PsThreadType, KernelMode, &object, nullptr);

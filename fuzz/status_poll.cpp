@@ -5,10 +5,10 @@
 // the counters, the image's header.
 #include <memory>
 
+#include "driver/engine/status_poll.h"
 #include "driver/image/image_setup.h"
-#include "driver/net/status_poll.h"
-#include "driver/startup/boot_param.h"
-#include "driver/startup/disk_table.h"
+#include "driver/state/boot_param.h"
+#include "driver/state/disk_table.h"
 #include "formats/wire.h"
 #include "fuzz/kernel.h"
 

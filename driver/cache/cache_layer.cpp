@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "driver/cache/cache_layer.h"
 
+#include "driver/block/pieces.h"
+#include "driver/block/sector_flags.h"
 #include "driver/cache/cache_stats.h"
-#include "driver/common/bytes.h"
-#include "driver/common/locks.h"
-#include "driver/common/pieces.h"
-#include "driver/common/pool.h"
-#include "driver/common/sector_flags.h"
+#include "driver/kernel/bytes.h"
+#include "driver/kernel/locks.h"
+#include "driver/kernel/pool.h"
 
 using formats::CacheStats;
 

@@ -3,10 +3,10 @@
 
 #include "driver/cache/cache_stats.h"
 #include "driver/cache/server_object.h"
-#include "driver/common/locks.h"
-#include "driver/common/objects.h"
-#include "driver/startup/boot_param.h"
-#include "driver/startup/disk_table.h"
+#include "driver/kernel/locks.h"
+#include "driver/kernel/objects.h"
+#include "driver/state/boot_param.h"
+#include "driver/state/disk_table.h"
 
 static QRNH_OBJ_MEM* pMem_List;
 // Guards the registry and the search for a disk to share with.

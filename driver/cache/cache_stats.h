@@ -4,7 +4,7 @@
 
 #include <nt.h>
 
-#include "driver/engine/block_object.h"
+#include "driver/block/block_object.h"
 #include "formats/boot_block.h"
 #include "formats/cache_stats.h"
 

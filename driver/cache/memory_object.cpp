@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "driver/cache/memory_object.h"
 
-#include "driver/common/delay.h"
-#include "driver/common/pool.h"
+#include "driver/kernel/delay.h"
+#include "driver/kernel/pool.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 // Create, Destory and Oft_Buffer.
 #pragma once
 
+#include "driver/block/block_object.h"
 #include "driver/cache/page_pool.h"
-#include "driver/common/locks.h"
-#include "driver/engine/block_object.h"
+#include "driver/kernel/locks.h"
 
 constexpr LONG Sectors_Per_Block = 128;
 constexpr ULONG Region_Chunks = 128;  // 64 KB chunks of an 8 MB region

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "driver/cache/page_pool.h"
 
-#include "driver/common/bytes.h"
-#include "driver/common/delay.h"
-#include "driver/common/locks.h"
-#include "driver/common/pool.h"
-#include "driver/startup/memory_probe.h"
+#include "driver/kernel/bytes.h"
+#include "driver/kernel/delay.h"
+#include "driver/kernel/locks.h"
+#include "driver/kernel/pool.h"
+#include "driver/state/memory_probe.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "driver/cache/server_object.h"
 
-#include "driver/engine/holds.h"
-#include "driver/engine/route.h"
 #include "driver/net/exchange.h"
 #include "driver/net/packet.h"
+#include "driver/request/holds.h"
+#include "driver/request/worker_block.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 // whose packets carry the transfer. Any number of workers at once, PASSIVE_LEVEL, holding no lock.
 #pragma once
 
-#include "driver/engine/block_object.h"
+#include "driver/block/block_object.h"
 
 class SR_RW : public QRNH_OBJ_RW {
 public:

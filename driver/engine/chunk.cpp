@@ -1,15 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "driver/engine/chunk.h"
 
-#include "driver/common/bytes.h"
-#include "driver/common/locks.h"
-#include "driver/engine/holds.h"
-#include "driver/engine/queues.h"
 #include "driver/engine/route.h"
-#include "driver/miniport/completion.h"
-#include "driver/miniport/request.h"
+#include "driver/kernel/bytes.h"
+#include "driver/kernel/locks.h"
 #include "driver/net/exchange.h"
 #include "driver/net/packet.h"
+#include "driver/request/channel.h"
+#include "driver/request/completion.h"
+#include "driver/request/holds.h"
+#include "driver/request/queues.h"
+#include "driver/request/request.h"
+#include "driver/state/local_boot.h"
 
 // Header bytes that a record brings to every worker that runs a chunk of it: all but the worker's own
 // Worker_Byte and the chunk's Pkt_Index.

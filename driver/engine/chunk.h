@@ -3,7 +3,7 @@
 // PASSIVE_LEVEL.
 #pragma once
 
-#include "driver/engine/worker_block.h"
+#include "driver/request/worker_block.h"
 
 struct RW_Req;
 

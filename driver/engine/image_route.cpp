@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: MIT
 #include "driver/engine/image_route.h"
 
-#include "driver/common/bytes.h"
-#include "driver/common/chunk_key.h"
-#include "driver/common/locks.h"
-#include "driver/common/objects.h"
+#include "driver/block/chunk_key.h"
 #include "driver/image/file_io.h"
 #include "driver/image/image_setup.h"
 #include "driver/image/image_sync.h"
 #include "driver/image/net_image.h"
-#include "driver/miniport/request.h"
-#include "driver/miniport/start_io.h"
-#include "driver/startup/boot_param.h"
-#include "driver/startup/image_search.h"
+#include "driver/kernel/bytes.h"
+#include "driver/kernel/locks.h"
+#include "driver/kernel/objects.h"
+#include "driver/request/request.h"
+#include "driver/state/boot_param.h"
+#include "driver/state/disk_table.h"
+#include "driver/state/local_boot.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 // them no longer counts for those chunks.
 #pragma once
 
-#include "driver/engine/worker_block.h"
+#include "driver/request/worker_block.h"
 
 struct RW_Req;
 

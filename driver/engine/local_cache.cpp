@@ -2,13 +2,13 @@
 #include "driver/engine/local_cache.h"
 
 #include "driver/cache/cache_setup.h"
-#include "driver/common/locks.h"
-#include "driver/engine/holds.h"
-#include "driver/engine/queues.h"
-#include "driver/engine/route.h"
+#include "driver/kernel/locks.h"
 #include "driver/net/exchange.h"
-#include "driver/startup/boot_param.h"
-#include "driver/startup/memory_probe.h"
+#include "driver/request/holds.h"
+#include "driver/request/queues.h"
+#include "driver/state/boot_param.h"
+#include "driver/state/local_boot.h"
+#include "driver/state/memory_probe.h"
 
 using formats::NegotiationReply;
 

@@ -2,7 +2,7 @@
 // Whether a disk has a RAM cache here, which its server is asked once.
 #pragma once
 
-#include "driver/engine/worker_block.h"
+#include "driver/request/worker_block.h"
 
 // Settles it for the entry's disk if that has not happened, which may take as long as the server takes, puts
 // the disk's cache object, or null, into the entry and returns the disk's Cache_State. Cache_Unknown: another

@@ -3,16 +3,11 @@
 
 #include "driver/engine/chunk.h"
 #include "driver/engine/image_route.h"
-#include "driver/miniport/request.h"
 #include "driver/net/exchange.h"
 #include "driver/net/packet.h"
-#include "driver/startup/boot_param.h"
-#include "driver/startup/image_search.h"
-
-ULONG Write_Slot_Index(const RW_Entry* pEntry)
-{
-    return (pEntry->pWr_Slot ? pEntry->pWr_Slot : pEntry)->Index();
-}
+#include "driver/request/request.h"
+#include "driver/state/boot_param.h"
+#include "driver/state/local_boot.h"
 
 static LONG Route_Cache(RW_Entry* pEntry, const RW_Req* pReq, LONG Bytes)
 {
@@ -20,11 +15,6 @@ static LONG Route_Cache(RW_Entry* pEntry, const RW_Req* pReq, LONG Bytes)
     auto Ctx = reinterpret_cast<ULONG_PTR>(pEntry);
     return pReq->Write ? pCache->Write(Ctx, pEntry->Sector, pEntry->pData, Bytes)
                        : pCache->Read(Ctx, pEntry->Sector, pEntry->pData, Bytes);
-}
-
-bool Images_Take_Part()
-{
-    return Boot_Param.Boot_Mode.get() == formats::boot_mode_local_image && pSaved_MBR;
 }
 
 // A write that the pick has not tagged, and each further run of one that it has, is tagged here: the packets

@@ -2,15 +2,9 @@
 // The fixed order of backends for one piece of a chunk. Worker threads, PASSIVE_LEVEL.
 #pragma once
 
-#include "driver/engine/worker_block.h"
+#include "driver/request/worker_block.h"
 
 struct RW_Req;
-
-// Index of the slot block that the entry's write chunk holds, or the worker's own when it holds none.
-ULONG Write_Slot_Index(const RW_Entry* pEntry);
-
-// Local images stand before the other backends.
-bool Images_Take_Part();
 
 // Routes the first bytes of what is left of the chunk (Left > 0) at the entry's pData and Sector; returns
 // how many are done, at least 1. A failure marks the record and counts all that is left as done; so does a

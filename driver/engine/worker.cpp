@@ -1,24 +1,26 @@
 // SPDX-License-Identifier: MIT
 #include "driver/engine/worker.h"
 
-#include "driver/common/locks.h"
-#include "driver/common/pool.h"
 #include "driver/engine/chunk.h"
 #include "driver/engine/local_cache.h"
-#include "driver/engine/queues.h"
-#include "driver/miniport/completion.h"
-#include "driver/miniport/request.h"
+#include "driver/engine/status_poll.h"
+#include "driver/image/image_sync.h"
+#include "driver/kernel/locks.h"
+#include "driver/kernel/pool.h"
 #include "driver/net/packet.h"
 #include "driver/net/receive.h"
-#include "driver/startup/boot_param.h"
+#include "driver/request/completion.h"
+#include "driver/request/queues.h"
+#include "driver/request/request.h"
+#include "driver/state/boot_param.h"
 
 constexpr KPRIORITY Worker_Priority = 31;
 
-static void Start_Thread(PKSTART_ROUTINE Routine)
+static void Start_Thread(PKSTART_ROUTINE Routine, PVOID Context)
 {
     HANDLE Thread;
     if (NT_SUCCESS(
-            PsCreateSystemThread(&Thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, Routine, nullptr)))
+            PsCreateSystemThread(&Thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, Routine, Context)))
         ZwClose(Thread);
 }
 
@@ -45,9 +47,9 @@ void Workers_Start(ULONG Count)
         }
         InsertTailList(&pRW_List, &pEntry->Link);
         pRW_Tbl[Index] = pEntry;
-        Start_Thread(QRN_RW_Thread);
+        Start_Thread(QRN_RW_Thread, nullptr);
         if (Index == 0)
-            Start_Thread(QRN_Recv_Thread);
+            Start_Thread(QRN_Recv_Thread, reinterpret_cast<PVOID>(Answer_Poll));
     }
 }
 

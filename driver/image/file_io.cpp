@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "driver/image/file_io.h"
 
-#include "driver/common/bytes.h"
+#include "driver/kernel/bytes.h"
 #include "formats/boot_block.h"
 
 namespace {

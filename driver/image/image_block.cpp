@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "driver/image/image_block.h"
 
-#include "driver/common/bytes.h"
-#include "driver/common/pieces.h"
-#include "driver/common/sector_flags.h"
+#include "driver/block/pieces.h"
+#include "driver/block/sector_flags.h"
+#include "driver/kernel/bytes.h"
 
 using formats::Entry_64K;
 

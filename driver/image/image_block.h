@@ -8,9 +8,9 @@
 // Forget() them.
 #pragma once
 
-#include "driver/common/locks.h"
-#include "driver/engine/block_object.h"
+#include "driver/block/block_object.h"
 #include "driver/image/image_map.h"
+#include "driver/kernel/locks.h"
 
 // Read: the first sector may be here, and cannot be read. No older copy may take its place.
 constexpr LONG Img_Failed = -1;

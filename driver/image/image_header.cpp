@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "driver/image/image_header.h"
 
-#include "driver/common/bytes.h"
-#include "driver/common/locks.h"
 #include "driver/image/file_io.h"
+#include "driver/kernel/bytes.h"
+#include "driver/kernel/locks.h"
 
 using formats::ImageHeader;
 

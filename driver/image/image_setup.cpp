@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "driver/image/image_setup.h"
 
-#include "driver/common/objects.h"
 #include "driver/image/file_io.h"
 #include "driver/image/net_image.h"
-#include "driver/startup/boot_param.h"
+#include "driver/kernel/objects.h"
+#include "driver/state/boot_param.h"
 
 QRNH_IMG_RW* volatile pQRNH_Img_Sys;
 QRNH_OBJ_IMG* volatile pQRNH_Obj_Tmp;

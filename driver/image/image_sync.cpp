@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "driver/image/image_sync.h"
 
-#include "driver/common/bytes.h"
-#include "driver/common/chunk_key.h"
-#include "driver/common/locks.h"
-#include "driver/common/objects.h"
-#include "driver/common/sector_flags.h"
+#include "driver/block/chunk_key.h"
+#include "driver/block/sector_flags.h"
 #include "driver/image/image_setup.h"
-#include "driver/image/image_version.h"
 #include "driver/image/net_image.h"
+#include "driver/kernel/bytes.h"
+#include "driver/kernel/delay.h"
+#include "driver/kernel/locks.h"
+#include "driver/kernel/objects.h"
+#include "driver/state/image_version.h"
 
 using formats::Entry_64K;
 using formats::ImageHeader;
@@ -17,6 +18,9 @@ PVOID volatile pSync_State;
 static KSPIN_LOCK Sync_Lock;
 
 namespace {
+
+constexpr LONG Stop_Polls = 30;
+constexpr LONG Stop_Poll_Ms = 100;
 
 constexpr ULONG Report_Secs = 32;
 constexpr ULONGLONG Ticks_Per_Sec = 10000000;
@@ -336,6 +340,15 @@ bool Sync_Stop()
         return false;
     static_cast<Sync_State*>(pState)->Status = Sync_Stopped;
     return true;
+}
+
+void QRN_RW_HDD_Stop()
+{
+    DbgPrint("\nQRN_RW_HDD_Stop");
+    if (!Sync_Stop())
+        return;
+    for (LONG Poll = 0; Poll < Stop_Polls && pSync_State != Sync_Ended; ++Poll)
+        Sleep_Ms(Stop_Poll_Ms);
 }
 
 bool Serve_Unchecked(QRNH_IMG_RW* pImage)

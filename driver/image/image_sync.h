@@ -32,6 +32,8 @@ void Sync_Start_Once();
 
 // Tells a run to stop after its current chunk. False when there is none.
 bool Sync_Stop();
+// The same, and waits up to about 3 seconds for its end.
+void QRN_RW_HDD_Stop();
 
 VOID NTAPI QRN_RW_HDD_Sync(PVOID Context);
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "driver/image/net_image.h"
 
-#include "driver/engine/queues.h"
-#include "driver/startup/boot_param.h"
+#include "driver/request/queues.h"
+#include "driver/state/boot_param.h"
 
 constexpr LONG Sync_Read = formats::kind_sync_read << 8 | formats::sub_request;
 

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "driver/image/image_header.h"
-#include "driver/miniport/request.h"
+#include "driver/request/request.h"
 
 // Whether disk 0 has a server at all.
 bool System_Disk_Has_Server();

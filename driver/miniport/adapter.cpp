@@ -1,13 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "driver/miniport/adapter.h"
 
-#include "driver/miniport/request.h"
 #include "driver/miniport/start_io.h"
-#include "driver/startup/boot_param.h"
-#include "driver/startup/driver_entry.h"
-#include "driver/startup/settings.h"
+#include "driver/request/channel.h"
+#include "driver/request/request.h"
+#include "driver/state/boot_param.h"
+#include "driver/state/settings.h"
+#include "driver/state/stop_level.h"
 
-volatile LONG Stop_Level;
+PDRIVER_OBJECT pDriver_Obj;
 
 static PDRIVER_DISPATCH pOrig_Scsi_Dispatch;
 

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "driver/miniport/start_io.h"
 
-#include "driver/common/bytes.h"
-#include "driver/engine/queues.h"
-#include "driver/miniport/adapter.h"
-#include "driver/miniport/request.h"
+#include "driver/kernel/bytes.h"
 #include "driver/miniport/scsi_commands.h"
 #include "driver/net/shutdown_notice.h"
-#include "driver/startup/boot_param.h"
-
-volatile LONG Delay_Cnt;
+#include "driver/request/channel.h"
+#include "driver/request/queues.h"
+#include "driver/request/request.h"
+#include "driver/request/sense.h"
+#include "driver/state/boot_param.h"
+#include "driver/state/disk_table.h"
+#include "driver/state/stop_level.h"
 
 namespace {
 

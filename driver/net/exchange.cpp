@@ -1,18 +1,18 @@
 // SPDX-License-Identifier: MIT
 #include "driver/net/exchange.h"
 
-#include "driver/common/bytes.h"
-#include "driver/common/delay.h"
-#include "driver/common/locks.h"
-#include "driver/engine/holds.h"
-#include "driver/image/image_version.h"
-#include "driver/miniport/adapter.h"
-#include "driver/miniport/completion.h"
+#include "driver/kernel/bytes.h"
+#include "driver/kernel/delay.h"
+#include "driver/kernel/locks.h"
 #include "driver/net/answer_state.h"
 #include "driver/net/machine_reset.h"
 #include "driver/net/packet.h"
 #include "driver/net/servers.h"
-#include "driver/startup/settings.h"
+#include "driver/request/channel.h"
+#include "driver/request/holds.h"
+#include "driver/state/image_version.h"
+#include "driver/state/settings.h"
+#include "driver/state/stop_level.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 // resends, failover and mirroring. Worker threads, PASSIVE_LEVEL, holding no lock.
 #pragma once
 
-#include "driver/engine/worker_block.h"
+#include "driver/request/worker_block.h"
 
 // Sends the bytes at the entry's pData and Sector as packets and waits for each. Returns the bytes done
 // (0 when asked for 0) or -1 when a packet failed for good. The entry's pData, Sector and Pkt_Index are

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "driver/net/packet.h"
 
-#include "driver/common/bytes.h"
+#include "driver/kernel/bytes.h"
 #include "driver/net/servers.h"
-#include "driver/startup/boot_param.h"
+#include "driver/state/boot_param.h"
 
 void Pkt_Init(RW_Entry* pEntry, ULONG Lun, ULONG Write)
 {

@@ -3,7 +3,7 @@
 // the worker's own entry, in its thread.
 #pragma once
 
-#include "driver/engine/worker_block.h"
+#include "driver/request/worker_block.h"
 
 // Sets the entry up for packets of a disk; Write is 0 for reads.
 void Pkt_Init(RW_Entry* pEntry, ULONG Lun, ULONG Write);

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "driver/net/receive.h"
 
-#include "driver/common/bytes.h"
-#include "driver/common/locks.h"
-#include "driver/engine/queues.h"
+#include "driver/kernel/bytes.h"
+#include "driver/kernel/locks.h"
 #include "driver/net/answer_state.h"
-#include "driver/net/status_poll.h"
-#include "driver/startup/boot_param.h"
+#include "driver/request/queues.h"
+#include "driver/state/boot_param.h"
 
 static volatile LONG Recv_Count;
 
@@ -150,7 +149,7 @@ bool Is_Poll(const WireHeader* pPacket)
     return Bytes_Equal(pPacket, formats::poll_mark, sizeof formats::poll_mark);
 }
 
-void Receive_Packet()
+void Receive_Packet(Poll_Handler Answer_Poll)
 {
     PVOID pHeader = nullptr;
     ULONG Bytes = Ndis_Handover.QRN_Recv(&pHeader);
@@ -167,14 +166,14 @@ void Receive_Packet()
 
 }  // namespace
 
-VOID NTAPI QRN_Recv_Thread(PVOID)
+VOID NTAPI QRN_Recv_Thread(PVOID Context)
 {
     DbgPrint("\nQRN SCSI: QRN_Recv_Thread %d Created", InterlockedExchangeAdd(&Recv_Count, 1));
     KeWaitForSingleObject(&Start_Event, Executive, KernelMode, FALSE, nullptr);
     DbgPrint("\nQRN SCSI: QRN_Recv_Thread WaitEvent OK");
     KeSetPriorityThread(KeGetCurrentThread(), Receive_Priority);
     while (Ndis_Handover.QRN_Recv && Ndis_Handover.QRN_Release)
-        Receive_Packet();
+        Receive_Packet(reinterpret_cast<Poll_Handler>(Context));
     // An image can have started the threads without a transport; there is nothing to receive then.
     DbgPrint("\nQRN SCSI: QRN_Recv_Thread End:%d", Recv_Count);
     InterlockedDecrement(&Recv_Count);

@@ -5,4 +5,8 @@
 
 #include <nt.h>
 
+// Answers a server's status poll in the buffer that it came in.
+using Poll_Handler = void (*)(UCHAR* pBuffer);
+
+// Context is a Poll_Handler.
 VOID NTAPI QRN_Recv_Thread(PVOID Context);

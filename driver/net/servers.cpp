@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "driver/net/servers.h"
 
-#include "driver/common/locks.h"
+#include "driver/kernel/locks.h"
 
 static KSPIN_LOCK Server_Lock;
 static bool Promoted[formats::disk_count_max];  // Server_Lock

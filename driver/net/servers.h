@@ -5,7 +5,7 @@
 
 #include <nt.h>
 
-#include "driver/startup/boot_param.h"
+#include "driver/state/boot_param.h"
 
 // Copy of a record as it stands now. Up to DISPATCH_LEVEL.
 formats::ServerRecord Server_Copy(const formats::ServerRecord* pRecord);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "driver/net/shutdown_notice.h"
 
-#include "driver/common/bytes.h"
+#include "driver/kernel/bytes.h"
 #include "driver/net/servers.h"
 #include "formats/wire.h"
 

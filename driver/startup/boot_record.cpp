@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "driver/startup/boot_record.h"
 
-#include "driver/common/bytes.h"
+#include "driver/kernel/bytes.h"
 #include "driver/startup/low_memory.h"
 
 static bool Is_Boot_Record(const UCHAR* pMemory)

@@ -4,18 +4,13 @@
 
 #include "driver/startup/driver_entry.h"
 
-#include "driver/common/delay.h"
+#include "driver/kernel/delay.h"
 #include "driver/miniport/adapter.h"
-#include "driver/startup/boot_param.h"
 #include "driver/startup/boot_record.h"
 #include "driver/startup/handshake.h"
 #include "driver/startup/image_search.h"
 #include "driver/startup/lun_init.h"
-
-PDRIVER_OBJECT pDriver_Obj;
-KEVENT Start_Event;
-formats::Boot_Param Boot_Param;
-Ndis_Handover_Block Ndis_Handover;
+#include "driver/state/boot_param.h"
 
 constexpr LONG Transport_Poll_Ms = 50;
 constexpr WCHAR Transport_Device[] = L"\\Device\\QRNNDIS";

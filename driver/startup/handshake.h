@@ -2,7 +2,7 @@
 // The handshake with the transport driver. Loading thread, PASSIVE_LEVEL.
 #pragma once
 
-#include "driver/startup/boot_param.h"
+#include "driver/state/boot_param.h"
 
 constexpr ULONG Ioctl_Handover = 0x8000100;   // Boot_Param in, Ndis_Handover out
 constexpr ULONG Ioctl_No_Server = 0x8000104;  // Boot_Param in: no server was found

@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "driver/startup/image_search.h"
 
-#include "driver/common/bytes.h"
-#include "driver/common/pool.h"
-#include "driver/startup/boot_param.h"
+#include "driver/kernel/bytes.h"
+#include "driver/kernel/pool.h"
 #include "driver/startup/low_memory.h"
+#include "driver/state/boot_param.h"
+#include "driver/state/local_boot.h"
 #include "formats/image_descriptor.h"
-
-UCHAR* pSaved_MBR;
-KEVENT Img_Lock;
 
 namespace {
 

@@ -3,10 +3,10 @@
 
 #include "driver/cache/cache_setup.h"
 #include "driver/engine/worker.h"
-#include "driver/startup/boot_param.h"
-#include "driver/startup/disk_table.h"
-#include "driver/startup/memory_probe.h"
-#include "driver/startup/settings.h"
+#include "driver/state/boot_param.h"
+#include "driver/state/disk_table.h"
+#include "driver/state/memory_probe.h"
+#include "driver/state/settings.h"
 
 constexpr LONG Slots_Default = 4;
 constexpr LONG Slots_Max = static_cast<LONG>(RW_Threads_Max);

@@ -9,7 +9,7 @@
 #include <set>
 #include <vector>
 
-#include "driver/startup/memory_probe.h"
+#include "driver/state/memory_probe.h"
 #include "machine/executive/executive.h"
 #include "machine/scheduler/random.h"
 #include "tests/driver/driver_test.h"

@@ -2,9 +2,10 @@
 // What a disk image leaves in the driver's tables.
 #include <cstring>
 
-#include "driver/startup/boot_param.h"
 #include "driver/startup/driver_entry.h"
 #include "driver/startup/image_search.h"
+#include "driver/state/boot_param.h"
+#include "driver/state/local_boot.h"
 #include "tests/driver/driver_test.h"
 
 namespace {

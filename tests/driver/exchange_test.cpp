@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "driver/net/exchange.h"
-#include "driver/startup/boot_param.h"
+#include "driver/state/boot_param.h"
 #include "tests/driver/driver_test.h"
 
 namespace {

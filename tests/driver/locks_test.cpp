@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The mutexes of the driver, in the simulated scheduler: who holds one is alone, and who waits gets it.
-#include "driver/common/locks.h"
+#include "driver/kernel/locks.h"
 #include "tests/machine/kernel_test.h"
 
 using namespace machine::test;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // How much physical memory there is, below and above 4 GB.
-#include "driver/startup/memory_probe.h"
+#include "driver/state/memory_probe.h"
 
-#include "driver/startup/settings.h"
+#include "driver/state/settings.h"
 #include "machine/executive/executive.h"
 #include "tests/driver/driver_test.h"
 

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "driver/startup/memory_probe.h"
+#include "driver/state/memory_probe.h"
 #include "machine/executive/executive.h"
 #include "tests/driver/driver_test.h"
 #include "tests/machine/kernel_test.h"

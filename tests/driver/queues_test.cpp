@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The wake-ups of workers: as many as are of use, and no record is forgotten for the lack of one.
-#include "driver/engine/queues.h"
-#include "driver/miniport/request.h"
+#include "driver/request/queues.h"
+#include "driver/request/request.h"
 #include "tests/driver/driver_test.h"
 
 namespace {

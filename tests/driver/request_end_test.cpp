@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 // How internal records end and how the image synchronisation is stopped.
 #include "driver/image/image_sync.h"
-#include "driver/miniport/completion.h"
-#include "driver/miniport/request.h"
 #include "driver/net/shutdown_notice.h"
-#include "driver/startup/boot_param.h"
+#include "driver/request/completion.h"
+#include "driver/request/request.h"
+#include "driver/state/boot_param.h"
 #include "tests/driver/driver_test.h"
 
 namespace {

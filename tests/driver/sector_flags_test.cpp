@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 // Runs of sector flags against a bit-by-bit model, and the names of chunks.
-#include "driver/common/sector_flags.h"
+#include "driver/block/sector_flags.h"
 
 #include <array>
 
 #include <gtest/gtest.h>
 
-#include "driver/common/chunk_key.h"
+#include "driver/block/chunk_key.h"
 #include "machine/scheduler/random.h"
 
 namespace {

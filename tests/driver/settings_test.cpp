@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Tuning values of the service key.
-#include "driver/startup/settings.h"
+#include "driver/state/settings.h"
 
-#include "driver/startup/boot_param.h"
+#include "driver/state/boot_param.h"
 #include "machine/executive/executive.h"
 #include "tests/driver/driver_test.h"
 

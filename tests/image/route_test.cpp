@@ -9,9 +9,9 @@
 #include "driver/image/file_io.h"
 #include "driver/image/image_setup.h"
 #include "driver/image/image_sync.h"
-#include "driver/miniport/request.h"
-#include "driver/startup/boot_param.h"
-#include "driver/startup/image_search.h"
+#include "driver/request/request.h"
+#include "driver/state/boot_param.h"
+#include "driver/state/local_boot.h"
 #include "machine/disk/local_disk.h"
 #include "tests/image/memory_area.h"
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <optional>
 
-#include "driver/common/sector_flags.h"
+#include "driver/block/sector_flags.h"
 #include "tests/image/memory_area.h"
 
 using namespace image_test;

@@ -35,6 +35,10 @@ FIRST = {
     "driver/net": ["scenario_timeouts_test", "scenario_receive_test", "scenario_wire_test"],
     "driver/engine": ["scenario_requests_test", "scenario_sharing_test", "driver_queues_test"],
     "driver/miniport": ["scenario_scsi_commands_test", "scenario_port_driver_test", "scenario_adapter_test"],
+    "driver/request": ["driver_queues_test", "driver_request_end_test", "scenario_sharing_test"],
+    "driver/state": ["driver_disk_table_test", "driver_settings_test", "driver_memory_probe_test"],
+    "driver/block": ["driver_sector_flags_test", "image_overlay", "driver_cache_layer_test"],
+    "driver/kernel": ["driver_locks_test", "driver_settings_test"],
     "driver/startup": ["scenario_disks_found_test", "scenario_startup_test", "driver_settings_test"],
 }
 

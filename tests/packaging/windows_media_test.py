@@ -41,7 +41,7 @@ def words(value):
 
 def driver_settings():
     """Names that the driver reads, with the defaults of those that it has as constants."""
-    with open(f"{ROOT}/driver/startup/settings.cpp") as file:
+    with open(f"{ROOT}/driver/state/settings.cpp") as file:
         source = file.read()
     names = set(re.findall(r'L"([A-Z_]+)"', source))
     defaults = {}

@@ -4,7 +4,7 @@
 
 #include <new>
 
-#include "driver/common/pool.h"
+#include "driver/kernel/pool.h"
 
 // Null without memory.
 template <typename Object, typename... Arguments>

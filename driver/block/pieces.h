@@ -2,8 +2,8 @@
 // Cuts a run of sectors into pieces of one 64 KB chunk each, for block objects that keep data in chunks.
 #pragma once
 
-#include "driver/common/bytes.h"
-#include "driver/common/chunk_key.h"
+#include "driver/block/chunk_key.h"
+#include "driver/kernel/bytes.h"
 
 // Bytes from the sector of a chunk to the chunk's end, at most Left.
 inline LONG In_Chunk(ULONG Sec, LONG Left)

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "driver/engine/holds.h"
+#include "driver/request/holds.h"
 
-#include "driver/engine/queues.h"
-#include "driver/startup/disk_table.h"
+#include "driver/request/queues.h"
+#include "driver/state/disk_table.h"
 
 static volatile LONG Held[formats::disk_count_max];
 static volatile LONG Silent[formats::disk_count_max];

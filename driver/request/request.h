@@ -6,7 +6,7 @@
 
 #include <nt.h>
 
-#include "driver/engine/worker_block.h"
+#include "driver/request/worker_block.h"
 
 constexpr LONG Req_Failed = -1;
 constexpr LONG Req_Brief = 0x10000;  // of an internal record's Status: patience of about 10 s

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "driver/common/sector_flags.h"
+#include "driver/block/sector_flags.h"
 
-#include "driver/common/bytes.h"
+#include "driver/kernel/bytes.h"
 
 constexpr ULONG All_Ones = 0xFFFFFFFF;
 constexpr UCHAR Low_Ones_Tbl[16] = {0, 1, 0, 2, 0, 1, 0, 3, 0, 1, 0, 2, 0, 1, 0, 4};

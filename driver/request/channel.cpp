@@ -1,16 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "driver/miniport/completion.h"
-
-#include "driver/common/delay.h"
-#include "driver/common/locks.h"
-#include "driver/image/image_sync.h"
-#include "driver/miniport/adapter.h"
-#include "driver/miniport/request.h"
-#include "driver/miniport/scsi_commands.h"
-#include "driver/startup/boot_param.h"
-
-constexpr LONG Stop_Polls = 30;
-constexpr LONG Stop_Poll_Ms = 100;
+#include "driver/request/channel.h"
 
 static NTSTATUS NTAPI Chan_Done(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
 {
@@ -44,36 +33,4 @@ void Chan_Send(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb, ULONG Lun)
     pStack->Parameters.Scsi.Srb = &pExt->Chan_Srb;
     IoSetCompletionRoutine(pExt->pChan_Irp, Chan_Done, pExt, TRUE, TRUE, TRUE);
     IofCallDriver(pExt->pPort_Dev, pExt->pChan_Irp);
-}
-
-static void Complete_Internal(RW_Req* pReq)
-{
-    if (pReq->pDone)
-        KeSetEvent(static_cast<PKEVENT>(pReq->pDone), IO_NO_INCREMENT, FALSE);
-}
-
-void Req_Complete(RW_Req* pReq, ULONG Lun)
-{
-    PSCSI_REQUEST_BLOCK Srb = pReq->pSrb;
-    if (!Srb) {
-        Complete_Internal(pReq);
-        return;
-    }
-    if (pReq->Status != 0) {
-        // The disk reports no medium from now on.
-        Boot_Param.Disks[Lun].Disk_Secs.set(0);
-        Set_Sense(Srb, Sense_No_Medium);
-    } else {
-        Srb->SrbStatus = SRB_STATUS_SUCCESS;
-    }
-    Chan_Send(static_cast<Hw_Ext*>(pReq->pDone), Srb, Lun);
-}
-
-void QRN_RW_HDD_Stop()
-{
-    DbgPrint("\nQRN_RW_HDD_Stop");
-    if (!Sync_Stop())
-        return;
-    for (LONG Poll = 0; Poll < Stop_Polls && pSync_State != Sync_Ended; ++Poll)
-        Sleep_Ms(Stop_Poll_Ms);
 }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "driver/engine/queues.h"
+#include "driver/request/queues.h"
 
-#include "driver/common/locks.h"
-#include "driver/miniport/request.h"
+#include "driver/kernel/locks.h"
+#include "driver/request/request.h"
 
 LIST_ENTRY pRW_List;
 RW_Entry* pRW_Tbl[RW_Threads_Max];

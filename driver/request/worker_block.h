@@ -4,8 +4,8 @@
 
 #include <nt.h>
 
-#include "driver/engine/block_object.h"
-#include "driver/startup/disk_table.h"
+#include "driver/block/block_object.h"
+#include "driver/state/disk_table.h"
 #include "formats/wire.h"
 
 constexpr ULONG Bounce_Bytes = 65536;  // the largest chunk
@@ -63,3 +63,9 @@ struct RW_Entry {
 
     ULONG Index() const { return Hdr.Worker_Byte & formats::worker_index_mask; }
 };
+
+// Index of the slot block that the entry's write chunk holds, or the worker's own when it holds none.
+inline ULONG Write_Slot_Index(const RW_Entry* pEntry)
+{
+    return (pEntry->pWr_Slot ? pEntry->pWr_Slot : pEntry)->Index();
+}

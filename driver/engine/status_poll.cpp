@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "driver/net/status_poll.h"
+#include "driver/engine/status_poll.h"
 
 #include "driver/image/image_setup.h"
 #include "driver/image/image_sync.h"
 #include "driver/net/servers.h"
-#include "driver/startup/disk_table.h"
+#include "driver/state/disk_table.h"
 #include "formats/wire.h"
 
 // What identifies the workstation: bytes 8 to 41 of the boot parameter block.

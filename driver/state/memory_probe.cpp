@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include "driver/startup/memory_probe.h"
+#include "driver/state/memory_probe.h"
 
-#include "driver/common/locks.h"
-#include "driver/startup/settings.h"
+#include "driver/kernel/locks.h"
+#include "driver/kernel/registry.h"
+#include "driver/state/settings.h"
 
 LONG PAE_Nums = -1;
 

@@ -11,8 +11,8 @@
 // either is held.
 #pragma once
 
-#include "driver/engine/worker_block.h"
-#include "driver/startup/settings.h"
+#include "driver/request/worker_block.h"
+#include "driver/state/settings.h"
 
 struct RW_Req;
 

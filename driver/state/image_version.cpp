@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "driver/image/image_version.h"
+#include "driver/state/image_version.h"
 
 static volatile LONG Version;
 static volatile LONG Unchecked;

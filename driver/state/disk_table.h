@@ -4,7 +4,7 @@
 
 #include <nt.h>
 
-#include "driver/engine/block_object.h"
+#include "driver/block/block_object.h"
 #include "formats/boot_block.h"
 
 // A worker counts into the read or the write triple of a disk. Changed by atomic add only.
@@ -45,3 +45,9 @@ extern Local_Cache_Record Local_Cache[formats::disk_count_max];
 // The disk existed at start-up, so requests for it can take its slots.
 bool Disk_Set_Up(ULONG Lun);
 void Set_Disk_Set_Up(ULONG Lun);
+
+constexpr LONG Delay_Over = -1;
+
+// Delay_Over from the first 64 KB write to LUN 0 on; until then delay-load disks are held back.
+// Written only by HwStartIo.
+extern volatile LONG Delay_Cnt;
