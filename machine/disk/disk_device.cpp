@@ -52,7 +52,18 @@ NTSTATUS complete(PIRP irp, const IO_STATUS_BLOCK& result)
     return complete(irp, result.Status, result.Information);
 }
 
-NTSTATUS NTAPI dispatch_open_close(PDEVICE_OBJECT, PIRP irp)
+// A whole disk has no files.
+NTSTATUS NTAPI dispatch_create(PDEVICE_OBJECT, PIRP irp)
+{
+    const FILE_OBJECT& file = *IoGetCurrentIrpStackLocation(irp)->FileObject;
+    if (file.FileName.Length != 0)
+        return complete(irp, STATUS_OBJECT_NAME_NOT_FOUND, 0);
+    if (!(file.Flags & FO_DIRECT_DEVICE_OPEN))
+        violation("a local disk is opened with rights for which a file system would be mounted on it");
+    return complete(irp, STATUS_SUCCESS, FILE_OPENED);
+}
+
+NTSTATUS NTAPI dispatch_close(PDEVICE_OBJECT, PIRP irp)
 {
     return complete(irp, STATUS_SUCCESS, 0);
 }
@@ -103,8 +114,9 @@ PDEVICE_OBJECT DiskDevice::create(DRIVER_OBJECT& driver, PUNICODE_STRING name)
 void DiskDevice::create_stack(unsigned number)
 {
     std::ranges::fill(disk_driver_.MajorFunction, dispatch_other);
-    for (const int major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE})
-        disk_driver_.MajorFunction[major] = dispatch_open_close;
+    disk_driver_.MajorFunction[IRP_MJ_CREATE] = dispatch_create;
+    for (const int major : {IRP_MJ_CLEANUP, IRP_MJ_CLOSE})
+        disk_driver_.MajorFunction[major] = dispatch_close;
     for (const int major : {IRP_MJ_READ, IRP_MJ_WRITE})
         disk_driver_.MajorFunction[major] = dispatch_transfer;
     disk_driver_.MajorFunction[IRP_MJ_FLUSH_BUFFERS] = dispatch_flush;

@@ -42,19 +42,30 @@ void DeviceNames::remove_device(PDEVICE_OBJECT device)
     std::erase_if(entries_, [device](const auto& entry) { return entry.second.device == device; });
 }
 
-PDEVICE_OBJECT DeviceNames::find_device(const std::u16string& name) const
+// The longest name that begins the path and ends where one of its parts does; its length in the path.
+std::pair<const DeviceNames::Entry*, std::size_t>
+DeviceNames::find_beginning(const std::u16string& path) const
+{
+    for (std::size_t length = path.size(); length != 0 && length != std::u16string::npos;
+         length = path.rfind(u'\\', length - 1))
+        if (const auto found = entries_.find(canonical(path.substr(0, length))); found != entries_.end())
+            return {&found->second, length};
+    return {nullptr, 0};
+}
+
+DeviceNames::Place DeviceNames::parse(const std::u16string& whole_path) const
 {
     std::lock_guard guard(lock_);
-    std::u16string path = name;
+    std::u16string path = whole_path;
     for (int link = 0; link < links_max; ++link) {
-        const auto found = entries_.find(canonical(path));
-        if (found == entries_.end())
-            return nullptr;
-        if (found->second.device)
-            return found->second.device;
-        path = found->second.text;
+        const auto [entry, length] = find_beginning(path);
+        if (!entry)
+            return {};
+        if (entry->device)
+            return {entry->device, path.substr(length)};
+        path = entry->text + path.substr(length);
     }
-    return nullptr;
+    return {};
 }
 
 std::string DeviceNames::name_of(PDEVICE_OBJECT device) const

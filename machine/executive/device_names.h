@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 
 #include <nt.h>
 
@@ -19,8 +20,13 @@ public:
     bool add_link(const std::u16string& name, const std::u16string& target);
     void remove_device(PDEVICE_OBJECT device);
 
-    // The device of this name, through any links; null when there is none.
-    PDEVICE_OBJECT find_device(const std::u16string& name) const;
+    // The device whose name begins this path, through any links, and what follows its name; null when there
+    // is none.
+    struct Place {
+        PDEVICE_OBJECT device;
+        std::u16string rest;  // empty, or from a backslash on
+    };
+    Place parse(const std::u16string& path) const;
     // Name of a device, empty when it has none.
     std::string name_of(PDEVICE_OBJECT device) const;
     // Where a symbolic link leads, as it was created.
@@ -33,6 +39,7 @@ private:
     };
 
     bool add(const std::u16string& name, Entry entry);
+    std::pair<const Entry*, std::size_t> find_beginning(const std::u16string& path) const;
 
     mutable std::mutex lock_;
     std::map<std::u16string, Entry> entries_;  // by canonical name

@@ -62,6 +62,9 @@ ExecutiveState& executive();
 // Stops the machine: no thread of it runs again, run() returns the outcome.
 [[noreturn]] void stop_machine(Outcome outcome, std::uint32_t bug_check_code = 0);
 
+// A device goes when it was deleted and nobody has it open.
+void free_device_when_unused(PDEVICE_OBJECT device);
+
 // Runs the registered boot-driver reinitialisation callbacks, each once.
 void run_reinitializations();
 

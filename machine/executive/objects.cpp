@@ -6,10 +6,10 @@
 
 namespace machine {
 
-void Objects::add(void* object, ObjectKind kind, Destroy destroy)
+void Objects::add(void* object, ObjectKind kind, Destroy destroy, Destroy closed)
 {
     std::lock_guard guard(lock_);
-    objects_[object] = {kind, 1, std::move(destroy)};
+    objects_[object] = {kind, 1, 0, std::move(destroy), std::move(closed)};
 }
 
 LONG Objects::reference(void* object)
@@ -50,6 +50,7 @@ HANDLE Objects::open(void* object)
     const auto handle = reinterpret_cast<HANDLE>(next_handle_);
     next_handle_ += 4;
     handles_[handle] = object;
+    ++objects_.at(object).handles;
     return handle;
 }
 
@@ -75,13 +76,20 @@ void* Objects::reference_by_handle(HANDLE handle, ObjectKind& kind)
 void Objects::close(HANDLE handle)
 {
     void* object = nullptr;
+    Destroy closed;
     {
         std::lock_guard guard(lock_);
-        if (auto entry = handles_.extract(handle))
+        if (auto entry = handles_.extract(handle)) {
             object = entry.mapped();
+            Info& info = objects_.at(object);
+            if (--info.handles == 0)
+                closed = std::move(info.closed);
+        }
     }
     if (!object)
         violation("ZwClose: the handle is not open");
+    if (closed)
+        closed();
     dereference(object);
 }
 

@@ -17,8 +17,9 @@ class Objects {
 public:
     using Destroy = std::function<void()>;
 
-    // Enters an object with one reference. destroy runs when the last one goes; it may be empty.
-    void add(void* object, ObjectKind kind, Destroy destroy);
+    // Enters an object with one reference. destroy runs when the last one goes, closed when its last handle
+    // does; both may be empty.
+    void add(void* object, ObjectKind kind, Destroy destroy, Destroy closed = nullptr);
     // Both return the new count. A violation when the object is unknown.
     LONG reference(void* object);
     LONG dereference(void* object);
@@ -39,7 +40,8 @@ private:
     struct Info {
         ObjectKind kind;
         LONG references;
-        Destroy destroy;
+        LONG handles;
+        Destroy destroy, closed;
     };
 
     mutable std::mutex lock_;

@@ -129,7 +129,13 @@ NTSTATUS serve(State& state, const IO_STACK_LOCATION& request, void* buffer, ULO
     return STATUS_SUCCESS;
 }
 
-NTSTATUS NTAPI dispatch_open_close(PDEVICE_OBJECT, PIRP irp)
+NTSTATUS NTAPI dispatch_create(PDEVICE_OBJECT, PIRP irp)
+{
+    const bool named = IoGetCurrentIrpStackLocation(irp)->FileObject->FileName.Length != 0;
+    return complete(irp, named ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_SUCCESS, 0);
+}
+
+NTSTATUS NTAPI dispatch_close(PDEVICE_OBJECT, PIRP irp)
 {
     return complete(irp, STATUS_SUCCESS, 0);
 }
@@ -165,9 +171,9 @@ Transport::Transport(Link& link) : parts_(std::make_unique<Parts>(link))
 {
     for (auto& function : parts_->driver.MajorFunction)
         function = dispatch_other;
-    parts_->driver.MajorFunction[IRP_MJ_CREATE] = dispatch_open_close;
-    parts_->driver.MajorFunction[IRP_MJ_CLEANUP] = dispatch_open_close;
-    parts_->driver.MajorFunction[IRP_MJ_CLOSE] = dispatch_open_close;
+    parts_->driver.MajorFunction[IRP_MJ_CREATE] = dispatch_create;
+    parts_->driver.MajorFunction[IRP_MJ_CLEANUP] = dispatch_close;
+    parts_->driver.MajorFunction[IRP_MJ_CLOSE] = dispatch_close;
     parts_->driver.MajorFunction[IRP_MJ_DEVICE_CONTROL] = dispatch_control;
 
     UNICODE_STRING name;

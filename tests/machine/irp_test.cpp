@@ -1,49 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include <string>
 
-#include "tests/machine/kernel_test.h"
+#include "tests/machine/test_driver.h"
 
 namespace machine::test {
 namespace {
-
-// A driver with one named device whose dispatch routine is a function object.
-class TestDriver {
-public:
-    using Dispatch = std::function<NTSTATUS(PDEVICE_OBJECT, PIRP)>;
-
-    explicit TestDriver(Dispatch dispatch, const wchar_t* name = L"\\Device\\Test")
-        : dispatch_(std::move(dispatch))
-    {
-        for (auto& routine : driver_.MajorFunction)
-            routine = call;
-        UNICODE_STRING counted_name = counted(name);
-        EXPECT_EQ(IoCreateDevice(&driver_, sizeof(TestDriver*), &counted_name, FILE_DEVICE_UNKNOWN, 0, FALSE,
-                                 &device_),
-                  STATUS_SUCCESS);
-        *static_cast<TestDriver**>(device_->DeviceExtension) = this;
-    }
-
-    PDEVICE_OBJECT device() { return device_; }
-    void replace(Dispatch dispatch) { dispatch_ = std::move(dispatch); }
-
-private:
-    static NTSTATUS NTAPI call(PDEVICE_OBJECT device, PIRP irp)
-    {
-        return (*static_cast<TestDriver**>(device->DeviceExtension))->dispatch_(device, irp);
-    }
-
-    DRIVER_OBJECT driver_{};
-    PDEVICE_OBJECT device_ = nullptr;
-    Dispatch dispatch_;
-};
-
-NTSTATUS complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0)
-{
-    irp->IoStatus.Status = status;
-    irp->IoStatus.Information = information;
-    IoCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
-}
 
 struct Level {  // context of one driver's completion routine
     char name;

@@ -120,6 +120,7 @@ TEST(LocalDisk, Is_opened_by_name_with_a_filter_above_the_named_device)
         } refused[] = {
             {STATUS_INSUFFICIENT_RESOURCES, "\\DosDevices\\PhysicalDrive0"},
             {STATUS_OBJECT_NAME_NOT_FOUND, "\\DosDevices\\PhysicalDrive1"},
+            {STATUS_OBJECT_NAME_NOT_FOUND, "\\DosDevices\\PhysicalDrive2\\"},
             {STATUS_OBJECT_PATH_SYNTAX_BAD, "PhysicalDrive0"},
             {STATUS_INVALID_PARAMETER, "\\DosDevices\\PhysicalDrive0", 23},
             {STATUS_INVALID_HANDLE, "\\DosDevices\\PhysicalDrive0", 24, NtCurrentProcess()},
@@ -366,7 +367,16 @@ TEST(LocalDisk, Misuse_is_reported)
         Random random(1);
         other.power_cut(random);
     };
-    expect_breaks({{"added twice", add_twice, "second machine"},
+    const auto open_for_reading = [&](Machine& machine) {
+        LocalDisk own(16);
+        machine.add_local_disk(own, 0);
+        UNICODE_STRING name = counted(L"\\DosDevices\\PhysicalDrive0");
+        PFILE_OBJECT file;
+        PDEVICE_OBJECT device;
+        IoGetDeviceObjectPointer(&name, FILE_READ_DATA, &file, &device);
+    };
+    expect_breaks({{"opened for a file system", open_for_reading, "a file system would be mounted"},
+                   {"added twice", add_twice, "second machine"},
                    {"cut while on", cut_while_on, "while a machine still has the disk"},
                    {"IRQL", read(send_high), "a read or write of the local disk at IRQL 2"},
                    {"longer than its buffer", read(lengthen), "without a buffer of its length"},
