@@ -17,6 +17,7 @@ namespace {
 using formats::Boot_Param;
 using machine::Direction;
 
+constexpr std::uint32_t stack_bytes_max = 6 * 1024;
 constexpr std::int64_t disks_appear_ms = 10'000;
 constexpr std::uint32_t descriptor_offset = 0x200;  // from the boot record on
 
@@ -32,6 +33,7 @@ machine::MachineConfig machine_config(const Plan& plan, unsigned number)
     if (plan.memory.nonpaged_pool_bytes_max != 0)
         config.nonpaged_pool_bytes_max = plan.memory.nonpaged_pool_bytes_max;
     config.garbage_above_4g = plan.memory.garbage_above_4g;
+    config.stack_bytes_max = stack_bytes_max;
     config.mm64bit = plan.memory.mm64bit;
     config.reset_ports_work = plan.reset_ports_work;
     config.feeding = plan.feeding;
@@ -174,6 +176,8 @@ void Workstation::see(Direction direction, const formats::ServerRecord& server,
 void Workstation::count_events()
 {
     Coverage& coverage = world.coverage;
+    const std::size_t deepest_kb = (machine.scheduler().deepest_stack().bytes + 1023) / 1024;
+    coverage.add(fmt::format("start whose deepest stack is of {} KB", deepest_kb));
     for (const auto& entry : machine.log().entries())
         coverage.add_message(entry.text);
     for (const Direction direction : {Direction::to_server, Direction::to_workstation}) {

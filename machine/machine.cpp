@@ -13,6 +13,16 @@ namespace {
 
 Machine* the_machine = nullptr;
 
+void check_stacks(Scheduler& scheduler, const MachineConfig& config)
+{
+    if (config.stack_bytes_max == 0)
+        return;
+    const Scheduler::StackUse use = scheduler.deepest_stack();
+    if (use.bytes > config.stack_bytes_max)
+        violation("thread \"" + use.thread + "\" used " + std::to_string(use.bytes) +
+                  " bytes of its stack, allowed are " + std::to_string(config.stack_bytes_max));
+}
+
 }  // namespace
 
 struct Machine::Parts {
@@ -111,6 +121,7 @@ Outcome Machine::run(std::function<void()> body)
     if (executive.config.strict) {
         executive.pool.check();
         executive.system.check();
+        check_stacks(*executive.scheduler, executive.config);
     }
     if (executive.stopped)
         return executive.outcome;

@@ -100,6 +100,10 @@ struct MachineConfig {
     // does not, the driver goes on to its bug check.
     bool reset_ports_work = true;
 
+    // What a thread may use of its stack in simulated time, 0: anything. A kernel's stack has 12 KB, and from
+    // the same come the frames of what stands below the driver, which are larger there than the machine's.
+    std::uint32_t stack_bytes_max = 0;
+
     // Clusters of strict checks that a benchmark may leave out. Tests never do.
     bool strict = true;
 };

@@ -4,6 +4,7 @@
 #include <cxxabi.h>
 #include <sys/mman.h>
 
+#include <cstring>
 #include <new>
 #include <utility>
 #include <vector>
@@ -53,6 +54,12 @@ constexpr std::size_t stack_bytes = 512 * 1024;  // frames are much larger with 
 #else
 constexpr std::size_t stack_bytes = 256 * 1024;
 #endif
+#if defined(__SANITIZE_ADDRESS__) || !defined(__OPTIMIZE__)
+constexpr bool frames_are_small = false;
+#else
+constexpr bool frames_are_small = true;
+#endif
+constexpr std::uint8_t paint = 0xC7;
 constexpr std::size_t cached_stacks_max = 64;
 
 // Stacks that fibers gave back. A campaign makes thousands of machines one after another.
@@ -103,6 +110,8 @@ Fiber::~Fiber()
 void Fiber::prepare(Entry entry, void* argument)
 {
     stack_ = take_stack();
+    if (frames_are_small)
+        std::memset(stack_ + page_bytes + stack_bytes - painted_bytes, paint, painted_bytes);
     entry_ = entry;
     argument_ = argument;
     bottom_ = stack_ + page_bytes;
@@ -117,6 +126,17 @@ void Fiber::prepare(Entry entry, void* argument)
     for (int saved = 0; saved < 4; ++saved)
         *--top = nullptr;
     stack_pointer_ = top;
+}
+
+std::size_t Fiber::deepest_use() const
+{
+    if (!stack_ || !frames_are_small)
+        return 0;
+    const std::uint8_t* const top = stack_ + page_bytes + stack_bytes;
+    const std::uint8_t* place = top - painted_bytes;
+    while (place < top && *place == paint)
+        ++place;
+    return static_cast<std::size_t>(top - place);
 }
 
 void Fiber::drop_stack()

@@ -23,6 +23,11 @@ public:
     // The stack is no longer needed; its frames are not unwound. Not for the running fiber.
     void drop_stack();
 
+    // How deep the stack has been used, in bytes, up to painted_bytes; 0 where that says nothing of a
+    // kernel's stack: without one, with sanitizers, and without optimisation.
+    std::size_t deepest_use() const;
+    static constexpr std::size_t painted_bytes = 16 * 1024;
+
     // Leaves `from` where it stands and continues `to`; returns when something switches back.
     static void switch_over(Fiber& from, Fiber& to);
 

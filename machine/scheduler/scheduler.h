@@ -9,6 +9,7 @@
 // Nothing here knows about the driver.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -72,6 +73,14 @@ public:
     // simulated scheduler this call is what drives all fibers. Returns false when body did not end:
     // every thread is blocked for ever and no timer is set (simulated only), or the machine stopped.
     virtual bool run(std::function<void()> body) = 0;
+
+    // The thread that used most of its stack so far, all that machine and driver have on it. 0 bytes: not
+    // measured (the real scheduler).
+    struct StackUse {
+        std::size_t bytes = 0;
+        std::string thread = {};
+    };
+    virtual StackUse deepest_stack() { return {}; }
 
     // Drops all threads and timers: the power is gone. Called by the machine only.
     virtual void switch_off() = 0;

@@ -303,10 +303,24 @@ void SimulatedScheduler::leave_to_host()
 void SimulatedScheduler::arrive()
 {
     if (ended_ && ended_ != current_) {
+        note_stack(*ended_);
         ended_->fiber.drop_stack();
         ended_->body = nullptr;
         ended_ = nullptr;
     }
+}
+
+void SimulatedScheduler::note_stack(const FiberThread& thread)
+{
+    if (const std::size_t bytes = thread.fiber.deepest_use(); bytes > deepest_stack_.bytes)
+        deepest_stack_ = {bytes, thread.name};
+}
+
+Scheduler::StackUse SimulatedScheduler::deepest_stack()
+{
+    for (const auto& thread : threads_)
+        note_stack(*thread);
+    return deepest_stack_;
 }
 
 bool SimulatedScheduler::run(std::function<void()> body)

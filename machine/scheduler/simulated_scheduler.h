@@ -40,6 +40,7 @@ public:
     bool cancel(TimerId id) override;
     void add_block_hook(std::function<void()> hook) override;
     bool run(std::function<void()> body) override;
+    StackUse deepest_stack() override;
     void switch_off() override;
 
 private:
@@ -82,6 +83,7 @@ private:
     void switch_to(FiberThread& next);
     void leave_to_host();
     void arrive();
+    void note_stack(const FiberThread& thread);
 
     Random random_;
     const double switch_probability_;
@@ -102,6 +104,7 @@ private:
     Fiber host_;
     Thread outside_;  // the context of calls from outside run()
     std::exception_ptr failure_;
+    StackUse deepest_stack_;
 
     std::map<std::pair<Ticks, TimerId>, std::function<void()>> timers_;
     std::unordered_map<TimerId, Ticks> timer_times_;

@@ -55,5 +55,35 @@ TEST(Machine_stop, The_reset_port_ends_the_run_where_it_works)
     }
 }
 
+bool stacks_are_measured()
+{
+    Machine machine;
+    run_to_end(machine, [] {});
+    return machine.scheduler().deepest_stack().bytes != 0;
+}
+
+// The thread touches a buffer of this size on its stack.
+template <std::size_t bytes>
+void use_stack(Machine&)
+{
+    run_threads(1, [](int) {
+        volatile UCHAR buffer[bytes];
+        buffer[0] = 1;
+        buffer[bytes - 1] = buffer[0];
+    });
+}
+
+TEST(Machine_stack, What_a_thread_uses_of_its_stack_is_measured_and_has_an_end)
+{
+    if (!stacks_are_measured())
+        GTEST_SKIP() << "frames are larger in this build";
+    const MachineConfig config{.stack_bytes_max = 6000};
+    EXPECT_EQ(broken_rule(use_stack<3000>, config), "");
+    const std::string broken = broken_rule(use_stack<6000>, config);
+    EXPECT_NE(broken.find("bytes of its stack, allowed are 6000"), std::string::npos) << broken;
+    EXPECT_NE(broken.find("thread \"system thread 1\" used 6"), std::string::npos) << broken;
+    EXPECT_EQ(broken_rule(use_stack<60000>, {}), "") << "no limit unless asked for";
+}
+
 }  // namespace
 }  // namespace machine::test
