@@ -112,7 +112,7 @@ int main(int argc, char** argv)
         return 2;
     }
     constexpr std::uint64_t mb = 1024 * 1024, gb = 1024 * mb;
-    machine::MachineConfig config;
+    machine::MachineConfig config = bench::machine_config();
     config.memory_ranges = {{mb, gb}, {4 * gb, (cache_mb + 1024) * mb}};
     try {
         bench::run_workstation(config, bench::read_boot_block(argv[1]), "builtin",

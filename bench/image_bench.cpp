@@ -164,7 +164,8 @@ int main(int argc, char** argv)
         const auto block = station::local_boot_block(bench::read_boot_block(argv[1]), true);
         machine::LocalDisk disk{std::string(argv[3])};
         bench::run_workstation(
-            {}, block, "builtin", [&](machine::Machine& machine) { measure(machine, argv[3], seconds); },
+            bench::machine_config(), block, "builtin",
+            [&](machine::Machine& machine) { measure(machine, argv[3], seconds); },
             [&](machine::Machine& machine) {
                 machine.add_local_disk(disk, station::local_disk_number(block));
                 const auto descriptor = station::image_descriptor(station::Sector{});

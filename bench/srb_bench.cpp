@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 // Workloads through SRBs in the process, with a real block server behind UDP.
 //
-//     qrn-bench-srb BOOT-BLOCK SECONDS [DRIVER]
+//     qrn-bench-srb [--eager] BOOT-BLOCK SECONDS [DRIVER]
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 
 #include "bench/srb_load.h"
 
@@ -18,13 +19,18 @@ static void measure_all(machine::ScsiPort& port, double seconds)
 
 int main(int argc, char** argv)
 {
+    machine::MachineConfig config = bench::machine_config();
+    if (argc >= 2 && std::strcmp(argv[1], "--eager") == 0) {
+        config.feeding = machine::Feeding::eager;
+        ++argv, --argc;
+    }
     double seconds = argc >= 3 ? std::atof(argv[2]) : 0;
     if (argc > 4 || seconds <= 0) {
-        std::fprintf(stderr, "usage: qrn-bench-srb BOOT-BLOCK SECONDS [DRIVER]\n");
+        std::fprintf(stderr, "usage: qrn-bench-srb [--eager] BOOT-BLOCK SECONDS [DRIVER]\n");
         return 2;
     }
     try {
-        bench::run_workstation({}, bench::read_boot_block(argv[1]), argc == 4 ? argv[3] : "builtin",
+        bench::run_workstation(config, bench::read_boot_block(argv[1]), argc == 4 ? argv[3] : "builtin",
                                [&](machine::Machine& machine) { measure_all(machine.scsi(), seconds); });
     } catch (const std::exception& error) {
         std::fprintf(stderr, "qrn-bench-srb: %s\n", error.what());

@@ -89,6 +89,14 @@ private:
     std::atomic<bool> stop_ = false, failed_ = false;
 };
 
+// Disks are held back, as real port drivers tend to do.
+inline machine::MachineConfig machine_config()
+{
+    machine::MachineConfig config;
+    config.feeding = machine::Feeding::held_back;
+    return config;
+}
+
 // Boots a workstation on the boot block, once prepare has put into it what it is to find, and runs body in
 // it; then, or after an error, the process ends, since the driver's threads never do.
 inline void run_workstation(
@@ -98,7 +106,7 @@ inline void run_workstation(
 {
     config.scheduler = machine::SchedulerKind::real;
     config.strict = false;
-    config.feeding = machine::Feeding::held_back;
+    config.takes_buffers_away = false;
     std::unique_ptr<machine::UdpLink> link;  // outlives the machine
     machine::Machine machine(config);
     link = std::make_unique<machine::UdpLink>(machine.scheduler(), "0.0.0.0");

@@ -100,9 +100,9 @@ class Driver:
         with running(command, "ready", f"{self.directory}/server.out"):
             yield block
 
-    def through_srbs(self, seconds):
+    def through_srbs(self, seconds, *options):
         with self.server() as block:
-            return json_lines([f"{self.bench}/qrn-bench-srb", block, str(seconds)])
+            return json_lines([f"{self.bench}/qrn-bench-srb", *options, block, str(seconds)])
 
     def bare(self, seconds):
         """The reference: the same packets to the same server, with no driver in between."""
@@ -196,6 +196,16 @@ def print_table(rounds):
                       f"{describe(workload, theirs):>23}  {mine / theirs:6.2f}")
 
 
+def print_feeding_table(rounds):
+    """Disks that get their next request when one is complete or drawn, beside such that get all at once."""
+    print(f"\n{'feeding of a disk':<26}{'held back':>26}{'eager':>27}{'ratio':>8}")
+    for workload, _, _, depth in WORKLOADS:
+        held_back, eager = median_of(rounds["SRB"], workload), median_of(rounds["SRB, fed eagerly"], workload)
+        if depth == 8:
+            print(f"{workload:<26}{describe(workload, held_back):>26}{describe(workload, eager):>27}"
+                  f"{held_back / eager:8.2f}")
+
+
 SMALL_CACHE_MB, LARGE_CACHE_MB = 16, 16384
 CACHE_HITS = [("hit read 64K depth 1", 1), ("hit read 64K depth 8", 8), ("hit write 64K depth 8", 8)]
 
@@ -260,6 +270,7 @@ def main():
         measurements = {
             "bare UDP": lambda: driver.bare(seconds),
             "SRB": lambda: driver.through_srbs(seconds),
+            "SRB, fed eagerly": lambda: driver.through_srbs(seconds, "--eager"),
             "NBD": lambda: driver.through_nbd(seconds),
             "nbdkit file": lambda: plain_nbd(directory, seconds),
             "iSCSI target": lambda: iscsi(directory, seconds),
@@ -273,6 +284,7 @@ def main():
                 progress(f"round {number + 1} of {options.rounds}: {name}")
                 rounds[name].append(measure())
         print_table(rounds)
+        print_feeding_table(rounds)
         print_cache_table(rounds)
         print_image_table(rounds)
     finally:
