@@ -320,11 +320,11 @@ extern "C" void check_main()
 {
     say("\r\nchecking\r\n");
     const std::uint32_t sectors = check_parameters();
+    tell_rate(sectors);
     check_geometry(sectors);
     check_transfers(sectors);
     check_registers();
     check_nesting();
     check_memory();
-    tell_rate(sectors);
     say("done\r\n");
 }
