@@ -70,6 +70,8 @@ constexpr const char* events[] = {
     "fault: local error",
     "fault: local short",
     "fault: local bad sectors",
+    "fault: pool runs out",
+    "fault: windows run out",
     "fault at boot: allocation",
     "fault at boot: thread",
     "fault at boot: pages",

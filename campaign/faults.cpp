@@ -128,6 +128,8 @@ void FaultSchedule::begin(const Fault& fault)
         break;
     case FaultKind::allocation:
     case FaultKind::mapping:
+    case FaultKind::pool_runs_out:
+    case FaultKind::windows_run_out:
         begin_machine_fault(fault);
         break;
     default:
@@ -151,6 +153,13 @@ void FaultSchedule::begin_machine_fault(const Fault& fault)
 {
     machine::Faults& faults = station_.machine.faults();
     weakened_ = true;
+    const auto some_more = static_cast<unsigned>(fault.strength * 6);
+    if (fault.kind == FaultKind::pool_runs_out)
+        return faults.fail(Operation::pool_allocate, {}, some_more, machine::Faults::until_cleared);
+    if (fault.kind == FaultKind::windows_run_out) {
+        faults.fail(Operation::pages_map, {}, some_more, machine::Faults::until_cleared);
+        return faults.fail(Operation::map_io_space, {}, some_more, machine::Faults::until_cleared);
+    }
     if (fault.kind == FaultKind::allocation)
         return faults.fail_randomly(Operation::pool_allocate, fault.strength);
     faults.fail_randomly(Operation::pages_map, 0.2 * fault.strength);
@@ -201,9 +210,11 @@ void FaultSchedule::end(const Fault& fault)
         station_.network.partition(world.slave.address(), false);
         break;
     case FaultKind::allocation:
+    case FaultKind::pool_runs_out:
         faults.clear(Operation::pool_allocate);
         break;
     case FaultKind::mapping:
+    case FaultKind::windows_run_out:
         faults.clear(Operation::pages_map);
         faults.clear(Operation::map_io_space);
         break;

@@ -170,7 +170,7 @@ std::int64_t draw_length_ms(Stream& stream, FaultKind kind)
 Fault draw_fault(Stream& stream, const Plan& plan, std::int64_t safety_ms)
 {
     const auto first_local = static_cast<unsigned>(FaultKind::local_request);
-    const auto kinds = plan.boots_locally() ? static_cast<unsigned>(FaultKind::kinds) : first_local;
+    const auto kinds = plan.boots_locally() ? static_cast<unsigned>(FaultKind::pool_runs_out) : first_local;
     auto kind = static_cast<FaultKind>(stream.below(kinds));
     const bool of_slave = kind == FaultKind::slave_crash || kind == FaultKind::slave_partition;
     if (of_slave && !plan.mirrored())
@@ -181,6 +181,19 @@ Fault draw_fault(Stream& stream, const Plan& plan, std::int64_t safety_ms)
             .at_ms = stream.below(static_cast<std::uint32_t>(safety_ms)),
             .for_ms = draw_length_ms(stream, kind),
             .strength = stream.fraction()};
+}
+
+// Memory and windows that run short in the middle.
+void draw_running_short(Stream& stream, StartPlan& start)
+{
+    if (!stream.chance(0.2))
+        return;
+    start.faults.push_back(
+        {.kind = stream.chance(0.5) ? FaultKind::pool_runs_out : FaultKind::windows_run_out,
+         .at_ms = stream.below(static_cast<std::uint32_t>(start.safety_ms / 2)),
+         .for_ms = stream.between(50, 5000),
+         .strength = stream.fraction()});
+    std::ranges::stable_sort(start.faults, {}, &Fault::at_ms);
 }
 
 BootFault draw_boot_fault(Stream& stream)
@@ -335,6 +348,8 @@ Plan draw_plan(std::uint64_t seed)
         plan.starts.push_back(draw_start(stream, plan, i + 1 == starts));
         Stream absence(seed, "absence", i);
         draw_absence(absence, plan, plan.starts.back());
+        Stream running_short(seed, "running short", i);
+        draw_running_short(running_short, plan.starts.back());
     }
     if (!plan.boots_locally())
         return plan;

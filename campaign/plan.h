@@ -61,6 +61,8 @@ enum class FaultKind {
     local_error,
     local_short,
     local_bad_sectors,
+    pool_runs_out,    // some more allocations, and then none for a while
+    windows_run_out,  // the same for mappings
     kinds,
 };
 const char* name_of(FaultKind kind);

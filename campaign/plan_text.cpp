@@ -65,11 +65,11 @@ std::string text_of(const MemoryPlan& memory)
 
 const char* name_of(FaultKind kind)
 {
-    constexpr const char* names[] = {"network",          "main crash",  "main crash losing writes",
-                                     "main partition",   "slave crash", "slave partition",
-                                     "retry limit",      "allocation",  "mapping",
-                                     "local request",    "local error", "local short",
-                                     "local bad sectors"};
+    constexpr const char* names[] = {"network",           "main crash",    "main crash losing writes",
+                                     "main partition",    "slave crash",   "slave partition",
+                                     "retry limit",       "allocation",    "mapping",
+                                     "local request",     "local error",   "local short",
+                                     "local bad sectors", "pool runs out", "windows run out"};
     static_assert(std::size(names) == static_cast<unsigned>(FaultKind::kinds));
     return names[static_cast<unsigned>(kind)];
 }
