@@ -308,6 +308,7 @@ extern "C" ULONG __cdecl DbgPrint(PCSTR format, ...)
     va_start(arguments, format);
     std::string text = format_debug_text(format, arguments);
     va_end(arguments);
+    wake_waiters();  // whoever reads the messages may not be there
     executive().log.append(scheduler().now(), std::move(text));
     return STATUS_SUCCESS;
 }

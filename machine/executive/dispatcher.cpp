@@ -65,7 +65,7 @@ void satisfy_or_defer(Thread& thread, DISPATCHER_HEADER& header)
         satisfy_waits(header);
         return;
     }
-    const std::uint64_t now = __builtin_ia32_rdtsc();
+    const std::uint64_t now = scheduler().cycles();
     if (thread.released && (thread.released != &header || now - thread.released_at > defer_cycles))
         satisfy_released(thread);
     else if (thread.released)
@@ -110,9 +110,9 @@ namespace machine {
 
 void wake_waiters()
 {
-    Thread& thread = self();
-    if (!thread.released)
+    if (!this_thread || !this_thread->released)
         return;
+    Thread& thread = self();
     DispatcherLock lock;
     satisfy_released(thread);
 }

@@ -27,8 +27,10 @@ public:
 
     // A thread that queues work mostly goes on to do it itself. On the real scheduler, where waking another
     // is dear, waiters of a semaphore that it releases are therefore woken only when it waits itself, calls
-    // wake_waiters(), or has gone on for a while.
-    bool defers_wakes() const { return !interleaves_; }
+    // wake_waiters(), or has gone on for a while. The simulated one does the same when the seed says so.
+    virtual bool defers_wakes() const = 0;
+    // How far the processor has come: tells who has gone on for a while.
+    virtual std::uint64_t cycles() = 0;
 
 private:
     const bool interleaves_;
@@ -66,7 +68,8 @@ public:
     DispatcherLock& operator=(const DispatcherLock&) = delete;
 };
 
-// Wakes who waits for what the calling thread released. Before a thread waits for the host.
+// Wakes who waits for what the calling thread released. Before a thread waits for the host: it must not keep
+// others from their work meanwhile, on which the host's answer may depend.
 void wake_waiters();
 
 // Runs the body of a kernel thread and everything its end means: the checks and the signalled thread

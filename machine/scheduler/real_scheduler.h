@@ -33,6 +33,8 @@ public:
     void lock_dispatcher() override;
     void unlock_dispatcher() override;
     bool block(Ticks deadline) override;
+    bool defers_wakes() const override { return true; }
+    std::uint64_t cycles() override { return __builtin_ia32_rdtsc(); }
     void wake(Thread& thread) override;
     void preempt() override {}
     void spin() override;

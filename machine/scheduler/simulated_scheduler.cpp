@@ -31,6 +31,7 @@ KPRIORITY rank(const Thread& thread)
 
 SimulatedScheduler::SimulatedScheduler(std::uint64_t seed, unsigned processors)
     : KernelScheduler(true), random_(seed), switch_probability_(draw_switch_probability(seed)),
+      wake_random_(seed ^ 0x57414B4500000000u), defers_wakes_(wake_random_.chance(0.5)),
       one_processor_(processors == 1), outside_(Thread::Kind::adopted, "outside run()", this)
 {
     if (active_scheduler.exchange(this))
@@ -136,6 +137,12 @@ bool SimulatedScheduler::block(Ticks deadline)
     reschedule();
     dispatcher_locked_ = true;
     return thread.woken;
+}
+
+// A moment since the last time, or a millisecond and more.
+std::uint64_t SimulatedScheduler::cycles()
+{
+    return cycles_ += wake_random_.chance(0.25) ? 10'000'000 : 1000;
 }
 
 void SimulatedScheduler::wake(Thread& woken)

@@ -33,6 +33,8 @@ public:
     void lock_dispatcher() override;
     void unlock_dispatcher() override;
     bool block(Ticks deadline) override;
+    bool defers_wakes() const override { return defers_wakes_; }
+    std::uint64_t cycles() override;
     void wake(Thread& thread) override;
     void preempt() override;
     void spin() override;
@@ -87,6 +89,9 @@ private:
 
     Random random_;
     const double switch_probability_;
+    Random wake_random_;
+    const bool defers_wakes_;
+    std::uint64_t cycles_ = 0;
     const bool one_processor_;
     Ticks now_ = 0;
     bool off_ = false;

@@ -7,6 +7,7 @@
 #include <nt.h>
 
 #include "machine/machine.h"
+#include "machine/scheduler/kernel_scheduler.h"
 
 namespace machine {
 namespace {
@@ -78,6 +79,7 @@ ULONG NTAPI QRN_Recv(PVOID* header)
     State& state = enter("QRN_Recv", PASSIVE_LEVEL);
     if (!header)
         violation("QRN_Recv: the place for the header pointer is null");
+    wake_waiters();
     const ULONG bytes = state.link.receive(header);
     KeGetCurrentIrql();  // the machine, and with it the transport, may have gone during the wait
     ++state.unreleased;

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "formats/socket_address.h"
+#include "machine/scheduler/kernel_scheduler.h"
 
 namespace machine {
 namespace {
@@ -28,13 +29,22 @@ bool same_address(const sockaddr_in& a, const sockaddr_in& b)
     return a.sin_addr.s_addr == b.sin_addr.s_addr && a.sin_port == b.sin_port;
 }
 
-// Sends, again after a signal and after an error that an earlier packet left on the socket.
+// Sends, again after a signal and after an error that an earlier packet left on the socket; waits for room if
+// need be.
 template <typename Call>
 auto persistently(Call call)
 {
-    auto result = call();
-    for (unsigned tries = 0; result < 0 && (errno == EINTR || errno == ECONNREFUSED) && tries < 4; ++tries)
-        result = call();
+    int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
+    auto result = call(flags);
+    for (unsigned tries = 0; result < 0 && tries < 4; ++tries) {
+        if (errno == EAGAIN) {
+            wake_waiters();
+            flags = MSG_NOSIGNAL;
+        } else if (errno != EINTR && errno != ECONNREFUSED) {
+            break;
+        }
+        result = call(flags);
+    }
     return result;
 }
 
@@ -145,8 +155,8 @@ void UdpSender::transmit(Run& run)
 void UdpSender::transmit_single(const Run& run)
 {
     calls_.fetch_add(1, std::memory_order_relaxed);
-    persistently([&] {
-        return sendto(socket_->descriptor(), run.payload, run.bytes, MSG_NOSIGNAL,
+    persistently([&](int flags) {
+        return sendto(socket_->descriptor(), run.payload, run.bytes, flags,
                       reinterpret_cast<const sockaddr*>(&run.to), sizeof run.to);
     });
 }
@@ -171,7 +181,7 @@ bool UdpSender::transmit_segmented(const Run& run)
     std::memcpy(CMSG_DATA(option), &segment_bytes, sizeof segment_bytes);
 
     calls_.fetch_add(1, std::memory_order_relaxed);
-    if (persistently([&] { return sendmsg(socket_->descriptor(), &message, MSG_NOSIGNAL); }) >= 0)
+    if (persistently([&](int flags) { return sendmsg(socket_->descriptor(), &message, flags); }) >= 0)
         return true;
     // EIO: the route's device cannot checksum segments. EINVAL, EMSGSIZE: these packets are too large
     // for its frames and need fragmentation.
@@ -197,8 +207,8 @@ void UdpSender::transmit_one_by_one(const Run& run)
     }
     for (unsigned done = 0; done < run.packets;) {
         calls_.fetch_add(1, std::memory_order_relaxed);
-        const int sent = persistently([&] {
-            return sendmmsg(socket_->descriptor(), messages + done, run.packets - done, MSG_NOSIGNAL);
+        const int sent = persistently([&](int flags) {
+            return sendmmsg(socket_->descriptor(), messages + done, run.packets - done, flags);
         });
         done += sent > 0 ? static_cast<unsigned>(sent) : 1;  // a packet that cannot be sent is lost
     }

@@ -3,6 +3,9 @@
 #include <signal.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 
 #include "tests/machine/kernel_test.h"
 
@@ -176,6 +179,34 @@ TEST(Real_schedulerDeathTest, A_broken_rule_stops_the_process_with_its_message)
         machine.sleep_ms(1);
     };
     EXPECT_DEATH(in_machine(sleep_at_dispatch_level, real), "rule broken: KeDelayExecutionThread at IRQL 2");
+}
+
+// The reader of the messages takes the next one only when the thread has run that was just woken.
+TEST(Real_scheduler, A_thread_that_waits_for_the_host_has_no_wake_up_in_its_hands)
+{
+    Machine machine({.scheduler = SchedulerKind::real});
+    std::mutex lock;
+    std::condition_variable changed;
+    bool worked = false, in_time = false;
+    machine.log().set_sink([&](const DebugLog::Entry&) {
+        std::unique_lock guard(lock);
+        in_time = changed.wait_for(guard, std::chrono::seconds(20), [&] { return worked; });
+    });
+    run_to_end(machine, [&] {
+        KSEMAPHORE semaphore;
+        KeInitializeSemaphore(&semaphore, 0, 1);
+        PKTHREAD sleeper = start_thread([&] {
+            wait_ms(&semaphore);
+            std::lock_guard guard(lock);
+            worked = true;
+            changed.notify_all();
+        });
+        machine.sleep_ms(20);  // for the sleeper to get there; were it late, it would need no waking
+        KeReleaseSemaphore(&semaphore, 0, 1, FALSE);
+        DbgPrint("a message");
+        wait_ms(sleeper);
+    });
+    EXPECT_TRUE(in_time);
 }
 
 }  // namespace

@@ -81,6 +81,43 @@ TEST(Waits, A_semaphore_counts_releases_and_wakes_as_many)
     });
 }
 
+// A thread that releases a semaphore may go on for a while before its waiters run, but never waits itself
+// before.
+TEST(Waits, Who_releases_a_semaphore_may_keep_the_wake_up_until_it_waits)
+{
+    unsigned woken_at_once = 0, kept = 0;
+    for (std::uint64_t seed = 1; seed <= 40; ++seed)
+        in_machine(
+            [&](Machine&) {
+                KSEMAPHORE semaphore;
+                KEVENT event, asleep;
+                KeInitializeSemaphore(&semaphore, 0, 2);
+                KeInitializeEvent(&event, NotificationEvent, FALSE);
+                KeInitializeEvent(&asleep, NotificationEvent, FALSE);
+                int awake = 0;
+                const auto sleeper = [&] {
+                    set(asleep);
+                    wait_ms(&semaphore);
+                    ++awake;
+                    set(event);
+                };
+                PKTHREAD threads[] = {start_thread(sleeper), start_thread(sleeper)};
+                wait_ms(&asleep);
+                Machine::current().sleep_ms(1);
+                KeReleaseSemaphore(&semaphore, 0, 2, FALSE);
+                for (int step = 0; step < 400; ++step)
+                    KeReadStateEvent(&event);
+                (awake == 0 ? kept : woken_at_once) += 1;
+                Machine::current().sleep_ms(1);
+                EXPECT_EQ(awake, 2) << "seed " << seed;
+                for (PKTHREAD thread : threads)
+                    wait_ms(thread);
+            },
+            {.seed = seed});
+    EXPECT_GT(kept, 8u);
+    EXPECT_GT(woken_at_once, 8u);
+}
+
 TEST(Waits, A_wait_on_a_thread_ends_with_the_thread_however_it_ends)
 {
     in_machine([](Machine& machine) {
