@@ -5,6 +5,7 @@
 
 #include "machine/executive/checks.h"
 #include "machine/executive/lock_order.h"
+#include "machine/executive/paged_pool.h"
 
 namespace machine {
 namespace {
@@ -76,6 +77,7 @@ ExecutiveState::ExecutiveState(const MachineConfig& machine_config)
 
 ExecutiveState::~ExecutiveState()
 {
+    free_all_paged();
     the_executive = nullptr;
 }
 

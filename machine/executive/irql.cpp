@@ -5,6 +5,7 @@
 #include <string>
 
 #include "machine/executive/checks.h"
+#include "machine/executive/paged_pool.h"
 #include "machine/machine.h"
 
 using namespace machine;
@@ -40,6 +41,8 @@ KIRQL FASTCALL KfRaiseIrql(KIRQL irql)
     if (irql < old || irql > HIGH_LEVEL)
         bad_change("KfRaiseIrql", old, irql);
     thread.irql = irql;
+    if (irql >= DISPATCH_LEVEL)
+        leave_paged_memory();
     return old;
 }
 

@@ -76,9 +76,7 @@ Pool::~Pool()
 void* Pool::allocate(std::size_t bytes, std::uint32_t tag)
 {
     static_assert(sizeof(Block) % 16 == 8, "blocks of malloc are aligned to 16 bytes");
-    if (forbidden_)
-        violation("the data path allocates: " + std::to_string(bytes) + " bytes, tag \"" + tag_text(tag) +
-                  '"');
+    check_allowed(bytes, tag);
     if (bytes > SIZE_MAX - sizeof(Block) - guard_bytes)
         return nullptr;
     if (!reserve(bytes))
@@ -98,6 +96,13 @@ void* Pool::allocate(std::size_t bytes, std::uint32_t tag)
     live_.insert(block);
     bytes_by_tag_[tag] += bytes;
     return block->payload();
+}
+
+void Pool::check_allowed(std::size_t bytes, std::uint32_t tag) const
+{
+    if (forbidden_)
+        violation("the data path allocates: " + std::to_string(bytes) + " bytes, tag \"" + tag_text(tag) +
+                  '"');
 }
 
 bool Pool::reserve(std::size_t bytes)

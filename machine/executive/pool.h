@@ -45,6 +45,8 @@ public:
     std::uint64_t bytes(const std::string& tag) const;
     std::vector<PoolUse> live() const;
 
+    // A violation while allocations are forbidden.
+    void check_allowed(std::size_t bytes, std::uint32_t tag) const;
     void forbid_allocation(bool forbid) { forbidden_ = forbid; }
 
 private:

@@ -3,6 +3,7 @@
 
 #include "machine/executive/checks.h"
 #include "machine/executive/executive.h"
+#include "machine/executive/paged_pool.h"
 
 using namespace machine;
 
@@ -27,7 +28,10 @@ PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE type, SIZE_T bytes, ULONG tag)
     ExecutiveState& kernel = executive();
     if (kernel.faults.hit(Operation::pool_allocate, tag_text(tag)))
         return nullptr;
-    return kernel.pool.allocate(bytes, tag);
+    if (!paged(type))
+        return kernel.pool.allocate(bytes, tag);
+    kernel.pool.check_allowed(bytes, tag);
+    return allocate_paged(bytes);
 }
 
 PVOID NTAPI ExAllocatePool(POOL_TYPE type, SIZE_T bytes)
@@ -37,11 +41,14 @@ PVOID NTAPI ExAllocatePool(POOL_TYPE type, SIZE_T bytes)
 
 VOID NTAPI ExFreePoolWithTag(PVOID block, ULONG tag)
 {
-    enter_at_most(DISPATCH_LEVEL, "ExFreePoolWithTag");
+    const Thread& thread = enter_at_most(DISPATCH_LEVEL, "ExFreePoolWithTag");
     ExecutiveState& kernel = executive();
     if (kernel.page_lists.holds_pages(block))
         violation("a page list is freed before its pages");
-    kernel.pool.free(block, tag);
+    if (!free_paged(block))
+        kernel.pool.free(block, tag);
+    else if (thread.irql > APC_LEVEL)
+        irql_violation("ExFreePoolWithTag of paged pool", APC_LEVEL);
 }
 
 VOID NTAPI ExFreePool(PVOID block)

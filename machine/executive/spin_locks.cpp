@@ -5,6 +5,7 @@
 
 #include "machine/executive/checks.h"
 #include "machine/executive/lock_order.h"
+#include "machine/executive/paged_pool.h"
 #include "machine/machine.h"
 
 namespace machine {
@@ -109,6 +110,7 @@ KIRQL FASTCALL KfAcquireSpinLock(PKSPIN_LOCK lock)
     Thread& thread = enter_at_most(DISPATCH_LEVEL, "KfAcquireSpinLock");
     const KIRQL old = thread.irql;
     thread.irql = DISPATCH_LEVEL;
+    leave_paged_memory();
     take_spin_lock(thread, lock, old);
     return old;
 }

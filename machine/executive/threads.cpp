@@ -7,6 +7,7 @@
 
 #include "machine/executive/checks.h"
 #include "machine/executive/executive.h"
+#include "machine/executive/paged_pool.h"
 
 namespace machine {
 namespace {
@@ -33,6 +34,7 @@ void run_kernel_thread(Thread& thread, const std::function<void()>& body)
 
 void run_timer_callback(Thread& context, const std::function<void()>& callback)
 {
+    leave_paged_memory();
     callback();
     if (context.irql != DISPATCH_LEVEL)
         violation("a timer callback returned at IRQL " + std::to_string(context.irql));

@@ -45,8 +45,7 @@ void on_fault(int number, siginfo_t* info, void* context)
 {
     const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
     if (!in_an_area(address) || open_page_count == pages_per_instruction_max) {
-        sigaction(number, &previous_fault, nullptr);  // the instruction faults again, for the one before
-        return;
+        return pass_fault_on(previous_fault, number, info, context);
     }
     auto* const page = reinterpret_cast<std::uint8_t*>(address / page_bytes * page_bytes);
     mprotect(page, page_bytes, PROT_READ | PROT_WRITE);
@@ -81,6 +80,14 @@ void install_handlers()
 }
 
 }  // namespace
+
+void pass_fault_on(const struct sigaction& previous, int number, siginfo_t* info, void* context)
+{
+    if ((previous.sa_flags & SA_SIGINFO) && previous.sa_sigaction)
+        previous.sa_sigaction(number, info, context);
+    else
+        sigaction(number, &previous, nullptr);  // the instruction faults again, for the one before
+}
 
 void* map_unanswered(std::size_t bytes)
 {

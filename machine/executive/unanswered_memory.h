@@ -4,6 +4,8 @@
 // that is thrown away after it. Slow, exact, and for a driver's probes only.
 #pragma once
 
+#include <signal.h>
+
 #include <cstddef>
 
 namespace machine {
@@ -12,5 +14,8 @@ namespace machine {
 void* map_unanswered(std::size_t bytes);
 // Before the mapping is undone; any other address is ignored.
 void forget_unanswered(const void* mapped);
+
+// For handlers of faults: this one is not theirs. Hands it to the handler that was there before.
+void pass_fault_on(const struct sigaction& previous, int number, siginfo_t* info, void* context);
 
 }  // namespace machine

@@ -47,6 +47,43 @@ TEST(Pool, Non_paged_pool_ends_at_its_limit)
         {.nonpaged_pool_bytes_max = 1'000'000});
 }
 
+TEST(Pool, Paged_blocks_leave_memory_at_DISPATCH_LEVEL)
+{
+    const auto paged = [](SIZE_T bytes) {
+        return static_cast<UCHAR*>(ExAllocatePoolWithTag(PagedPool, bytes, tag));
+    };
+    in_machine([=](Machine&) {
+        UCHAR* block = paged(10'000);
+        block[0] = 1;
+        block[9'999] = 2;
+        KSPIN_LOCK lock = 0;
+        locked(lock, [] {});
+        EXPECT_EQ(block[0] + block[9'999], 3) << "it comes back with its contents";
+        ExFreePoolWithTag(block, tag);
+    });
+    const auto touch_high = [=](Machine&) {
+        UCHAR* block = paged(16);
+        block[3] = 1;
+        KeRaiseIrqlToDpcLevel();
+        block[3] = 2;
+    };
+    const auto touch_locked = [=](Machine&) {
+        UCHAR* block = paged(16);
+        block[3] = 1;
+        KSPIN_LOCK lock = 0;
+        locked(lock, [=] { EXPECT_EQ(block[3], 1); });
+    };
+    EXPECT_DEATH(in_machine(touch_high), "paged pool is touched at IRQL 2");
+    EXPECT_DEATH(in_machine(touch_locked), "paged pool is touched at IRQL 2");
+    expect_breaks({{"freed at DISPATCH_LEVEL",
+                    [=](Machine&) {
+                        UCHAR* block = paged(16);
+                        KeRaiseIrqlToDpcLevel();
+                        ExFreePool(block);
+                    },
+                    "ExFreePoolWithTag of paged pool at IRQL 2"}});
+}
+
 TEST(Pool, Misuse_is_reported)
 {
     expect_breaks({
