@@ -10,6 +10,7 @@ namespace {
 
 constexpr std::string_view line_mark = "met: ";
 constexpr std::string_view message_mark = "message: ";
+constexpr std::string_view stack_mark = "deepest stack of a start: ";  // and how deep it was
 
 // Messages that tell of a decision or a failure, by how they begin.
 constexpr const char* messages[] = {
@@ -179,6 +180,9 @@ std::string Coverage::report() const
         tell(event);
     for (const char* message : messages)
         tell(std::string(message_mark) + message);
+    for (const auto& [name, count] : counts_)
+        if (name.starts_with(stack_mark))
+            text += fmt::format("{:>12}  {}\n", count, name);
     return text + (never.empty() ? "All of the list was met.\n" : "never met:\n" + never);
 }
 

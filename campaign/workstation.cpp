@@ -177,7 +177,7 @@ void Workstation::count_events()
 {
     Coverage& coverage = world.coverage;
     const std::size_t deepest_kb = (machine.scheduler().deepest_stack().bytes + 1023) / 1024;
-    coverage.add(fmt::format("start whose deepest stack is of {} KB", deepest_kb));
+    coverage.add(fmt::format("deepest stack of a start: up to {} KB", deepest_kb));
     for (const auto& entry : machine.log().entries())
         coverage.add_message(entry.text);
     for (const Direction direction : {Direction::to_server, Direction::to_workstation}) {
