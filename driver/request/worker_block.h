@@ -30,7 +30,7 @@ struct Pkt_Setup {
 };
 static_assert(sizeof(Pkt_Setup) == 24);
 
-// How a worker is held by the disk that it serves (engine/holds.h).
+// How a worker is held by the disk that it serves (request/holds.h).
 enum class Hold_Kind : UCHAR {
     Firm,    // to the end of the run
     Loose,   // until other disks need the worker: the run can be done again
