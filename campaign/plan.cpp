@@ -312,6 +312,29 @@ bool Plan::mirrored() const
     return std::ranges::any_of(disks, &DiskPlan::mirrored);
 }
 
+// In a quarter of the starts.
+static void draw_port_events(Stream stream, StartPlan& start)
+{
+    if (!stream.chance(0.25))
+        return;
+    for (unsigned count = stream.between(1, 4); count != 0; --count)
+        start.port_events.push_back(
+            {.kind = static_cast<PortEventKind>(stream.below(static_cast<unsigned>(PortEventKind::kinds))),
+             .at_ms = stream.below(static_cast<std::uint32_t>(start.safety_ms))});
+    std::ranges::stable_sort(start.port_events, {}, &PortEvent::at_ms);
+}
+
+// In half of the starts; a class driver takes the disks as they come.
+static void draw_shutdown_order(Stream stream, std::size_t disks, StartPlan& start)
+{
+    if (stream.chance(0.5))
+        return;
+    for (std::size_t lun = 0; lun < disks; ++lun)
+        start.shutdown_order.insert(start.shutdown_order.begin() +
+                                        stream.below(static_cast<std::uint32_t>(lun) + 1),
+                                    static_cast<std::uint8_t>(lun));
+}
+
 Plan draw_plan(std::uint64_t seed)
 {
     Stream general(seed, "general"), disks(seed, "disks"), settings(seed, "settings"), memory(seed, "memory"),
@@ -329,6 +352,8 @@ Plan draw_plan(std::uint64_t seed)
     plan.pae = general.chance(0.5);
     plan.feeding = port.chance(0.5) ? machine::Feeding::held_back : machine::Feeding::eager;
     plan.curious_class_driver = port.chance(0.5);
+    plan.scan_stops_at_gap = port.chance(0.5);
+    plan.checks_transfers = port.chance(0.5);
     draw_processors(processors, plan);
     for (unsigned count = general.between(1, formats::disk_count_max); count != 0; --count)
         plan.disks.push_back(draw_disk(disks, plan.disks.empty()));
@@ -350,6 +375,8 @@ Plan draw_plan(std::uint64_t seed)
         draw_absence(absence, plan, plan.starts.back());
         Stream running_short(seed, "running short", i);
         draw_running_short(running_short, plan.starts.back());
+        draw_port_events(Stream(seed, "port driver's events", i), plan.starts.back());
+        draw_shutdown_order(Stream(seed, "order of the shutdown", i), plan.disks.size(), plan.starts.back());
     }
     if (!plan.boots_locally())
         return plan;

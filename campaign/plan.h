@@ -87,10 +87,20 @@ struct BootFault {
 
 const char* name_of(BootFault::Kind kind);
 
+enum class PortEventKind { bus_reset, start_again, scan, no_buffer, kinds };
+const char* name_of(PortEventKind kind);
+
+struct PortEvent {
+    PortEventKind kind;
+    std::int64_t at_ms;
+};
+
 struct StartPlan {
     std::int64_t safety_ms;
     std::vector<Fault> faults;
     std::vector<BootFault> boot_faults;
+    std::vector<PortEvent> port_events;
+    std::vector<std::uint8_t> shutdown_order;  // LUNs; empty: LUN 0 last
     End end;
     bool new_image;   // the server has a newer image than at the start before
     bool only_reads;  // clients write nothing
@@ -111,6 +121,8 @@ struct Plan {
     bool reset_ports_work;
     machine::Feeding feeding;
     bool curious_class_driver;
+    bool scan_stops_at_gap;
+    bool checks_transfers;  // the port driver refuses what no class driver sends
     unsigned processors;
     machine::Ticks clock_tick_100ns;
     bool switch_at_atomics;  // by the linked driver

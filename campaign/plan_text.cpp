@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // A plan as lines for the log of a seed.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "campaign/plan.h"
 
@@ -37,6 +38,10 @@ std::string text_of(const Plan& plan, const StartPlan& start)
     if (start.rolled_back || start.recreated)
         text += fmt::format("  the server's image is {}{}\n", start.rolled_back ? "rolled back" : "made anew",
                             start.unshifted ? ", its sectors not shifted" : "");
+    if (!start.shutdown_order.empty())
+        text += fmt::format("  order of the shutdown: {}\n", fmt::join(start.shutdown_order, ", "));
+    for (const PortEvent& event : start.port_events)
+        text += fmt::format("  port driver at {} ms: {}\n", event.at_ms, campaign::name_of(event.kind));
     for (const BootFault& fault : start.boot_faults)
         text += fmt::format("  fault at boot: {} after {}, {} times\n", campaign::name_of(fault.kind),
                             fault.skip, fault.count);
@@ -74,6 +79,13 @@ const char* name_of(FaultKind kind)
     return names[static_cast<unsigned>(kind)];
 }
 
+const char* name_of(PortEventKind kind)
+{
+    constexpr const char* names[] = {"bus reset", "start again", "scan", "transfer without a buffer"};
+    static_assert(std::size(names) == static_cast<unsigned>(PortEventKind::kinds));
+    return names[static_cast<unsigned>(kind)];
+}
+
 const char* name_of(BootFault::Kind kind)
 {
     constexpr const char* names[] = {"allocation", "thread", "pages", "registry", "local read"};
@@ -89,6 +101,8 @@ std::string to_text(const Plan& plan)
                     plan.pae ? ", long addresses" : "", plan.reset_ports_work ? "" : ", reset ports dead",
                     plan.feeding == machine::Feeding::held_back ? ", fed one at a time" : "",
                     plan.curious_class_driver ? ", curious class driver" : "");
+    text += fmt::format("port driver: {} transfers{}\n", plan.checks_transfers ? "checks" : "does not check",
+                        plan.scan_stops_at_gap ? ", scans up to a gap" : "");
     text += fmt::format("processors: {}, clock tick {} ms{}\n", plan.processors == 1 ? "one" : "many",
                         ms(plan.clock_tick_100ns), plan.switch_at_atomics ? ", switches at atomics" : "");
     for (unsigned lun = 0; lun < plan.disks.size(); ++lun)

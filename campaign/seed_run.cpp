@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "campaign/checks.h"
+#include "campaign/port_events.h"
 #include "campaign/settle.h"
 #include "campaign/streams.h"
 
@@ -37,7 +38,10 @@ void shut_down(Workstation& station, FaultSchedule& faults)
 {
     faults.shutdown_begins();
     const std::int64_t begin_ms = station.now_ms();
-    station.scsi().shutdown();
+    if (station.plan().shutdown_order.empty())
+        station.scsi().shutdown();
+    else
+        station.scsi().shutdown(station.plan().shutdown_order);
     if (faults.over() && station.now_ms() - begin_ms > shutdown_bound_ms)
         fail(fmt::format("shutdown took {} ms", station.now_ms() - begin_ms));
 }
@@ -55,6 +59,8 @@ void live(Workstation& station, Load& load, FaultSchedule& faults)
 {
     station.boot();
     fill_wide_caches(station, load);
+    PortEvents port_events(station);
+    port_events.start();
     load.start(station.plan().safety_ms);
     faults.run_until(station.plan().safety_ms);
     if (station.plan().end == End::power_off)
@@ -62,6 +68,7 @@ void live(Workstation& station, Load& load, FaultSchedule& faults)
     if (station.plan().end == End::shutdown)
         return shut_down(station, faults);
     faults.heal();
+    port_events.wait();
     expect_all_complete(station, load);
     expect_requests_succeed(station, load);
     expect_slots_back(station, load, faults);

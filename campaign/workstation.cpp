@@ -38,6 +38,9 @@ machine::MachineConfig machine_config(const Plan& plan, unsigned number)
     config.reset_ports_work = plan.reset_ports_work;
     config.feeding = plan.feeding;
     config.curious_class_driver = plan.curious_class_driver;
+    config.scan_stops_at_gap = plan.scan_stops_at_gap;
+    config.checks_transfers = plan.checks_transfers;
+    config.srbs_may_time_out = false;
     config.processors = plan.processors;
     config.clock_tick_100ns = plan.clock_tick_100ns;
     config.switch_at_atomics = plan.switch_at_atomics;
