@@ -10,8 +10,6 @@
 namespace machine {
 namespace {
 
-constexpr std::size_t operations = static_cast<std::size_t>(Operation::disk_write_short) + 1;
-
 // Whether one of these sectors is among those of a rule: "1F" or "1F-2A".
 bool names_sectors(const std::string& rule, std::uint64_t first, std::uint64_t count)
 {
@@ -36,7 +34,8 @@ std::string address_name(std::uint64_t address)
 }
 
 Faults::Faults(std::uint64_t seed)
-    : hits_(operations), random_state_(Random(seed ^ 0x4641554C54530000u).next())
+    : hits_(static_cast<std::size_t>(Operation::count)),
+      random_state_(Random(seed ^ 0x4641554C54530000u).next())
 {
 }
 

@@ -31,6 +31,7 @@ enum class Operation {
     disk_read_short,  // ends well with fewer bytes than asked for
     disk_write_short,
     disk_flush,  // name: empty; what is volatile stays so
+    count        // no operation: how many there are
 };
 
 // In hexadecimal, upper case, without prefix.
