@@ -215,6 +215,11 @@ static void Run_Srb(RW_Entry* pEntry, const Chunk& Picked)
     pEntry->pWr_Slot = nullptr;
 }
 
+static LONG Magnitude(LONG Value)
+{
+    return Value < 0 ? -Value : Value;
+}
+
 // The chunk goes back to its record. The sectors of a write that is tagged afresh then count once.
 static void Run_Again_Later(RW_Entry* pEntry, const Chunk& Picked)
 {
@@ -226,8 +231,8 @@ static void Run_Again_Later(RW_Entry* pEntry, const Chunk& Picked)
         Spin_Guard Guard(Active_Lock);
         if (!Has_Chunks(pReq))
             InsertTailList(&Active_List, &pReq->Link);
-        if (pReq->Setup.Spent < pEntry->Spent)
-            pReq->Setup.Spent = static_cast<USHORT>(pEntry->Spent);
+        if (Magnitude(pReq->Setup.Spent) < Magnitude(pEntry->Spent))
+            pReq->Setup.Spent = static_cast<SHORT>(pEntry->Spent);
         pReq->Setup.Again |= 1u << Picked.Index;
     }
     Hold_End(pEntry->Lun);
@@ -247,7 +252,7 @@ static void Finish_Chunk(RW_Entry* pEntry, RW_Req* pReq)
 void Chunk_Run(RW_Entry* pEntry, const Chunk& Picked)
 {
     pEntry->Hold = Picked.Index < Again_Max ? Hold_Kind::Loose : Hold_Kind::Firm;
-    pEntry->pNotify = Picked.pReq->pSrb ? Picked.pReq->pDone : nullptr;
+    pEntry->pNotify = Picked.pReq->pSrb ? Picked.pReq->pDone : pNotice_Adapter;
     if (Picked.pReq->pSrb)
         Run_Srb(pEntry, Picked);
     else

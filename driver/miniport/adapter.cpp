@@ -169,6 +169,7 @@ static BOOLEAN NTAPI HwInitialize(PVOID HwDeviceExtension)
     Hook_Scsi_Dispatch();
     Prepare_Channel(pExt);
     Mutex_Give(pExt->Chan_Free, pExt->Chan_Gate);
+    pNotice_Adapter = pExt;
     return TRUE;
 }
 

@@ -80,14 +80,26 @@ void Set_Outstanding(RW_Entry* pEntry, ULONG Mask)
     pEntry->Frag_Mask = Mask;
 }
 
+// Time-outs that the packet had at this server before its worker was let go.
+LONG Spent_Here(const RW_Entry* pEntry)
+{
+    LONG Here = Is_Slave(pEntry->Setup.pServer) ? -pEntry->Spent : pEntry->Spent;
+    return Here > 0 ? Here : 0;
+}
+
+void Spend(RW_Entry* pEntry, LONG Time_Outs)
+{
+    pEntry->Spent = Is_Slave(pEntry->Setup.pServer) ? -Time_Outs : Time_Outs;
+}
+
 // From here on answers to the packet count. A wake-up left over from the packet before is forgotten.
 void Begin_Packet(RW_Entry* pEntry)
 {
     KeClearEvent(&pEntry->Ack_Event);
-    LONG Budget = Retry_Budget(pEntry);
+    LONG Budget = Retry_Budget(pEntry), Spent = Spent_Here(pEntry);
     Spin_Guard Guard(pEntry->Ack_Lock);
     pEntry->Frag_Mask = All_Fragments;
-    pEntry->Retry_Left = Budget > pEntry->Spent ? Budget - pEntry->Spent : Smaller<LONG>(Budget, 0);
+    pEntry->Retry_Left = Budget > Spent ? Budget - Spent : Smaller<LONG>(Budget, 0);
 }
 
 void Send_And_Expect(RW_Entry* pEntry)
@@ -215,7 +227,7 @@ After_Time_Out Time_Out(RW_Entry* pEntry)
     if (Is_System_Read(pEntry) && Reads_May_End())
         return After_Time_Out::Failed;
     if (pEntry->Hold == Hold_Kind::Loose && Must_Let_Go(pEntry->Lun)) {
-        pEntry->Spent = Budget < 0 ? 0 : Budget - pEntry->Retry_Left + 1;
+        Spend(pEntry, Budget < 0 ? 0 : Budget - pEntry->Retry_Left + 1);
         pEntry->Hold = Hold_Kind::Let_Go;
         return After_Time_Out::Failed;
     }
@@ -248,7 +260,8 @@ bool Deliver(RW_Entry* pEntry)
         Wait_End End = Wait_For_Packet(pEntry, Idle);
         if (End == Wait_End::Complete) {
             Disk_Answers(pEntry->Lun);
-            pEntry->Spent = 0;
+            if (Spent_Here(pEntry) != 0)
+                pEntry->Spent = 0;
             if (Is_System_Read(pEntry) && pEntry->Sector != 0)
                 Claim_Version(Version_Server);
             return true;

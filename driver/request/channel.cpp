@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "driver/request/channel.h"
 
+Hw_Ext* volatile pNotice_Adapter;
+
 static NTSTATUS NTAPI Chan_Done(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
 {
     IoReuseIrp(Irp, STATUS_UNSUCCESSFUL);

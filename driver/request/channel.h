@@ -18,6 +18,9 @@ struct Hw_Ext {
     Mutex_Gate Chan_Gate;       // of Chan_Free
 };
 
+// The adapter, once notices can go out; null before. Time-outs of what no request asked for are told there.
+extern Hw_Ext* volatile pNotice_Adapter;
+
 constexpr char Chan_Signature[] = "QRN.Disk";  // of an SRB_IO_CONTROL, without the terminator
 constexpr ULONG Done_Code = 0x1B2183;          // the notice's control code
 

@@ -20,7 +20,7 @@ struct Req_Setup {
     UCHAR Hdr[16];       // the first bytes of the wire header
     ULONG Again;         // Active_Lock: bit n set while chunk n of the record waits to be run again
     USHORT Past_Images;  // Active_Lock: not 0 when the local images lack some of it, so that it takes a slot
-    USHORT Spent;        // Active_Lock: time-outs that a chunk had before it was put back
+    SHORT Spent;         // Active_Lock: time-outs that a chunk had before it was put back; at the slave below 0
 };
 static_assert(sizeof(Req_Setup) == 48);
 

@@ -52,11 +52,12 @@ struct RW_Entry {
     ULONG Sector;        // engine sector at pData
     RW_Entry* pWr_Slot;  // slot block of the write chunk in progress, or null
     Hold_Kind Hold;
-    LONG Spent;          // time-outs that the packet to be sent next had before the worker was let go
+    LONG Spent;          // time-outs that the packet to be sent next had before the worker was let go; those
+                         // at the slave server below 0
     bool Has_Slot;       // the chunk in progress holds one of its disk's Free_Slots
     bool Server_Failed;  // the disk's server has failed the run in progress
     bool Brief;          // patience of about 10 s, whatever the disk's
-    PVOID pNotify;       // the Hw_Ext of the request in progress, or null
+    PVOID pNotify;       // the Hw_Ext that time-outs of the request in progress are told to, or null
     Pkt_Setup Setup;
     formats::WireHeader Hdr;  // Worker_Byte's low 3 bits are this worker's index, for ever
     alignas(8) UCHAR Bounce[Bounce_Bytes];

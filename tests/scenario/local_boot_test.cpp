@@ -67,8 +67,9 @@ void partition(machine::LocalDisk& disk, std::uint32_t temporary = temporary_sta
 // One start, with a server that has this image.
 class LocalBoot : public Rig {
 public:
-    LocalBoot(machine::LocalDisk& disk, const Bytes& image, DiskPlan lun_0 = {})
-        : Rig(local_plan(image, lun_0))
+    // workers: 0 for as many as the driver takes by itself.
+    LocalBoot(machine::LocalDisk& disk, const Bytes& image, DiskPlan lun_0 = {}, std::uint32_t workers = 0)
+        : Rig(local_plan(image, lun_0, workers))
     {
         formats::ImageDescriptor descriptor{0xE9, {}, 0x90, {'Q', 'R', 'N', 'H'}, {}};
         descriptor.Displacement.set(0x40);
@@ -95,12 +96,14 @@ public:
     }
 
 private:
-    static Plan local_plan(const Bytes& image, const DiskPlan& lun_0)
+    static Plan local_plan(const Bytes& image, const DiskPlan& lun_0, std::uint32_t workers)
     {
         Plan plan;
         plan.disks = {lun_0};
         plan.boot_mode = formats::boot_mode_local_image;
         plan.image = image;
+        if (workers)
+            plan.settings["RW_THREADS"] = workers;
         plan.adjust_block = [](formats::Boot_Param& block) {
             block.Disk_Nums = 2;
             block.Local_Nums = 1;
@@ -164,6 +167,35 @@ TEST(LocalBoot, Shutdown_waits_for_the_run_to_stop_after_its_chunk)
         EXPECT_TRUE(start.logged("QRNH_IMG_SYNC: End=1")) << start.machine.log().text();
         EXPECT_LT(start.now_ms() - before_ms, 2500);
         EXPECT_EQ(start.machine.pool_bytes("QRNM") / 65536, 6u) << "bounce areas; the run's buffer is gone";
+    });
+}
+
+// Fed one request at a time, the port driver holds the shutdown back behind a write that waits for the only
+// worker, which the run keeps while its server is away.
+TEST(LocalBoot, Shutdown_reaches_a_disk_whose_only_worker_waits_for_the_run)
+{
+    machine::LocalDisk disk(8000);
+    partition(disk);
+    LocalBoot start(disk, server_image(1, {1, 1, 0, 1}), {.flags = formats::disk_flag_one_slot, .retry_mins = 0}, 1);
+    start.drop = [](const SeenPacket& packet) {
+        return packet.header().Kind == formats::kind_sync_read &&
+               packet.header().Byte_Offset.get() >= (first_data + 1) * 512;
+    };
+    start.run([&] {
+        EXPECT_TRUE(start.write(0, 1, pattern(1, 65536, 50)));
+        start.machine.sleep_ms(2000);
+        Bytes data = pattern(1, 512, 51);
+        machine::ScsiRequest waiting(start.scsi());
+        bool done = false;
+        waiting.done = [&](machine::ScsiRequest&) { done = true; };
+        waiting.set_read(0, 200, data.data(), 512);
+        start.scsi().submit(waiting);
+        start.machine.sleep_ms(5000);
+        EXPECT_FALSE(done) << "the worker is free";
+        const double before_ms = start.now_ms();
+        start.scsi().shutdown();
+        EXPECT_LT(start.now_ms() - before_ms, 60'000);
+        EXPECT_TRUE(done);
     });
 }
 
@@ -303,7 +335,10 @@ TEST(LocalBoot, Look_for_the_servers_image_leaves_the_only_slot_to_requests)
     machine::LocalDisk disk(8000);
     partition(disk);
     LocalBoot start(disk, {}, {.flags = formats::disk_flag_one_slot | 1});
-    start.drop = [](const SeenPacket& packet) { return packet.header().Kind == formats::kind_sync_read; };
+    start.drop = [](const SeenPacket& packet) {
+        return packet.header().Kind == formats::kind_sync_read &&
+               packet.header().Byte_Offset.get() >= (first_data + 1) * 512;
+    };
     start.run([&] {
         ASSERT_TRUE(start.write(0, 1, pattern(1, 65536, 50)));
         start.machine.sleep_ms(500);
