@@ -54,7 +54,7 @@ unsigned workers_of(const Plan& plan)
 }
 
 // Reads of a whole disk at once, of which the servers hear nothing: all slots come to be taken.
-void count_slots(Workstation& station, unsigned lun)
+void count_slots(Workstation& station, unsigned lun, FaultSchedule& faults)
 {
     const Plan& plan = station.world.plan;
     const unsigned expected = std::min(slots_of(plan, lun), workers_of(plan));
@@ -62,6 +62,7 @@ void count_slots(Workstation& station, unsigned lun)
     constexpr std::uint32_t request_sectors = 2;
     std::vector<std::unique_ptr<machine::ScsiRequest>> reads;
     std::vector<std::uint8_t> data(requests * request_sectors * formats::sector_bytes);
+    const std::int64_t begin_ms = station.now_ms();
     for (const BlockServer* server : {&station.world.main, &station.world.slave})
         station.network.partition(server->address(), true);
     station.watch_workers();
@@ -78,6 +79,7 @@ void count_slots(Workstation& station, unsigned lun)
     const auto taken = static_cast<unsigned>(std::popcount(station.workers(lun)));
     for (const BlockServer* server : {&station.world.main, &station.world.slave})
         station.network.partition(server->address(), false);
+    faults.servers_away(begin_ms, station.now_ms());
     while (done != requests)
         station.machine.sleep_ms(10);
     if (taken != expected)
@@ -117,14 +119,14 @@ void expect_requests_succeed(Workstation& station, Load& load)
         fail(fmt::format("{} requests are in flight when none was made", station.scsi().in_flight()));
 }
 
-void expect_slots_back(Workstation& station, Load& load, const FaultSchedule& faults)
+void expect_slots_back(Workstation& station, Load& load, FaultSchedule& faults)
 {
     const Plan& plan = station.world.plan;
     if (plan.boots_locally() || faults.weakened())
         return;
     for (unsigned lun = 0; lun < plan.disks.size(); ++lun)
         if (plain(plan.disks[lun]) && load.reachable(lun))
-            count_slots(station, lun);
+            count_slots(station, lun, faults);
 }
 
 void expect_contents(Workstation& station, Load& load)

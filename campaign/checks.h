@@ -12,7 +12,7 @@ namespace campaign {
 // something.
 void expect_all_complete(Workstation& station, Load& load);
 void expect_requests_succeed(Workstation& station, Load& load);
-void expect_slots_back(Workstation& station, Load& load, const FaultSchedule& faults);
+void expect_slots_back(Workstation& station, Load& load, FaultSchedule& faults);
 void expect_contents(Workstation& station, Load& load);
 void expect_poll_totals(Workstation& station, Load& load);
 

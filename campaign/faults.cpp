@@ -57,6 +57,7 @@ void FaultSchedule::prepare_boot()
                         fault.skip - 2, fault.count);
             break;
         case BootFault::Kind::registry:
+            patience_.settings_unread();
             faults.fail(Operation::registry_query, {}, fault.skip - 2, fault.count);
             break;
         case BootFault::Kind::local_read:
@@ -287,13 +288,29 @@ bool FaultSchedule::may_fail(unsigned lun, bool write_waits, std::int64_t since_
     return patience_.may_fail(lun, write_waits, since_ms, station_.now_ms());
 }
 
+void FaultSchedule::shutdown_begins()
+{
+    shutdown_ = true;
+    shutdown_ms_ = station_.now_ms();
+}
+
+void FaultSchedule::servers_away(std::int64_t begin_ms, std::int64_t end_ms)
+{
+    patience_.away(ServerName::main, begin_ms, end_ms);
+    patience_.away(ServerName::slave, begin_ms, end_ms);
+}
+
 Kept FaultSchedule::kept(unsigned lun) const
 {
     const std::int64_t now_ms = station_.now_ms();
     if (station_.reads_slave(lun))
         return Kept::slave;
-    const bool main_left = patience_.may_leave(lun, ServerName::main, now_ms);
-    const bool slave_left = patience_.may_leave(lun, ServerName::slave, now_ms);
+    // A shutdown has less patience than a running system.
+    const auto left = [&](ServerName server) {
+        return patience_.may_leave(lun, server, now_ms) ||
+               (shutdown_ && patience_.may_miss(server, shutdown_ms_, now_ms));
+    };
+    const bool main_left = left(ServerName::main), slave_left = left(ServerName::slave);
     if (main_left)
         return slave_left ? Kept::either : Kept::slave;
     return slave_left ? Kept::main : Kept::both;

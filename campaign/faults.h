@@ -25,7 +25,9 @@ public:
     void run_until(std::int64_t end_ms);
     // All faults are over, servers are back.
     void heal();
-    void shutdown_begins() { shutdown_ = true; }
+    void shutdown_begins();
+    // A check kept both servers away from the workstation.
+    void servers_away(std::int64_t begin_ms, std::int64_t end_ms);
 
     bool over() const { return active_.empty(); }
 
@@ -56,6 +58,7 @@ private:
     std::vector<Active> active_;
     Patience patience_;
     bool shutdown_ = false;
+    std::int64_t shutdown_ms_ = 0;
     bool weakened_ = false;
 };
 

@@ -13,6 +13,16 @@ constexpr std::uint32_t large_sectors = 128;
 constexpr std::int64_t held_back_pause_ms = 200;
 constexpr std::int64_t pause_max_ms = 20'000;  // on average; a client that pauses counts as active
 
+namespace {
+
+std::string sense_text(const machine::ScsiRequest& request)
+{
+    const auto sense = request.sense();
+    return sense ? fmt::format(", sense {:02X} {:02X} {:02X}", sense->key, sense->asc, sense->ascq) : "";
+}
+
+}  // namespace
+
 struct Load::Client {
     Load& owner;
     const unsigned lun;
@@ -241,11 +251,15 @@ void Load::request_failed(Client& client)
             write_waits |= other->writing;
             since_ms = std::min(since_ms, other->began_ms);
         }
+    // The class driver's own reads may have lost the disk, unseen by the clients.
+    if (station_.world.plan.curious_class_driver &&
+        client.request.sense() == machine::Sense{0x05, 0x21, 0x00})
+        since_ms = 0;
     if (!excuses_.may_fail(client.lun, write_waits || client.writing, since_ms))
-        fail(fmt::format("{} of {} sectors at LBA {} of LUN {}, begun at {} ms, failed with status {:02X} "
+        fail(fmt::format("{} of {} sectors at LBA {} of LUN {}, begun at {} ms, failed with status {:02X}{} "
                          "though nothing was wrong for long",
                          client.writing ? "write" : "read", client.sectors, client.lba, client.lun,
-                         client.began_ms, client.request.srb_status));
+                         client.began_ms, client.request.srb_status, sense_text(client.request)));
     disk.lost = true;
     station_.world.coverage.add("disk lost for good");
 }

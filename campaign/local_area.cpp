@@ -237,7 +237,10 @@ bool verify_system_area(const machine::LocalDisk& disk, const LocalPlan& plan,
     const std::vector<std::uint8_t> bytes = disk.read(system_area_start, plan.system_sectors);
     const MemoryFile copy(bytes);
     const image_tool::AreaFile file(copy.path());
-    if (!image_tool::has_image_header(file))
+    // Of the first header that this area got only the second sector may have come before the power went.
+    const bool torn =
+        std::all_of(bytes.begin(), bytes.begin() + formats::sector_bytes, [](auto b) { return b == 0; });
+    if (torn || !image_tool::has_image_header(file))
         return false;
     const image_tool::Findings findings = image_tool::verify(file);
     if (findings.fault_count() != 0) {

@@ -12,7 +12,7 @@ constexpr std::int64_t time_out_ms = 1055 - 2 * 16;
 // What was sent while a fault lasted times out after it.
 constexpr std::int64_t echo_ms = 1200;
 // The network's own small loss may add so many.
-constexpr std::int64_t stray_time_outs = 2;
+constexpr std::int64_t stray_time_outs = 3;
 
 constexpr std::int64_t retries_per_minute = 60;
 constexpr std::int64_t default_hot_retries = 21;
@@ -62,12 +62,19 @@ std::int64_t Patience::time_outs(ServerName server, std::int64_t from_ms, std::i
 std::int64_t Patience::hot_retries() const
 {
     const auto setting = plan_.settings.find("HOT_RETRYS");
-    return setting == plan_.settings.end() ? default_hot_retries : setting->second;
+    if (setting == plan_.settings.end())
+        return default_hot_retries;
+    return settings_unread_ ? std::min<std::int64_t>(setting->second, default_hot_retries) : setting->second;
 }
 
 bool Patience::may_leave(unsigned lun, ServerName server, std::int64_t now_ms) const
 {
     return plan_.disks[lun].mirrored && time_outs(server, 0, now_ms) > hot_retries();
+}
+
+bool Patience::may_miss(ServerName server, std::int64_t from_ms, std::int64_t to_ms) const
+{
+    return time_outs(server, from_ms, to_ms) > 0;
 }
 
 bool Patience::limit_reached(unsigned lun, std::int64_t since_ms, std::int64_t now_ms) const
@@ -91,9 +98,9 @@ bool Patience::may_fail(unsigned lun, bool write_waits, std::int64_t since_ms, s
     if (system_disk && plan_.boot_mode == formats::boot_mode_network && !write_waits && !disk.ram_cache())
         return false;
     // An image that was not checked serves what it has, and lacks the rest.
-    if (system_disk && plan_.boots_locally() && !write_waits)
-        return time_outs(ServerName::main, 0, now_ms) >= brief_time_outs &&
-               time_outs(ServerName::main, from_ms, now_ms) > 0;
+    if (system_disk && plan_.boots_locally() && time_outs(ServerName::main, 0, now_ms) >= brief_time_outs &&
+        time_outs(ServerName::main, from_ms, now_ms) > 0)
+        return true;
     if (limit_reached(lun, from_ms, now_ms))
         return true;
     if (disk.retry_mins == 0)

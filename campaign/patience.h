@@ -22,6 +22,8 @@ public:
     void away(ServerName server, std::int64_t begin_ms, std::int64_t end_ms);
     void bad_network(std::int64_t begin_ms, std::int64_t end_ms);
     void retry_limit(std::int64_t at_ms) { limits_ms_.push_back(at_ms); }
+    // A setting may not have been read in this start.
+    void settings_unread() { settings_unread_ = true; }
     // Everything is well from now on.
     void all_well(std::int64_t now_ms);
 
@@ -30,6 +32,8 @@ public:
     bool may_fail(unsigned lun, bool write_waits, std::int64_t since_ms, std::int64_t now_ms) const;
     // Whether a mirrored disk may have left its main server, or given up its slave.
     bool may_leave(unsigned lun, ServerName server, std::int64_t now_ms) const;
+    // Whether a packet to this server may have timed out between the two.
+    bool may_miss(ServerName server, std::int64_t from_ms, std::int64_t to_ms) const;
 
 private:
     struct Interval {
@@ -45,6 +49,7 @@ private:
     const Plan& plan_;
     Intervals away_[2], bad_network_;
     std::vector<std::int64_t> limits_ms_;
+    bool settings_unread_ = false;
 };
 
 }  // namespace campaign
