@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "formats/socket_address.h"
+#include "station/first_sector.h"
 
 namespace station {
 
@@ -26,16 +27,6 @@ constexpr int tries = 4;
 constexpr auto answer_time = 250ms;
 constexpr auto status_time = 200ms;
 
-// A socket that exchanges packets with one peer only; an empty one when there is no way to it.
-UniqueFd connected_socket(const ServerRecord& peer)
-{
-    UniqueFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = socket_address(peer);
-    if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        return UniqueFd();
-    return fd;
-}
-
 // The next packet until the deadline; empty when none came.
 template <std::size_t size>
 std::span<const std::uint8_t> receive_until(int socket, Clock::time_point deadline,
@@ -48,37 +39,6 @@ std::span<const std::uint8_t> receive_until(int socket, Clock::time_point deadli
     // What cannot be delivered is told as an error; the deadline is waited for all the same.
     const ssize_t bytes = recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
     return std::span<const std::uint8_t>(buffer).first(static_cast<std::size_t>(std::max<ssize_t>(bytes, 0)));
-}
-
-WireHeader first_sector_request(const Boot_Param& block)
-{
-    WireHeader request{};
-    std::memcpy(request.Disk_Id, block.Disks[0].Disk_Id, sizeof request.Disk_Id);
-    std::memcpy(request.Disk_Parm, block.Disks[0].Disk_Parm, sizeof request.Disk_Parm);
-    request.Kind = kind_read;
-    request.Tag.set(static_cast<std::uint16_t>((sector_bytes >> 8) ^ block.Tag_Key.get()));
-    request.Byte_Offset.set(sector_bytes);  // engine sector 1
-    request.Length.set(sector_bytes);
-    return request;
-}
-
-std::optional<Sector> sector_of_answer(const WireHeader& request, std::span<const std::uint8_t> packet)
-{
-    WireHeader answer;
-    if (packet.size() < sizeof answer)
-        return {};
-    std::memcpy(&answer, packet.data(), sizeof answer);
-    if (std::memcmp(answer.Disk_Id, request.Disk_Id, sizeof answer.Disk_Id) != 0 ||
-        std::memcmp(&answer.Tag, &request.Tag, match_bytes) != 0 || answer.Kind != kind_read_data ||
-        answer.Sub_Code != sub_request)
-        return {};
-    Sector sector{};
-    if (answer.Frag_Cnt.get() == 0)
-        return sector;
-    if (answer.Frag_Off.get() != 0 || packet.size() != sizeof answer + sector.size())
-        return {};
-    std::copy_n(packet.begin() + sizeof answer, sector.size(), sector.begin());
-    return sector;
 }
 
 std::optional<Sector> ask_server(const ServerRecord& server, const WireHeader& request)
@@ -98,7 +58,7 @@ std::optional<Sector> ask_server(const ServerRecord& server, const WireHeader& r
 
 std::optional<Sector> first_sector_of_server(const Boot_Param& block)
 {
-    const WireHeader request = first_sector_request(block);
+    const WireHeader request = first_sector_request(block, 0);
     constexpr std::uint8_t no_id[4] = {};
     if (std::memcmp(request.Disk_Id, no_id, sizeof no_id) == 0)
         return {};

@@ -47,8 +47,8 @@ is forgotten at the next start. "qrn-image disk" makes one. The driver begins to
 writes 64 KB at once; for that the station writes back the last 64 KB of LUN 0 when it starts. When no
 server answers, it starts with what the local disk has.
 
-Once the disks are there, the station prints "ready" and the URI of each export. In the table of
---status, and in that printed at the end, requests are those of clients, time-outs those of packets.
+Once the disks are there, the station prints "ready" and the URI of each export, and then which servers
+have answered: a disk is there before its server is. In the table of --status, and in that printed at the end, requests are those of clients, time-outs those of packets.
 
 SIGINT and SIGTERM end it: clients are finished with, the disks get the shutdown requests of an
 operating system, the statistics are printed, and the exit status is 0. A second signal ends

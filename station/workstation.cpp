@@ -26,6 +26,7 @@ constexpr std::uint64_t megabyte = 1 << 20;
 constexpr auto statistics_interval = 1000ms;
 constexpr unsigned progress_steps = 5;  // in which the file shows a local image that is being filled
 constexpr auto client_patience = 3000ms;
+constexpr auto first_answer_time = 500ms;
 
 machine::MachineConfig machine_config(const Options& options)
 {
@@ -98,6 +99,13 @@ std::string text_of(const std::array<std::uint8_t, 36>& inquiry, std::size_t fir
 void complain(const std::string& message)
 {
     std::fprintf(stderr, "qrn-station: %s\n", message.c_str());
+}
+
+void print_lines(const std::vector<std::string>& lines)
+{
+    for (const std::string& line : lines)
+        std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
 }
 
 }  // namespace
@@ -341,8 +349,23 @@ void Workstation::announce()
     std::string line = "ready";
     for (const Export& each : exports_.list())
         line += " " + server_.address().uri(each.name);
-    std::printf("%s\n", line.c_str());
-    std::fflush(stdout);
+    print_lines({line});
+
+    servers_.emplace(block_);
+    {
+        std::lock_guard guard(found_lock_);
+        for (const machine::LunInfo& each : found_)
+            servers_->add_disk(each.lun);
+    }
+    print_lines(servers_->ask(first_answer_time));
+    print_lines(servers_->silent());
+}
+
+// Those that were silent at the start, as they answer. The table shows silence by itself.
+void Workstation::tell_of_servers()
+{
+    if (!options_.status)
+        print_lines(servers_->ask(0ms));
 }
 
 void Workstation::watch()
@@ -353,6 +376,8 @@ void Workstation::watch()
             write_statistics();
         if (interval_over && options_.status)
             view_.show(status());
+        if (interval_over)
+            tell_of_servers();
     }
 }
 

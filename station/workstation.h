@@ -21,6 +21,7 @@
 #include "station/message_log.h"
 #include "station/nbd_server.h"
 #include "station/options.h"
+#include "station/server_roll.h"
 #include "station/status_output.h"
 #include "station/stop_signal.h"
 
@@ -51,6 +52,7 @@ private:
     bool in_ram_cache(unsigned lun) const;
     void begin_synchronisation();
     void announce();
+    void tell_of_servers();
     void watch();
     void shut_down();
 
@@ -74,6 +76,7 @@ private:
     Exports exports_;
     NbdServer server_;
     StatusView view_;
+    std::optional<ServerRoll> servers_;
     bool shutting_down_ = false;
     bool statistics_failed_ = false;
     bool capture_failed_ = false;

@@ -26,6 +26,8 @@ class ServerLoss(Case):
         self.addCleanup(reader.stdout.close)
         self.addCleanup(reader.kill)
         copy = reader.stdout.read(BEGIN_BYTES)
+        answered = f"lun0: server 127.0.0.1:{server.port} has answered\n"
+        self.wait_until(lambda: answered in station.output(), "the station tells that its server has answered")
         server.kill()
         rest = []
         collector = threading.Thread(target=lambda: rest.append(reader.stdout.read()))

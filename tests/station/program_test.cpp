@@ -71,7 +71,9 @@ TEST_F(Program, Station_of_a_silent_server_starts_and_a_signal_shuts_the_disks_d
         EXPECT_EQ(stop(signal), 0) << content_of("err");
         EXPECT_EQ(access(socket.c_str(), F_OK), -1) << "the socket is gone";
         EXPECT_NE(content_of("log").find(" QRN SCSI: SRB_FUNCTION_SHUTDOWN:0\n"), std::string::npos);
-        EXPECT_NE(content_of("out").find("lun0"), std::string::npos);
+        EXPECT_NE(content_of("out").find("\nlun0: server 127.0.0.1:9 has not answered yet\n"),
+                  std::string::npos)
+            << content_of("out");
         const auto statistics = nlohmann::json::parse(content_of("stats"));
         EXPECT_EQ(statistics["luns"][0]["sectors"], disk_sectors);
         std::filesystem::remove(folder / "log");
