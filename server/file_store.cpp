@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <system_error>
 
@@ -19,6 +20,14 @@
 namespace server {
 
 namespace {
+
+constexpr std::uint64_t block_bytes_of_stat = 512;
+constexpr std::size_t hole_bytes_min = 4096;  // file systems keep no smaller ones
+
+bool all_zeros(std::span<const std::uint8_t> data)
+{
+    return data[0] == 0 && std::memcmp(data.data(), data.data() + 1, data.size() - 1) == 0;
+}
 
 // Repeats `transfer` (pread or pwrite) until everything is done. False: an error, or the end of file.
 template <typename Transfer, typename Byte>
@@ -48,6 +57,7 @@ public:
         try {
             size_bytes_ = measure(path);
             lock(path, readonly);
+            keeps_holes_ = keeps_holes_ && !readonly;
         } catch (...) {
             close(file_);
             throw;
@@ -64,7 +74,7 @@ public:
     }
     bool write(std::uint64_t offset, std::span<const std::uint8_t> data) override
     {
-        return transfer_all(pwrite, file_, offset, data);
+        return (keeps_holes_ && make_hole(offset, data)) || transfer_all(pwrite, file_, offset, data);
     }
     bool flush() override { return fdatasync(file_) == 0; }
     bool hole(std::uint64_t offset, std::uint64_t bytes) override;
@@ -72,10 +82,12 @@ public:
 private:
     std::uint64_t measure(const std::string& path);
     void lock(const std::string& path, bool readonly);
+    bool make_hole(std::uint64_t offset, std::span<const std::uint8_t> data);
 
     int file_;
     std::uint64_t size_bytes_ = 0;
     bool may_have_holes_ = false;
+    bool keeps_holes_ = false;  // zeros that are written take no room
     // A stretch known to hold data, so that most reads of data need not ask. Holes are always asked
     // for: someone may fill them.
     std::uint64_t data_begin_ = 0;
@@ -94,6 +106,7 @@ std::uint64_t FileStore::measure(const std::string& path)
     } else if (S_ISREG(status.st_mode)) {
         size = static_cast<std::uint64_t>(status.st_size);
         may_have_holes_ = true;
+        keeps_holes_ = static_cast<std::uint64_t>(status.st_blocks) * block_bytes_of_stat < size;
     } else {
         throw std::runtime_error(path + ": neither a file nor a block device");
     }
@@ -113,6 +126,26 @@ void FileStore::lock(const std::string& path, bool readonly)
     if (errno == EWOULDBLOCK)
         throw std::runtime_error(path + ": is in use by another server");
     throw std::system_error(errno, std::generic_category(), path);
+}
+
+// False: to be written like anything else. A file that came without holes was given its room on purpose, and
+// keeps it.
+bool FileStore::make_hole(std::uint64_t offset, std::span<const std::uint8_t> data)
+{
+    struct stat status;
+    if (data.size() < hole_bytes_min || !all_zeros(data) || fstat(file_, &status) != 0 ||
+        static_cast<std::uint64_t>(status.st_size) < offset + data.size())  // it has become shorter
+        return false;
+    if (hole(offset, data.size()))
+        return true;
+    if (fallocate(file_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
+                  static_cast<off_t>(data.size())) != 0) {
+        keeps_holes_ = errno != EOPNOTSUPP && errno != ENOSYS;
+        return false;
+    }
+    if (offset < data_end_ && offset + data.size() > data_begin_)
+        data_begin_ = data_end_ = 0;
+    return true;
 }
 
 bool FileStore::hole(std::uint64_t offset, std::uint64_t bytes)
