@@ -10,6 +10,8 @@ build_packages=(g++ g++-multilib cmake ninja-build mingw-w64-common g++-mingw-w6
 client_packages=(libnbd-bin qemu-utils fio e2fsprogs)
 # For the manuals and the Windows media of the packages, and the tests of those.
 package_packages=(scdoc mtools xorriso dpkg-dev file)
+# The clients, and a linker that is three times as fast: some seventy test programs, twice.
+test_packages=("${client_packages[@]}" lld)
 long_packages=(tshark debootstrap "${package_packages[@]}")
 fuzz_packages=(clang libclang-rt-dev)
 
