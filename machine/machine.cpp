@@ -26,9 +26,10 @@ void check_stacks(Scheduler& scheduler, const MachineConfig& config)
 }  // namespace
 
 struct Machine::Parts {
-    explicit Parts(const MachineConfig& config) : executive(config) {}
+    explicit Parts(const MachineConfig& machine_config) : config(machine_config), executive(config) {}
     ~Parts() { executive.scheduler->switch_off(); }
 
+    const MachineConfig config;
     ExecutiveState executive;
     std::unique_ptr<DriverObject> driver;
     std::unique_ptr<ScsiPort> scsi;
@@ -39,7 +40,7 @@ struct Machine::Parts {
 Machine::Machine(MachineConfig config) : parts_(std::make_unique<Parts>(config))
 {
     the_machine = this;
-    parts_->scsi = std::make_unique<ScsiPort>();
+    parts_->scsi = std::make_unique<ScsiPort>(parts_->config);
 }
 
 Machine::~Machine()
@@ -57,7 +58,7 @@ Machine& Machine::current()
 
 const MachineConfig& Machine::config() const
 {
-    return parts_->executive.config;
+    return parts_->config;
 }
 Scheduler& Machine::scheduler()
 {
@@ -118,10 +119,10 @@ Outcome Machine::run(std::function<void()> body)
 {
     ExecutiveState& executive = parts_->executive;
     const bool ended = executive.scheduler->run(std::move(body));
-    if (executive.config.strict) {
+    if (parts_->config.strict) {
         executive.pool.check();
         executive.system.check();
-        check_stacks(*executive.scheduler, executive.config);
+        check_stacks(*executive.scheduler, parts_->config);
     }
     if (executive.stopped)
         return executive.outcome;

@@ -11,8 +11,6 @@
 #include <cerrno>
 #include <system_error>
 
-#include "machine/machine.h"
-
 namespace machine {
 namespace {
 

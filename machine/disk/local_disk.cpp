@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "machine/disk/disk_state.h"
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {

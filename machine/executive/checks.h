@@ -3,6 +3,7 @@
 #pragma once
 
 #include "machine/scheduler/kernel_scheduler.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 

@@ -8,7 +8,6 @@
 
 #include "machine/executive/checks.h"
 #include "machine/executive/clock.h"
-#include "machine/machine.h"
 
 using namespace machine;
 

@@ -4,7 +4,6 @@
 #include <algorithm>
 
 #include "machine/executive/checks.h"
-#include "machine/machine.h"
 
 namespace machine {
 namespace {

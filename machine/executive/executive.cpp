@@ -6,6 +6,7 @@
 #include "machine/executive/checks.h"
 #include "machine/executive/lock_order.h"
 #include "machine/executive/paged_pool.h"
+#include "machine/scheduler/random.h"
 
 namespace machine {
 namespace {
@@ -19,7 +20,7 @@ constexpr std::uint64_t base_memory_word = 0x413;  // in the BIOS data area
 std::atomic<ExecutiveState*> the_executive = nullptr;
 
 // Between an eighth of the entries and all of them.
-std::uint32_t draw_largest_run(const MachineConfig& config)
+std::uint32_t draw_largest_run(const ExecutiveConfig& config)
 {
     const std::uint32_t least = config.system_ptes / 8;
     return least + Random(config.seed ^ 0x4C41524745535400u).below(config.system_ptes - least + 1);
@@ -27,7 +28,7 @@ std::uint32_t draw_largest_run(const MachineConfig& config)
 
 // In simulated time the pages of a list lie about in pieces, so that only a mapping that follows the
 // list is right; on the wall clock a mapping is as cheap as it can be.
-PhysicalMemoryLayout memory_layout(const MachineConfig& config)
+PhysicalMemoryLayout memory_layout(const ExecutiveConfig& config)
 {
     PhysicalMemoryLayout layout;
     layout.managed = config.memory_ranges;
@@ -45,7 +46,7 @@ PhysicalMemoryLayout memory_layout(const MachineConfig& config)
     return layout;
 }
 
-std::int64_t boot_time_of(const MachineConfig& config)
+std::int64_t boot_time_of(const ExecutiveConfig& config)
 {
     if (config.scheduler == SchedulerKind::simulated)
         return simulated_boot_time;
@@ -56,10 +57,10 @@ std::int64_t boot_time_of(const MachineConfig& config)
 
 }  // namespace
 
-ExecutiveState::ExecutiveState(const MachineConfig& machine_config)
-    : config(machine_config), scheduler(config.scheduler == SchedulerKind::real
-                                            ? make_real_scheduler()
-                                            : make_simulated_scheduler(config.seed, config.processors)),
+ExecutiveState::ExecutiveState(const ExecutiveConfig& executive_config)
+    : config(executive_config), scheduler(config.scheduler == SchedulerKind::real
+                                              ? make_real_scheduler()
+                                              : make_simulated_scheduler(config.seed, config.processors)),
       boot_time(boot_time_of(config)), memory(memory_layout(config)), page_lists(memory, config.strict),
       faults(config.seed), ports(config.reset_ports_work),
       pool(config.strict, config.nonpaged_pool_bytes_max), system(config.strict, UINT64_MAX)

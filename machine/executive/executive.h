@@ -10,12 +10,19 @@
 
 #include <nt.h>
 
+#include "machine/executive/debug_log.h"
 #include "machine/executive/device_names.h"
+#include "machine/executive/executive_config.h"
+#include "machine/executive/faults.h"
 #include "machine/executive/irp_calls.h"
 #include "machine/executive/objects.h"
+#include "machine/executive/outcome.h"
 #include "machine/executive/page_lists.h"
+#include "machine/executive/physical_memory.h"
 #include "machine/executive/pool.h"
-#include "machine/machine.h"
+#include "machine/executive/ports.h"
+#include "machine/executive/registry.h"
+#include "machine/scheduler/scheduler.h"
 
 namespace machine {
 
@@ -26,12 +33,12 @@ struct Reinitialization {
 };
 
 struct ExecutiveState {
-    explicit ExecutiveState(const MachineConfig& machine_config);
+    explicit ExecutiveState(const ExecutiveConfig& executive_config);
     ~ExecutiveState();
     ExecutiveState(const ExecutiveState&) = delete;
     ExecutiveState& operator=(const ExecutiveState&) = delete;
 
-    const MachineConfig config;
+    const ExecutiveConfig config;
     const std::unique_ptr<Scheduler> scheduler;
     const std::int64_t
         boot_time;  // system time (100 ns units since 1601) at which the machine was switched on

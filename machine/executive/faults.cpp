@@ -4,8 +4,8 @@
 #include <charconv>
 #include <cstdio>
 
-#include "machine/machine.h"
 #include "machine/scheduler/random.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {

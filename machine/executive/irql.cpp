@@ -6,7 +6,6 @@
 
 #include "machine/executive/checks.h"
 #include "machine/executive/paged_pool.h"
-#include "machine/machine.h"
 
 using namespace machine;
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {

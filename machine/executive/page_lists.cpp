@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {

@@ -11,7 +11,7 @@
 #include <system_error>
 
 #include "machine/executive/unanswered_memory.h"
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {

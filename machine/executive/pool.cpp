@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "machine/executive/lock_order.h"
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {

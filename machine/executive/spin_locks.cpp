@@ -6,7 +6,6 @@
 #include "machine/executive/checks.h"
 #include "machine/executive/lock_order.h"
 #include "machine/executive/paged_pool.h"
-#include "machine/machine.h"
 
 namespace machine {
 namespace {

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <system_error>
 
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {

@@ -5,7 +5,7 @@
 #include <array>
 #include <utility>
 
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {

@@ -3,8 +3,8 @@
 
 #include <unistd.h>
 
-#include "machine/machine.h"
 #include "machine/scheduler/kernel_scheduler.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "machine/scsiport/adapter.h"
 
-#include "machine/machine.h"
+#include "machine/executive/checks.h"
 #include "machine/scsiport/in_miniport.h"
 #include "machine/scsiport/lock_guards.h"
 
@@ -57,8 +57,8 @@ void Adapter::configure_queues()
 {
     const unsigned luns = configuration_.MaximumNumberOfLogicalUnits;
     const unsigned depth = configuration_.MultipleRequestPerLu ? unit_depth : 1;
-    queues_.configure(luns, depth, Machine::current().config().feeding == Feeding::held_back);
-    slots_.configure((luns + 1) * depth + bypass_slots, configuration_.SrbExtensionSize, strict_);
+    queues_.configure(luns, depth, config_.feeding == Feeding::held_back);
+    slots_.configure((luns + 1) * depth + bypass_slots, configuration_.SrbExtensionSize, strict_checks);
 }
 
 // The status that a request gets without going to the miniport; SRB_STATUS_PENDING when it may go.
@@ -70,8 +70,7 @@ UCHAR Adapter::refusal(const SCSI_REQUEST_BLOCK& srb) const
         return SRB_STATUS_NO_HBA;
     const bool no_data = srb.DataBuffer == nullptr && srb.DataTransferLength != 0;
     const bool too_long = srb.DataTransferLength > configuration_.MaximumTransferLength;
-    if ((Machine::current().config().checks_transfers && (no_data || too_long)) ||
-        srb.CdbLength > sizeof(srb.Cdb))
+    if ((config_.checks_transfers && (no_data || too_long)) || srb.CdbLength > sizeof(srb.Cdb))
         return SRB_STATUS_INVALID_REQUEST;
     return SRB_STATUS_PENDING;
 }
@@ -188,7 +187,7 @@ void Adapter::lend_buffer(SrbSlot& slot)
     Access access = direction == SRB_FLAGS_DATA_OUT ? Access::read : Access::read_write;
     if (!configuration_.MapBuffers)
         access = Access::none;
-    else if (!Machine::current().config().takes_buffers_away)
+    else if (!config_.takes_buffers_away)
         return;
     slot.loan = buffers_.lend(*srb, access);
     srb->DataBuffer = slot.loan.data;
@@ -205,7 +204,7 @@ void Adapter::take_buffer_back(SrbSlot& slot)
 // As a real bus needs some time after a reset.
 void Adapter::hold_back_after_reset()
 {
-    const Ticks hold = Machine::current().config().reset_hold_100ns;
+    const Ticks hold = config_.reset_hold_100ns;
     if (hold == 0)
         return;
     hold_ends_ = scheduler_->now() + hold;
@@ -332,7 +331,7 @@ void Adapter::second_passed()
         if (slot.deadline > now)
             continue;
         ++timeouts_;
-        if (!Machine::current().config().srbs_may_time_out)
+        if (!config_.srbs_may_time_out)
             violation("an SRB of LUN " + std::to_string(slot.srb->Lun) + " ran out of its " +
                       std::to_string(slot.srb->TimeOutValue) + " s");
         timeout_reset_ = true;

@@ -21,6 +21,7 @@
 #include <nt.h>
 
 #include "machine/scheduler/scheduler.h"
+#include "machine/scsiport/port_config.h"
 #include "machine/scsiport/srb_slots.h"
 #include "machine/scsiport/transfer_buffers.h"
 #include "machine/scsiport/unit_queues.h"
@@ -29,6 +30,8 @@ namespace machine {
 
 class Adapter {
 public:
+    explicit Adapter(const PortConfig& config) : config_(config) {}
+
     // ScsiPortInitialize: finds and starts the adapter. PASSIVE_LEVEL.
     NTSTATUS initialize(PDRIVER_OBJECT driver, const HW_INITIALIZATION_DATA& registration, PVOID context);
     // One more search, as for a further bus. Returns SP_RETURN_...
@@ -96,6 +99,8 @@ private:
     void timer_expired(std::uint32_t generation);
     void second_passed();
 
+    const PortConfig config_;
+
     // Set by the start and unchanged from then on.
     Scheduler* scheduler_ = nullptr;
     PDRIVER_OBJECT driver_ = nullptr;
@@ -104,7 +109,6 @@ private:
     PVOID hw_context_ = nullptr;
     std::unique_ptr<std::byte[]> device_extension_;
     PORT_CONFIGURATION_INFORMATION configuration_{};
-    bool strict_ = true;
     std::atomic<bool> started_ = false;
 
     mutable KSPIN_LOCK adapter_lock_{};

@@ -2,7 +2,7 @@
 #include "machine/scsiport/bus_scan.h"
 
 #include "formats/endian.h"
-#include "machine/machine.h"
+#include "machine/scheduler/kernel_scheduler.h"
 #include "machine/scsiport/internals.h"
 
 namespace machine {
@@ -16,7 +16,7 @@ constexpr std::uint8_t no_unit = 3;  // peripheral qualifier
 
 }  // namespace
 
-BusScan::BusScan(ScsiPort& port) : port_(port)
+BusScan::BusScan(ScsiPort& port, const PortConfig& config) : port_(port), config_(config)
 {
     KeInitializeEvent(&turn_, SynchronizationEvent, TRUE);
 }
@@ -46,7 +46,7 @@ void BusScan::request()
             return;
         thread_runs_ = true;
     }
-    Machine::current().scheduler().spawn("bus scan", [this] { serve_requests(); });
+    scheduler().spawn("bus scan", [this] { serve_requests(); });
 }
 
 void BusScan::serve_requests()
@@ -73,12 +73,12 @@ std::vector<LunInfo> BusScan::look()
         const auto lun = static_cast<std::uint8_t>(index);
         LunInfo info{};
         if (!inquire(lun, info)) {
-            if (Machine::current().config().scan_stops_at_gap)
+            if (config_.scan_stops_at_gap)
                 break;
             continue;
         }
         info.sectors = read_capacity(lun);
-        if (Machine::current().config().curious_class_driver)
+        if (config_.curious_class_driver)
             look_closely(lun);
         if (devices_[lun] == nullptr)
             devices_[lun] = adapter.create_device(FILE_DEVICE_DISK);

@@ -17,7 +17,7 @@ namespace machine {
 
 class BusScan {
 public:
-    explicit BusScan(ScsiPort& port);
+    BusScan(ScsiPort& port, const PortConfig& config);
 
     // Scans now; scans of several threads follow each other. PASSIVE_LEVEL.
     void scan();
@@ -40,6 +40,7 @@ private:
              std::uint32_t answer_bytes);
 
     ScsiPort& port_;
+    const PortConfig config_;
     KEVENT turn_;  // signalled while nobody scans
     std::array<std::atomic<PDEVICE_OBJECT>, 256> devices_{};
     std::atomic<unsigned> scans_ = 0;

@@ -2,7 +2,7 @@
 // A call into the miniport: from here to the end of the scope its notifications are in order.
 #pragma once
 
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 #include "machine/scsiport/adapter.h"
 
 namespace machine {

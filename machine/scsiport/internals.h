@@ -11,10 +11,13 @@
 namespace machine {
 
 struct ScsiPort::Internals {
-    explicit Internals(ScsiPort& port) : scan(port)
+    Internals(ScsiPort& port, const PortConfig& config) : adapter(config), scan(port, config)
     {
         adapter.on_bus_change = [this] { scan.request(); };
     }
+
+    // Of the machine that is on: the miniport's calls name no port driver.
+    static Internals& current();
 
     Adapter adapter;
     BusScan scan;

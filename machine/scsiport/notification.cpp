@@ -2,7 +2,7 @@
 // What the miniport tells the port driver.
 #include <cstdarg>
 
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 #include "machine/scsiport/adapter.h"
 #include "machine/scsiport/internals.h"
 #include "machine/scsiport/lock_guards.h"
@@ -97,6 +97,6 @@ extern "C" VOID __cdecl ScsiPortNotification(SCSI_NOTIFICATION_TYPE type, PVOID 
 {
     va_list arguments;
     va_start(arguments, device_extension);
-    machine::Machine::current().scsi().internals().adapter.notify(type, device_extension, arguments);
+    machine::ScsiPort::Internals::current().adapter.notify(type, device_extension, arguments);
     va_end(arguments);
 }

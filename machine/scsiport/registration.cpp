@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // From ScsiPortInitialize to a started adapter.
-#include "machine/machine.h"
+#include "machine/scheduler/kernel_scheduler.h"
+#include "machine/scheduler/violation.h"
 #include "machine/scsiport/adapter.h"
 #include "machine/scsiport/in_miniport.h"
 #include "machine/scsiport/internals.h"
@@ -68,8 +69,7 @@ NTSTATUS Adapter::initialize(PDRIVER_OBJECT driver, const HW_INITIALIZATION_DATA
         return STATUS_INVALID_PARAMETER;
     if (driver_ != nullptr)
         violation("ScsiPortInitialize twice: this machine carries one adapter");
-    scheduler_ = &Machine::current().scheduler();
-    strict_ = Machine::current().config().strict;
+    scheduler_ = &scheduler();
     driver_ = driver;
     registration_ = registration;
     hw_context_ = context;
@@ -215,6 +215,6 @@ extern "C" ULONG NTAPI ScsiPortInitialize(PVOID driver, PVOID, PHW_INITIALIZATIO
                                           PVOID context)
 {
     using namespace machine;
-    return static_cast<ULONG>(Machine::current().scsi().internals().adapter.initialize(
+    return static_cast<ULONG>(ScsiPort::Internals::current().adapter.initialize(
         static_cast<PDRIVER_OBJECT>(driver), *registration, context));
 }

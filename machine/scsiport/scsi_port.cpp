@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "machine/scheduler/violation.h"
 #include "machine/scsiport/internals.h"
 
 namespace machine {
@@ -13,10 +14,26 @@ constexpr std::uint32_t sector_bytes = 512;
 constexpr std::uint32_t largest_cdb_transfer_bytes = 0xFFFF * sector_bytes;
 constexpr std::uint32_t shutdown_timeout_seconds = 60;
 
+ScsiPort::Internals* the_port = nullptr;
+
 }  // namespace
 
-ScsiPort::ScsiPort() : internals_(std::make_unique<Internals>(*this)) {}
-ScsiPort::~ScsiPort() = default;
+ScsiPort::ScsiPort(const PortConfig& config) : internals_(std::make_unique<Internals>(*this, config))
+{
+    the_port = internals_.get();
+}
+
+ScsiPort::~ScsiPort()
+{
+    the_port = nullptr;
+}
+
+ScsiPort::Internals& ScsiPort::Internals::current()
+{
+    if (!the_port)
+        violation("the port driver was called while no machine exists");
+    return *the_port;
+}
 
 bool ScsiPort::adapter_started() const
 {

@@ -18,6 +18,8 @@
 
 #include <nt.h>
 
+#include "machine/scsiport/port_config.h"
+
 namespace machine {
 
 struct Sense {
@@ -78,8 +80,10 @@ struct LunInfo {
 
 class ScsiPort {
 public:
-    ScsiPort();
+    explicit ScsiPort(const PortConfig& config = {});
     ~ScsiPort();
+    ScsiPort(const ScsiPort&) = delete;
+    ScsiPort& operator=(const ScsiPort&) = delete;
 
     // HwFindAdapter found the adapter and HwInitialize returned TRUE.
     bool adapter_started() const;
@@ -90,8 +94,8 @@ public:
     // BusChangeDetected.
     std::vector<LunInfo> luns() const;
     unsigned scans() const;
-    // Scans the bus now (PASSIVE_LEVEL); without a started adapter it finds nothing. Machine::boot
-    // calls it once.
+    // Scans the bus now (PASSIVE_LEVEL); without a started adapter it finds nothing. Called
+    // once at boot.
     void scan();
     unsigned bus_changes() const;
     // Has a system thread scan the bus, as after BusChangeDetected; any IRQL.

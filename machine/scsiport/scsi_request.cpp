@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "formats/endian.h"
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 #include "machine/scsiport/internals.h"
 
 namespace machine {

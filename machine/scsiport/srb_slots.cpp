@@ -6,7 +6,7 @@
 #include <iterator>
 #include <string>
 
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {

@@ -11,7 +11,7 @@
 #include <mutex>
 
 #include "machine/executive/page_allocator.h"
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 

@@ -19,7 +19,7 @@
 #include <nt.h>
 
 #include "formats/wire.h"
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {

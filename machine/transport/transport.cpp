@@ -6,8 +6,8 @@
 
 #include <nt.h>
 
-#include "machine/machine.h"
 #include "machine/scheduler/kernel_scheduler.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 namespace {
@@ -157,9 +157,8 @@ NTSTATUS NTAPI dispatch_control(PDEVICE_OBJECT device, PIRP irp)
         return complete(irp, status, information);
 
     IoMarkIrpPending(irp);
-    Scheduler& scheduler = Machine::current().scheduler();
-    scheduler.call_at(scheduler.now() + state.pending,
-                      [irp, status, information] { complete(irp, status, information); });
+    scheduler().call_at(scheduler().now() + state.pending,
+                        [irp, status, information] { complete(irp, status, information); });
     return STATUS_PENDING;
 }
 

@@ -13,7 +13,7 @@
 #include <system_error>
 #include <utility>
 
-#include "machine/machine.h"
+#include "machine/scheduler/violation.h"
 
 namespace machine {
 

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
 """Every #include looks down: floors.txt names the folders from the top to the bottom, a building each block of lines.
-A file includes what is on its own folder's side or below it in the building, and nothing beside it or above."""
+A file includes what is on its own folder's side or below it in the building, and nothing beside it or above. Where a
+folder's own folders have a building of theirs, what is below it is below them, and who stands above it is above them."""
 import os
 import re
 import sys
@@ -15,14 +16,20 @@ INCLUDE = re.compile(r'\s*#\s*include\s+"([^"]+)"')
 
 def read_floors(text):
     """Of each folder: the folders that it may include, its own among them."""
-    allowed = {}
+    allowed, named = {}, set(text.split())
     for building in text.strip().split("\n\n"):
         floors = [line.split() for line in building.splitlines()]
         for number, folders in enumerate(floors):
-            below = {folder for floor in floors[number + 1:] for folder in floor}
+            below = inside({folder for floor in floors[number + 1:] for folder in floor}, named)
             for folder in folders:
-                allowed.setdefault(folder, set()).update(below | {folder})
+                for holder in inside({folder}, named) - set(building.split()) | {folder}:
+                    allowed.setdefault(holder, {holder}).update(below)
     return allowed
+
+
+def inside(folders, named):
+    """The folders and all that are named inside them."""
+    return {name for name in named for folder in folders if name == folder or name.startswith(folder + "/")}
 
 
 def folder_of(path, folders):
@@ -77,6 +84,13 @@ class Layers(unittest.TestCase):
             self.assertEqual(climbs(root, allowed),
                              ['bottom/d.h:1: #include "top/a.h"', 'bottom/d.h:2: #include "elsewhere.h"',
                               'left/b.h:3: #include "right/c.h"'])
+
+    def test_a_house_of_several_rooms_has_floors_of_its_own(self):
+        allowed = read_floors("top\nhouse  beside\nbottom\n\nhouse\nhouse/left  house/right\nhouse/cellar\n")
+        self.assertEqual(allowed["top"], {"top", "house", "house/left", "house/right", "house/cellar", "beside", "bottom"})
+        self.assertEqual(allowed["house"], {"house", "house/left", "house/right", "house/cellar", "bottom"})
+        self.assertEqual(allowed["house/left"], {"house/left", "house/cellar", "bottom"})
+        self.assertEqual(allowed["house/cellar"], {"house/cellar", "bottom"})
 
 
 if __name__ == "__main__":

@@ -236,7 +236,7 @@ std::set<std::vector<int>> outcomes_of_cuts(const LocalDiskOptions& options,
         LocalDiskOptions seeded = options;
         seeded.seed = seed;
         LocalDisk disk(16, seeded);
-        with_disk(disk, body, {.seed = seed});
+        with_disk(disk, body, {{.seed = seed}});
         Random random(seed);
         disk.power_cut(random);
         std::vector<int> values;
@@ -321,7 +321,7 @@ TEST(LocalDisk, Lies_on_an_image_file_and_serves_many_threads_on_the_real_schedu
                     fill(device, static_cast<unsigned>(thread * sectors_each + index));
             });
         };
-        with_disk(disk, body, {.scheduler = SchedulerKind::real});
+        with_disk(disk, body, {{.scheduler = SchedulerKind::real}});
         for (unsigned sector = 0; sector < disk.sectors(); ++sector)
             ASSERT_EQ(value_of(LocalDisk(path), sector), sector & 0xFF);
     }
@@ -382,7 +382,7 @@ TEST(LocalDisk, Misuse_is_reported)
                    {"longer than its buffer", read(lengthen), "without a buffer of its length"},
                    {"unmade event", read(send, 77), "never initialised"}});
     const auto add_volatile = [&](Machine& machine) { machine.add_local_disk(volatile_one, 0); };
-    EXPECT_NE(broken_rule(add_volatile, {.scheduler = SchedulerKind::real}).find("simulated scheduler"),
+    EXPECT_NE(broken_rule(add_volatile, {{.scheduler = SchedulerKind::real}}).find("simulated scheduler"),
               std::string::npos);
 }
 
@@ -408,7 +408,7 @@ TEST(LocalDisk, Names_and_times_are_converted_for_its_users)
         ExSystemTimeToLocalTime(&system_time, &local_time);
         EXPECT_EQ(local_time.QuadPart - system_time.QuadPart, 120 * 60 * ticks_per_second);
     };
-    in_machine(body, {.time_zone_bias_minutes = -120});
+    in_machine(body, {{.time_zone_bias_minutes = -120}});
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ class MachineStop : public testing::TestWithParam<SchedulerKind> {};
 
 TEST_P(MachineStop, Comes_with_the_code_of_a_bug_check_and_nothing_runs_any_more)
 {
-    Machine machine({.scheduler = GetParam()});
+    Machine machine({{.scheduler = GetParam()}});
     std::atomic<bool> behind = false;
     const auto body = [&] {
         start_thread([&] {
@@ -40,7 +40,7 @@ INSTANTIATE_TEST_SUITE_P(Schedulers, MachineStop,
 TEST(Machine_stop, The_reset_port_ends_the_run_where_it_works)
 {
     for (const bool works : {true, false}) {
-        Machine machine({.reset_ports_work = works});
+        Machine machine({{.reset_ports_work = works}});
         bool behind = false;
         const Outcome outcome = machine.run([&] {
             WRITE_PORT_UCHAR(port(0x92), 1);
@@ -77,7 +77,8 @@ TEST(Machine_stack, What_a_thread_uses_of_its_stack_is_measured_and_has_an_end)
 {
     if (!stacks_are_measured())
         GTEST_SKIP() << "frames are larger in this build";
-    const MachineConfig config{.stack_bytes_max = 6000};
+    MachineConfig config;
+    config.stack_bytes_max = 6000;
     EXPECT_EQ(broken_rule(use_stack<3000>, config), "");
     const std::string broken = broken_rule(use_stack<6000>, config);
     EXPECT_NE(broken.find("bytes of its stack, allowed are 6000"), std::string::npos) << broken;

@@ -38,7 +38,7 @@ void free_pages_and_list(PMDL list)
 
 TEST(Page_list, A_window_shows_the_listed_pages_in_their_order)
 {
-    Machine machine({.memory_ranges = {{0, 64 * mb}, {4 * gb, 2 * gb}}});
+    Machine machine({{.memory_ranges = {{0, 64 * mb}, {4 * gb, 2 * gb}}}});
     run_to_end(machine, [&] {
         constexpr std::uint64_t bytes = 64 * mb;
         const PMDL lists[] = {allocate(bytes, 4 * gb), allocate(bytes, 4 * gb), allocate(4 * mb)};
@@ -78,7 +78,7 @@ TEST(Page_list, A_window_shows_the_listed_pages_in_their_order)
 
 TEST(Page_list, Pages_come_zeroed_from_where_they_are_asked_for_and_fewer_when_there_are_no_more)
 {
-    Machine machine({.memory_ranges = {{0, 4 * mb}, {8 * mb, 8 * mb}, {5 * gb, 8 * mb}}});
+    Machine machine({{.memory_ranges = {{0, 4 * mb}, {8 * mb, 8 * mb}, {5 * gb, 8 * mb}}}});
     run_to_end(machine, [&] {
         const struct {
             std::uint64_t bytes, low, high, got;
@@ -185,7 +185,7 @@ TEST(Page_list, Misuse_is_reported)
 
 TEST(Page_list, Failures_leave_nothing_behind)
 {
-    Machine machine({.system_ptes = 2048, .largest_pte_run = 2048});
+    Machine machine({{.system_ptes = 2048, .largest_pte_run = 2048}});
     run_to_end(machine, [&] {
         const PMDL lists[] = {allocate(4 * mb), allocate(4 * mb), allocate(4 * mb)};
         ULONG* const windows[] = {map(lists[0]), map(lists[1])};

@@ -26,7 +26,7 @@ void undo(volatile ULONG* mapped, SIZE_T bytes)
 
 TEST(Physical_memory, Windows_beyond_4_GB_show_the_same_memory_wherever_they_are_mapped)
 {
-    Machine machine({.unmanaged_above_4g_bytes = 60 * gb});
+    Machine machine({{.unmanaged_above_4g_bytes = 60 * gb}});
     run_to_end(machine, [&] {
         const std::uint64_t far_address = 4 * gb + 59 * gb;
         volatile ULONG* first = window(far_address, 4 * mb);
@@ -49,7 +49,7 @@ TEST(Physical_memory, Windows_beyond_4_GB_show_the_same_memory_wherever_they_are
 TEST(Physical_memory, Only_memory_that_is_there_can_be_mapped)
 {
     Machine machine(
-        {.memory_ranges = {{mb, 511 * mb}}, .unmanaged_above_4g_bytes = 8 * mb, .system_ptes = 0});
+        {{.memory_ranges = {{mb, 511 * mb}}, .unmanaged_above_4g_bytes = 8 * mb, .system_ptes = 0}});
     run_to_end(machine, [] {
         const struct {
             std::uint64_t address;
@@ -73,7 +73,7 @@ TEST(Physical_memory, Only_memory_that_is_there_can_be_mapped)
 
 TEST(Physical_memory, Where_nothing_answers_writes_are_lost_and_reads_give_ones)
 {
-    Machine machine({.unmanaged_above_4g_bytes = 8 * mb, .unanswered_ranges = {{4 * gb + 4 * mb, gb}}});
+    Machine machine({{.unmanaged_above_4g_bytes = 8 * mb, .unanswered_ranges = {{4 * gb + 4 * mb, gb}}}});
     run_to_end(machine, [&] {
         volatile ULONG* const there = window(4 * gb, 4 * mb);
         volatile ULONG* const empty = window(4 * gb + 4 * mb, 4 * mb);
@@ -101,7 +101,7 @@ TEST(Physical_memory, Where_nothing_answers_writes_are_lost_and_reads_give_ones)
 
 TEST(Physical_memory, Nobody_cleared_what_lies_above_4_GB)
 {
-    Machine machine({.unmanaged_above_4g_bytes = 10 * mb, .garbage_above_4g = true});
+    Machine machine({{.unmanaged_above_4g_bytes = 10 * mb, .garbage_above_4g = true}});
     run_to_end(machine, [&] {
         // A block of 4 MB is looked at, written in the middle, and looked at again with its neighbours.
         volatile ULONG* first = window(4 * gb + 4 * mb, 4 * mb);
@@ -143,7 +143,7 @@ TEST(Physical_memory, Mappings_take_neighbours_among_the_page_table_entries_that
                 undo(second, (largest - 2) * 4096);
                 EXPECT_EQ(memory.largest_pte_run(), largest);
             },
-            {.seed = seed, .memory_ranges = {{mb, 2 * gb}}});
+            {{.seed = seed, .memory_ranges = {{mb, 2 * gb}}}});
     EXPECT_GT(largest_runs.size(), 15u);
 }
 

@@ -44,7 +44,7 @@ TEST(Pool, Non_paged_pool_ends_at_its_limit)
             ExFreePool(first);
             EXPECT_NE(allocate(600'000), nullptr);
         },
-        {.nonpaged_pool_bytes_max = 1'000'000});
+        {{.nonpaged_pool_bytes_max = 1'000'000}});
 }
 
 TEST(Pool, Paged_blocks_leave_memory_at_DISPATCH_LEVEL)

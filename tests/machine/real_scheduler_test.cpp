@@ -12,7 +12,7 @@
 namespace machine::test {
 namespace {
 
-constexpr MachineConfig real{.scheduler = SchedulerKind::real};
+constexpr MachineConfig real{{.scheduler = SchedulerKind::real}};
 
 TEST(Real_scheduler, Eight_threads_pass_items_through_a_queue_and_none_is_lost)
 {
@@ -184,7 +184,7 @@ TEST(Real_schedulerDeathTest, A_broken_rule_stops_the_process_with_its_message)
 // The reader of the messages takes the next one only when the thread has run that was just woken.
 TEST(Real_scheduler, A_thread_that_waits_for_the_host_has_no_wake_up_in_its_hands)
 {
-    Machine machine({.scheduler = SchedulerKind::real});
+    Machine machine({{.scheduler = SchedulerKind::real}});
     std::mutex lock;
     std::condition_variable changed;
     bool worked = false, in_time = false;

@@ -27,7 +27,7 @@ std::string history(std::uint64_t seed)
             });
             log += std::to_string(machine.scheduler().now());
         },
-        {.seed = seed});
+        {{.seed = seed}});
     return log;
 }
 
@@ -59,7 +59,7 @@ TEST(Simulated_scheduler, Threads_run_in_the_middle_of_others_but_never_inside_a
             });
             unguarded = read + 1;
         };
-        in_machine([&](Machine&) { run_threads(3, contend); }, {.seed = seed});
+        in_machine([&](Machine&) { run_threads(3, contend); }, {{.seed = seed}});
         EXPECT_EQ(most_inside, 1) << "seed " << seed;
         (unguarded == 3 ? all_kept : lost_update) = true;
     }
@@ -143,7 +143,7 @@ TEST(Simulated_scheduler, Deadlock_of_spin_locks_is_reported)
     };
     std::string broken;
     for (std::uint64_t seed = 1; seed <= 100 && broken.empty(); ++seed)
-        broken = broken_rule(body, {.seed = seed, .strict = false});
+        broken = broken_rule(body, {{.seed = seed, .strict = false}});
     EXPECT_NE(broken.find("deadlock"), std::string::npos) << broken;
 }
 
@@ -181,7 +181,7 @@ int updates_seen_between(bool switch_at_atomics)
                 });
                 EXPECT_EQ(count, 10);
             },
-            {.seed = seed, .switch_at_atomics = switch_at_atomics});
+            {{.seed = seed, .switch_at_atomics = switch_at_atomics}});
     return seen;
 }
 
@@ -221,7 +221,7 @@ TEST(Simulated_scheduler,
                 });
                 EXPECT_TRUE(log == "dHpL" || log == "LdHp") << log;
             },
-            {.seed = seed, .processors = 1});
+            {{.seed = seed, .processors = 1}});
 }
 
 TEST(Simulated_scheduler, Polling_for_what_cannot_run_is_told)
@@ -234,7 +234,7 @@ TEST(Simulated_scheduler, Polling_for_what_cannot_run_is_told)
                 while (!KeReadStateEvent(&event))
                     KeStallExecutionProcessor(10);
             },
-            {.processors = processors});
+            {{.processors = processors}});
         EXPECT_NE(broken.find("polls without progress"), std::string::npos) << broken;
     }
 }
@@ -262,7 +262,7 @@ TEST(Simulated_scheduler, Waits_end_on_ticks_and_readings_are_those_of_the_last_
             EXPECT_EQ(after.QuadPart - before.QuadPart, tick);
             EXPECT_EQ(scheduler.now(), 4 * tick);
         },
-        {.clock_tick_100ns = tick});
+        {{.clock_tick_100ns = tick}});
 }
 
 }  // namespace

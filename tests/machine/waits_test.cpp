@@ -56,7 +56,7 @@ TEST(Waits, A_synchronization_event_releases_one_waiter_and_a_notification_event
         }
     };
     for (std::uint64_t seed = 1; seed <= 20; ++seed)
-        in_machine(body, {.seed = seed});
+        in_machine(body, {{.seed = seed}});
 }
 
 TEST(Waits, A_semaphore_counts_releases_and_wakes_as_many)
@@ -113,7 +113,7 @@ TEST(Waits, Who_releases_a_semaphore_may_keep_the_wake_up_until_it_waits)
                 for (PKTHREAD thread : threads)
                     wait_ms(thread);
             },
-            {.seed = seed});
+            {{.seed = seed}});
     EXPECT_GT(kept, 8u);
     EXPECT_GT(woken_at_once, 8u);
 }
@@ -152,7 +152,7 @@ TEST(Waits, A_signal_that_races_with_the_timeout_is_never_lost)
         timeouts += timed_out;
     };
     for (std::uint64_t seed = 1; seed <= 100; ++seed)
-        in_machine(race, {.seed = seed});
+        in_machine(race, {{.seed = seed}});
     EXPECT_GT(timeouts, 5);
     EXPECT_LT(timeouts, 95);
 }

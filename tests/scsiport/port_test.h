@@ -16,7 +16,7 @@
 class PortTest : public testing::Test {
 protected:
     // Resets are a way into the miniport for many tests here, and hold nothing back.
-    explicit PortTest(machine::MachineConfig config = {.reset_hold_100ns = 0}) : machine(std::move(config)) {}
+    explicit PortTest(machine::MachineConfig config = {{}, {.reset_hold_100ns = 0}}) : machine(config) {}
 
     // Boots the miniport and runs body as a kernel thread; checks that the port driver kept the rules.
     void run(std::function<void()> body)

@@ -209,7 +209,7 @@ TEST(Time, Of_an_SRB_that_runs_out_is_a_violation_where_the_miniport_keeps_time_
 {
     class Strict : public PortTest {
     public:
-        Strict() : PortTest({.srbs_may_time_out = false}) {}
+        Strict() : PortTest({{}, {.srbs_may_time_out = false}}) {}
         void TestBody() override
         {
             hold_transfers();
@@ -281,7 +281,7 @@ TEST_F(Queue, A_completed_request_may_be_sent_again_from_its_own_completion)
 
 class SeededQueue : public Queue, public testing::WithParamInterface<unsigned> {
 protected:
-    SeededQueue() : Queue(MachineConfig{.seed = GetParam(), .reset_hold_100ns = 0}) {}
+    SeededQueue() : Queue({{.seed = GetParam()}, {.reset_hold_100ns = 0}}) {}
 };
 
 TEST_P(SeededQueue, Calls_of_threads_timers_and_resets_never_meet_in_the_miniport)

@@ -34,7 +34,7 @@ TEST_F(Start, A_scan_lists_the_luns_that_answer_and_gives_each_one_device)
 TEST(Scan, Ends_at_a_gap_where_the_adapter_is_said_to_leave_none)
 {
     for (const bool stops : {false, true}) {
-        Machine machine({.scan_stops_at_gap = stops});
+        Machine machine({{}, {.scan_stops_at_gap = stops}});
         TestMiniport miniport(4);
         miniport.start_io = [&](PSCSI_REQUEST_BLOCK srb) {
             if (srb->Lun == 1)

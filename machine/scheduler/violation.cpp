@@ -1,15 +1,13 @@
 // SPDX-License-Identifier: MIT
+#include "machine/scheduler/violation.h"
+
 #include <cstdio>
 #include <cstdlib>
-#include <string>
+#include <utility>
 
-#include "machine/executive/checks.h"
-#include "machine/machine.h"
+#include "machine/scheduler/kernel_scheduler.h"
 
 namespace machine {
-
-bool strict_checks = true;
-
 namespace {
 
 std::function<void(const std::string&)> handler;
@@ -40,18 +38,6 @@ void violation(const std::string& message)
 void set_violation_handler(std::function<void(const std::string&)> new_handler)
 {
     handler = std::move(new_handler);
-}
-
-void irql_violation(const char* routine, KIRQL allowed)
-{
-    violation(std::string(routine) + " at IRQL " + std::to_string(this_thread ? this_thread->irql : 0) +
-              ", allowed up to " + std::to_string(allowed));
-}
-
-void check_no_lock_held(const Thread& thread, const char* when)
-{
-    if (thread.held_count)
-        violation(std::string("a spin lock is held ") + when);
 }
 
 }  // namespace machine
