@@ -27,6 +27,10 @@ public:
 // Throws std::system_error or std::runtime_error with a message that names the path.
 std::unique_ptr<BlockStore> open_file_store(const std::string& path, bool readonly);
 
+// The same for a file of the server's own that holds a disk and more: of any size, and zeros written to it always
+// make holes. Opened for reading only it is not locked.
+std::unique_ptr<BlockStore> open_sparse_file(const std::string& path, bool readonly);
+
 // All zeros at first; for tests and simulations.
 class MemoryStore : public BlockStore {
 public:

@@ -8,8 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
 #include <system_error>
 
@@ -49,15 +51,18 @@ bool transfer_all(Transfer transfer, int file, std::uint64_t offset, std::span<B
 
 class FileStore : public BlockStore {
 public:
-    FileStore(const std::string& path, bool readonly)
+    enum class Use { disk, sparse_file };
+
+    FileStore(const std::string& path, bool readonly, Use use)
         : file_(open(path.c_str(), (readonly ? O_RDONLY : O_RDWR) | O_CLOEXEC))
     {
         if (file_ < 0)
             throw std::system_error(errno, std::generic_category(), path);
         try {
-            size_bytes_ = measure(path);
-            lock(path, readonly);
-            keeps_holes_ = keeps_holes_ && !readonly;
+            size_bytes_ = measure(path, use);
+            if (use == Use::disk || !readonly)
+                lock(path, readonly);
+            keeps_holes_ = (keeps_holes_ || use == Use::sparse_file) && !readonly;
         } catch (...) {
             close(file_);
             throw;
@@ -80,21 +85,27 @@ public:
     bool hole(std::uint64_t offset, std::uint64_t bytes) override;
 
 private:
-    std::uint64_t measure(const std::string& path);
+    std::uint64_t measure(const std::string& path, Use use);
     void lock(const std::string& path, bool readonly);
     bool make_hole(std::uint64_t offset, std::span<const std::uint8_t> data);
+    bool known_data(std::uint64_t offset)
+    {
+        std::lock_guard guard(stretch_lock_);
+        return offset >= data_begin_ && offset < data_end_;
+    }
 
     int file_;
     std::uint64_t size_bytes_ = 0;
-    bool may_have_holes_ = false;
-    bool keeps_holes_ = false;  // zeros that are written take no room
+    std::atomic<bool> may_have_holes_ = false;
+    std::atomic<bool> keeps_holes_ = false;  // zeros that are written take no room
     // A stretch known to hold data, so that most reads of data need not ask. Holes are always asked
-    // for: someone may fill them.
+    // for: someone may fill them. The lock guards both ends: threads may share an image.
+    std::mutex stretch_lock_;
     std::uint64_t data_begin_ = 0;
     std::uint64_t data_end_ = 0;
 };
 
-std::uint64_t FileStore::measure(const std::string& path)
+std::uint64_t FileStore::measure(const std::string& path, Use use)
 {
     struct stat status;
     if (fstat(file_, &status) != 0)
@@ -114,7 +125,7 @@ std::uint64_t FileStore::measure(const std::string& path)
         throw std::runtime_error(path + ": is empty");
     if (size % formats::sector_bytes != 0)
         throw std::runtime_error(path + ": its size is no multiple of 512 bytes");
-    if (size / formats::sector_bytes > formats::disk_sectors_max)
+    if (use == Use::disk && size / formats::sector_bytes > formats::disk_sectors_max)
         throw std::runtime_error(path + ": has more sectors than a workstation can address (1 TB)");
     return size;
 }
@@ -143,6 +154,7 @@ bool FileStore::make_hole(std::uint64_t offset, std::span<const std::uint8_t> da
         keeps_holes_ = errno != EOPNOTSUPP && errno != ENOSYS;
         return false;
     }
+    std::lock_guard guard(stretch_lock_);
     if (offset < data_end_ && offset + data.size() > data_begin_)
         data_begin_ = data_end_ = 0;
     return true;
@@ -150,7 +162,7 @@ bool FileStore::make_hole(std::uint64_t offset, std::span<const std::uint8_t> da
 
 bool FileStore::hole(std::uint64_t offset, std::uint64_t bytes)
 {
-    if (!may_have_holes_ || (offset >= data_begin_ && offset < data_end_))
+    if (!may_have_holes_ || known_data(offset))
         return false;
     const off_t data = lseek(file_, static_cast<off_t>(offset), SEEK_DATA);
     if (data < 0) {
@@ -164,6 +176,7 @@ bool FileStore::hole(std::uint64_t offset, std::uint64_t bytes)
         return true;
     const off_t end = lseek(file_, data, SEEK_HOLE);
     if (end > data) {
+        std::lock_guard guard(stretch_lock_);
         data_begin_ = static_cast<std::uint64_t>(data);
         data_end_ = static_cast<std::uint64_t>(end);
     }
@@ -174,7 +187,12 @@ bool FileStore::hole(std::uint64_t offset, std::uint64_t bytes)
 
 std::unique_ptr<BlockStore> open_file_store(const std::string& path, bool readonly)
 {
-    return std::make_unique<FileStore>(path, readonly);
+    return std::make_unique<FileStore>(path, readonly, FileStore::Use::disk);
+}
+
+std::unique_ptr<BlockStore> open_sparse_file(const std::string& path, bool readonly)
+{
+    return std::make_unique<FileStore>(path, readonly, FileStore::Use::sparse_file);
 }
 
 }  // namespace server
