@@ -2,54 +2,21 @@
 #include "machine/disk/disk_device.h"
 
 #include <algorithm>
-#include <deque>
-#include <limits>
 #include <string>
 
-#include "machine/disk/disk_state.h"
 #include "machine/executive/checks.h"
 #include "machine/executive/executive.h"
 #include "machine/executive/wide_text.h"
 
 namespace machine {
-
-struct DiskDevice::Request {
-    PIRP irp = nullptr;
-    bool write = false;
-    std::uint64_t sector = 0;
-    std::uint32_t bytes = 0;
-    std::uint8_t* buffer = nullptr;
-    std::vector<std::uint8_t> at_start = {};  // of a pending write: what the buffer held
-
-    std::uint32_t count() const { return bytes / disk_sector_bytes; }
-};
-
-// The threads hold it beyond the end of the machine, parked.
-struct DiskDevice::WorkQueue {
-    explicit WorkQueue(std::shared_ptr<LocalDisk::State> disk) : state(std::move(disk))
-    {
-        KeInitializeSemaphore(&queued, 0, MAXLONG);
-    }
-
-    const std::shared_ptr<LocalDisk::State> state;
-    KSEMAPHORE queued{};
-    std::mutex lock;  // a leaf; for requests
-    std::deque<Request> requests;
-};
-
 namespace {
 
-NTSTATUS complete(PIRP irp, NTSTATUS status, ULONG_PTR information)
+NTSTATUS complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0)
 {
-    irp->IoStatus.Status = status;
-    irp->IoStatus.Information = information;
-    IofCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
-}
-
-NTSTATUS complete(PIRP irp, const IO_STATUS_BLOCK& result)
-{
-    return complete(irp, result.Status, result.Information);
+    IO_STATUS_BLOCK result{};
+    result.Status = status;
+    result.Information = information;
+    return complete_disk_irp(irp, result);
 }
 
 // A whole disk has no files.
@@ -57,7 +24,7 @@ NTSTATUS NTAPI dispatch_create(PDEVICE_OBJECT, PIRP irp)
 {
     const FILE_OBJECT& file = *IoGetCurrentIrpStackLocation(irp)->FileObject;
     if (file.FileName.Length != 0)
-        return complete(irp, STATUS_OBJECT_NAME_NOT_FOUND, 0);
+        return complete(irp, STATUS_OBJECT_NAME_NOT_FOUND);
     if (!(file.Flags & FO_DIRECT_DEVICE_OPEN))
         violation("a local disk is opened with rights for which a file system would be mounted on it");
     return complete(irp, STATUS_SUCCESS, FILE_OPENED);
@@ -65,12 +32,12 @@ NTSTATUS NTAPI dispatch_create(PDEVICE_OBJECT, PIRP irp)
 
 NTSTATUS NTAPI dispatch_close(PDEVICE_OBJECT, PIRP irp)
 {
-    return complete(irp, STATUS_SUCCESS, 0);
+    return complete(irp, STATUS_SUCCESS);
 }
 
 NTSTATUS NTAPI dispatch_other(PDEVICE_OBJECT, PIRP irp)
 {
-    return complete(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+    return complete(irp, STATUS_INVALID_DEVICE_REQUEST);
 }
 
 }  // namespace
@@ -79,21 +46,14 @@ DiskDevice::DiskDevice(LocalDisk& disk, unsigned number) : state_(disk.state_)
 {
     if (state_->attached.exchange(true))
         violation("a local disk is put into a second machine, or twice into one");
-    if (!scheduler().simulated() && state_->options.volatile_max != 0)
-        violation("a local disk with a volatile cache needs the simulated scheduler");
     state_->medium->settle(never);
+    work_ = scheduler().simulated() ? make_simulated_disk(state_) : make_hosted_disk(state_);
     create_stack(number);
-    if (!scheduler().simulated() && state_->options.workers != 0)
-        start_workers();
 }
 
 DiskDevice::~DiskDevice()
 {
-    if (scheduler().simulated())
-        state_->medium->settle(scheduler().now());
-    for (const auto& request : under_way_)
-        if (request->write && !state_->bad(request->sector, request->count()))
-            state_->medium->write_cached(request->sector, request->at_start, never);
+    work_.reset();
     IoDeleteDevice(filter_);
     IoDeleteDevice(device_);
     state_->attached = false;
@@ -133,27 +93,6 @@ void DiskDevice::create_stack(unsigned number)
     executive().names.add_link(u"\\DosDevices\\PhysicalDrive" + digits, path);
 }
 
-void DiskDevice::start_workers()
-{
-    queue_ = std::make_shared<WorkQueue>(state_);
-    for (unsigned index = 0; index < state_->options.workers; ++index)
-        scheduler().spawn("local disk " + std::to_string(index), [queue = queue_] { work(queue); });
-}
-
-void DiskDevice::work(const std::shared_ptr<WorkQueue>& queue)
-{
-    for (;;) {
-        KeWaitForSingleObject(&queue->queued, Executive, KernelMode, FALSE, nullptr);
-        Request request;
-        {
-            std::lock_guard guard(queue->lock);
-            request = std::move(queue->requests.front());
-            queue->requests.pop_front();
-        }
-        complete(request.irp, serve(*queue->state, request));
-    }
-}
-
 NTSTATUS NTAPI DiskDevice::dispatch_filter(PDEVICE_OBJECT device, PIRP irp)
 {
     const DiskDevice& self = **static_cast<DiskDevice**>(device->DeviceExtension);
@@ -166,33 +105,25 @@ NTSTATUS NTAPI DiskDevice::dispatch_transfer(PDEVICE_OBJECT device, PIRP irp)
     enter_at_most(PASSIVE_LEVEL, "a read or write of the local disk");
     scheduler().preemption_point();
     DiskDevice& self = **static_cast<DiskDevice**>(device->DeviceExtension);
-    Request request;
+    DiskRequest request;
     const NTSTATUS status = self.accept(irp, request);
     ++(request.write ? self.state_->writes : self.state_->reads);
     if (!NT_SUCCESS(status))
         ++(request.write ? self.state_->write_errors : self.state_->read_errors);
-    return NT_SUCCESS(status) && request.bytes ? self.start(request) : complete(irp, status, 0);
+    return NT_SUCCESS(status) && request.bytes ? self.work_->start(request) : complete(irp, status);
 }
 
-// What is complete becomes durable.
 NTSTATUS NTAPI DiskDevice::dispatch_flush(PDEVICE_OBJECT device, PIRP irp)
 {
     enter_at_most(PASSIVE_LEVEL, "a flush of the local disk");
     scheduler().preemption_point();
     const DiskDevice& self = **static_cast<DiskDevice**>(device->DeviceExtension);
-    const auto state = self.state_;  // this device may be gone when the host is done
-    if (executive().faults.hit(Operation::disk_flush, {}))
-        return complete(irp, STATUS_IO_DEVICE_ERROR, 0);
-    if (scheduler().simulated()) {
-        state->medium->settle(std::numeric_limits<Ticks>::max());
-        return complete(irp, STATUS_SUCCESS, 0);
-    }
-    wake_waiters();  // this can take a while
-    return complete(irp, state->medium->flush() ? STATUS_SUCCESS : STATUS_IO_DEVICE_ERROR, 0);
+    const bool done = !executive().faults.hit(Operation::disk_flush, {}) && self.work_->flush();
+    return complete(irp, done ? STATUS_SUCCESS : STATUS_IO_DEVICE_ERROR);
 }
 
 // Whether the request is one that the disk can carry out.
-NTSTATUS DiskDevice::accept(PIRP irp, Request& request) const
+NTSTATUS DiskDevice::accept(PIRP irp, DiskRequest& request) const
 {
     const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
     request.irp = irp;
@@ -217,100 +148,6 @@ NTSTATUS DiskDevice::accept(PIRP irp, Request& request) const
     request.buffer =
         static_cast<std::uint8_t*>(MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority));
     return request.buffer ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
-}
-
-NTSTATUS DiskDevice::start(const Request& request)
-{
-    if (scheduler().simulated()) {
-        const Ticks latency = state_->draw(state_->options.latency_min, state_->options.latency_max);
-        if (latency > 0)
-            return start_later(request, latency);
-    } else if (const auto queue = queue_) {
-        IoMarkIrpPending(request.irp);
-        {
-            std::lock_guard guard(queue->lock);
-            queue->requests.push_back(request);
-        }
-        KeReleaseSemaphore(&queue->queued, IO_NO_INCREMENT, 1, FALSE);
-        return STATUS_PENDING;
-    }
-    IO_STATUS_BLOCK result;
-    {
-        const auto state = state_;  // this device may be gone when the host is done
-        result = serve(*state, request);
-    }
-    return complete(request.irp, result);
-}
-
-NTSTATUS DiskDevice::start_later(const Request& request, Ticks latency)
-{
-    under_way_.push_back(std::make_unique<Request>(request));
-    Request* const pending = under_way_.back().get();
-    if (request.write)
-        pending->at_start.assign(request.buffer, request.buffer + request.bytes);
-    IoMarkIrpPending(request.irp);
-    scheduler().call_at(scheduler().now() + latency, [this, pending] { finish(pending); });
-    return STATUS_PENDING;
-}
-
-void DiskDevice::finish(const Request* pending)
-{
-    const PIRP irp = pending->irp;
-    IO_STATUS_BLOCK result;
-    {
-        const auto place = std::ranges::find(under_way_, pending, &std::unique_ptr<Request>::get);
-        const std::unique_ptr<Request> request = std::move(*place);
-        under_way_.erase(place);
-        // The disk fetches the bytes when it likes.
-        if (request->write && state_->chance(0.5))
-            request->buffer = request->at_start.data();
-        result = serve(*state_, *request);
-    }
-    complete(irp, result);
-}
-
-// The first bytes of the request, to or from the medium. False when the host fails.
-bool DiskDevice::move_bytes(LocalDisk::State& state, const Request& request, std::uint32_t bytes)
-{
-    DiskMedium& medium = *state.medium;
-    const std::span buffer(request.buffer, bytes);
-    const Ticks now = scheduler().now();
-    if (scheduler().simulated())
-        medium.settle(now);
-    if (!request.write) {
-        if (medium.read_at_hand(request.sector, buffer))
-            return true;
-        wake_waiters();  // this can take a while
-        return medium.read(request.sector, buffer);
-    }
-    const LocalDiskOptions& options = state.options;
-    if (options.volatile_max == 0)
-        return medium.write(request.sector, buffer);
-    medium.write_cached(request.sector, buffer, now + state.draw(options.volatile_min, options.volatile_max));
-    return true;
-}
-
-// Carries out the request; one that fails or falls short gets through for some sectors at its beginning.
-IO_STATUS_BLOCK DiskDevice::serve(LocalDisk::State& state, const Request& request)
-{
-    const bool write = request.write;
-    Faults& faults = executive().faults;
-    const auto asked = [&](Operation operation) {
-        return faults.hit_sectors(operation, request.sector, request.count());
-    };
-    const bool asked_to_fail = asked(write ? Operation::disk_write : Operation::disk_read);
-    const bool fails = asked_to_fail || state.bad(request.sector, request.count());
-    const bool whole = !fails && !asked(write ? Operation::disk_write_short : Operation::disk_read_short);
-    const auto bytes = static_cast<std::uint32_t>(
-        whole ? request.bytes : state.draw(0, request.count() - 1) * disk_sector_bytes);
-    const bool moved = move_bytes(state, request, bytes);
-    IO_STATUS_BLOCK result{};
-    result.Status = !moved ? STATUS_IO_DEVICE_ERROR : fails ? STATUS_DEVICE_DATA_ERROR : STATUS_SUCCESS;
-    result.Information = NT_SUCCESS(result.Status) ? bytes : 0;
-    if (!NT_SUCCESS(result.Status))
-        ++(write ? state.write_errors : state.read_errors);
-    (write ? state.bytes_written : state.bytes_read) += result.Information;
-    return result;
 }
 
 }  // namespace machine

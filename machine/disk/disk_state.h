@@ -8,8 +8,8 @@
 
 namespace machine {
 
-struct LocalDisk::State {
-    State(std::unique_ptr<DiskMedium> disk_medium, const LocalDiskOptions& disk_options);
+struct DiskState {
+    DiskState(std::unique_ptr<DiskMedium> disk_medium, const LocalDiskOptions& disk_options);
 
     // Both bounds included.
     std::int64_t draw(std::int64_t from, std::int64_t to);

@@ -26,12 +26,12 @@ void check_host(bool done)
 
 }  // namespace
 
-LocalDisk::State::State(std::unique_ptr<DiskMedium> disk_medium, const LocalDiskOptions& disk_options)
+DiskState::DiskState(std::unique_ptr<DiskMedium> disk_medium, const LocalDiskOptions& disk_options)
     : options(disk_options), medium(std::move(disk_medium)), random(disk_options.seed)
 {
 }
 
-std::int64_t LocalDisk::State::draw(std::int64_t from, std::int64_t to)
+std::int64_t DiskState::draw(std::int64_t from, std::int64_t to)
 {
     if (from >= to)
         return from;
@@ -40,13 +40,13 @@ std::int64_t LocalDisk::State::draw(std::int64_t from, std::int64_t to)
     return from + static_cast<std::int64_t>(random.next() % choices);
 }
 
-bool LocalDisk::State::chance(double probability)
+bool DiskState::chance(double probability)
 {
     std::lock_guard guard(lock);
     return random.chance(probability);
 }
 
-bool LocalDisk::State::bad(std::uint64_t sector, std::uint64_t count) const
+bool DiskState::bad(std::uint64_t sector, std::uint64_t count) const
 {
     std::lock_guard guard(lock);
     return std::ranges::any_of(
@@ -54,12 +54,12 @@ bool LocalDisk::State::bad(std::uint64_t sector, std::uint64_t count) const
 }
 
 LocalDisk::LocalDisk(std::uint64_t sectors, const LocalDiskOptions& options)
-    : state_(std::make_shared<State>(std::make_unique<DiskMedium>(sectors), options))
+    : state_(std::make_shared<DiskState>(std::make_unique<DiskMedium>(sectors), options))
 {
 }
 
 LocalDisk::LocalDisk(const std::string& path, const LocalDiskOptions& options)
-    : state_(std::make_shared<State>(std::make_unique<DiskMedium>(path), options))
+    : state_(std::make_shared<DiskState>(std::make_unique<DiskMedium>(path), options))
 {
 }
 

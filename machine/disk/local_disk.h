@@ -36,6 +36,8 @@ struct LocalDiskCounters {
     std::uint64_t read_errors = 0, write_errors = 0;
 };
 
+struct DiskState;  // machine/disk/disk_state.h
+
 class LocalDisk {
 public:
     // In memory, all zeros.
@@ -61,8 +63,7 @@ public:
 
 private:
     friend class DiskDevice;
-    struct State;
-    std::shared_ptr<State> state_;
+    std::shared_ptr<DiskState> state_;
 };
 
 }  // namespace machine

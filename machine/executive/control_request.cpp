@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// Device-control requests that the executive builds, and the end of every request that it built.
+// Device-control requests that the executive builds.
 #include <nt.h>
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 
 #include "machine/executive/checks.h"
 #include "machine/executive/executive.h"
-#include "machine/executive/irp.h"
+#include "machine/executive/own_request.h"
 
 using namespace machine;
 
@@ -18,13 +18,6 @@ constexpr ULONG system_buffer_tag = pool_tag("IoSB");
 constexpr ULONG method_of(ULONG control_code)
 {
     return control_code & 3;
-}
-
-// The length of the requester's output buffer, kept where only requests that create files have a use for
-// the field: the stack location is cleared on the way up.
-ULONG& output_bytes_of(IRP& irp)
-{
-    return irp.Overlay.AllocationSize.u.LowPart;
 }
 
 // One buffer carries the input down and the output up. False when there is no memory.
@@ -42,7 +35,7 @@ bool attach_system_buffer(IRP& irp, const void* input, ULONG input_bytes, void* 
     if (output) {
         irp.Flags |= IRP_INPUT_OPERATION;
         irp.UserBuffer = output;
-        output_bytes_of(irp) = output_bytes;
+        own_request(irp).output_bytes = output_bytes;
     }
     return true;
 }
@@ -51,31 +44,15 @@ bool attach_system_buffer(IRP& irp, const void* input, ULONG input_bytes, void* 
 
 namespace machine {
 
-void finish_irp(PIRP irp)
+void give_control_output(IRP& irp, const IO_STATUS_BLOCK& result)
 {
-    if (!(irp->AllocationFlags & irp_is_ours))
-        violation("the completion of an IRP that a driver allocated ran to its end: the driver's completion "
-                  "routine must return STATUS_MORE_PROCESSING_REQUIRED");
-    const IO_STATUS_BLOCK result = irp->IoStatus;
-    // A request that failed at once tells its requester so by its status alone.
-    const bool reported = !NT_ERROR(result.Status) || irp->PendingReturned;
-    if (!NT_ERROR(result.Status) && irp->UserBuffer) {
-        if (result.Information > output_bytes_of(*irp))
+    if (!NT_ERROR(result.Status) && irp.UserBuffer) {
+        if (result.Information > own_request(irp).output_bytes)
             violation("a device returned more bytes than the output buffer has");
-        std::memcpy(irp->UserBuffer, irp->AssociatedIrp.SystemBuffer, result.Information);
+        std::memcpy(irp.UserBuffer, irp.AssociatedIrp.SystemBuffer, result.Information);
     }
-    free_transfer_list(*irp, result);
-    if (irp->AssociatedIrp.SystemBuffer)
-        executive().system.free(irp->AssociatedIrp.SystemBuffer, system_buffer_tag);
-    PIO_STATUS_BLOCK status_block = irp->UserIosb;
-    PKEVENT event = irp->UserEvent;
-    free_irp(irp);
-    if (!reported)
-        return;
-    if (status_block)
-        *status_block = result;
-    if (event)
-        KeSetEvent(event, IO_NO_INCREMENT, FALSE);
+    if (irp.AssociatedIrp.SystemBuffer)
+        executive().system.free(irp.AssociatedIrp.SystemBuffer, system_buffer_tag);
 }
 
 }  // namespace machine
@@ -91,17 +68,13 @@ PIRP NTAPI IoBuildDeviceIoControlRequest(ULONG code, PDEVICE_OBJECT device, PVOI
         violation("IoBuildDeviceIoControlRequest: only METHOD_BUFFERED is supported");
     if (executive().faults.hit(Operation::irp_allocate, "IoBuildDeviceIoControlRequest"))
         return nullptr;
-    PIRP irp = new_irp(device->StackSize);
+    PIRP irp = new_own_request(device->StackSize, event, status_block);
     if (!irp)
         return nullptr;
-    irp->AllocationFlags = irp_is_ours;
     if (!attach_system_buffer(*irp, input, input_bytes, output, output_bytes)) {
-        free_irp(irp);
+        drop_own_request(irp);
         return nullptr;
     }
-    irp->UserEvent = event;
-    irp->UserIosb = status_block;
-    irp->Tail.Overlay.Thread = reinterpret_cast<PETHREAD>(KeGetCurrentThread());
     IO_STACK_LOCATION& location = *IoGetNextIrpStackLocation(irp);
     location.MajorFunction = internal ? IRP_MJ_INTERNAL_DEVICE_CONTROL : IRP_MJ_DEVICE_CONTROL;
     location.Parameters.DeviceIoControl.OutputBufferLength = output_bytes;

@@ -9,7 +9,7 @@
 
 #include "machine/executive/checks.h"
 #include "machine/executive/executive.h"
-#include "machine/executive/irp.h"
+#include "machine/executive/own_request.h"
 #include "machine/executive/wide_text.h"
 
 using namespace machine;
@@ -90,16 +90,12 @@ IO_STACK_LOCATION request_of(UCHAR major)
 NTSTATUS send(PFILE_OBJECT file, const IO_STACK_LOCATION& request)
 {
     PDEVICE_OBJECT device = top_of_stack(file->DeviceObject);
-    PIRP irp = new_irp(device->StackSize);
-    if (!irp)
-        return STATUS_INSUFFICIENT_RESOURCES;
     KEVENT event;
     IO_STATUS_BLOCK result;
+    PIRP irp = new_own_request(device->StackSize, &event, &result);
+    if (!irp)
+        return STATUS_INSUFFICIENT_RESOURCES;
     KeInitializeEvent(&event, SynchronizationEvent, FALSE);
-    irp->AllocationFlags = irp_is_ours;
-    irp->UserEvent = &event;
-    irp->UserIosb = &result;
-    irp->Tail.Overlay.Thread = reinterpret_cast<PETHREAD>(KeGetCurrentThread());
     irp->Tail.Overlay.OriginalFileObject = file;
     *IoGetNextIrpStackLocation(irp) = request;
     IoGetNextIrpStackLocation(irp)->FileObject = file;

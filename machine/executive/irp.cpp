@@ -9,6 +9,7 @@
 #include "machine/executive/checks.h"
 #include "machine/executive/executive.h"
 #include "machine/executive/irp.h"
+#include "machine/executive/own_request.h"
 
 using namespace machine;
 
@@ -141,7 +142,7 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT device, PIRP irp)
     const Thread& thread = enter_at_most(DISPATCH_LEVEL, "IofCallDriver");
     check_irp(irp, "IofCallDriver");
     // Its end is told to the thread that made it, which takes it at PASSIVE_LEVEL only.
-    if ((irp->AllocationFlags & irp_is_ours) && thread.irql > PASSIVE_LEVEL)
+    if (is_own_request(*irp) && thread.irql > PASSIVE_LEVEL)
         violation("IofCallDriver at IRQL " + std::to_string(thread.irql) +
                   " with an IRP that belongs to a thread, allowed at PASSIVE_LEVEL only");
     if (irp->CurrentLocation <= 1)
@@ -186,19 +187,21 @@ VOID FASTCALL IofCompleteRequest(PIRP irp, CCHAR)
             IoMarkIrpPending(irp);
         }
     }
-    finish_irp(irp);
+    end_own_request(irp);
 }
 
 }  // extern "C"
 
 namespace machine {
 
-PIRP new_irp(CCHAR stack_size)
+PIRP new_irp(CCHAR stack_size, std::size_t more_bytes)
 {
     const USHORT bytes = irp_bytes(stack_size);
-    auto* irp = static_cast<PIRP>(executive().system.allocate(bytes, irp_tag));
-    if (irp)
-        IoInitializeIrp(irp, bytes, stack_size);
+    auto* irp = static_cast<PIRP>(executive().system.allocate(bytes + more_bytes, irp_tag));
+    if (!irp)
+        return nullptr;
+    IoInitializeIrp(irp, bytes, stack_size);
+    std::memset(reinterpret_cast<UCHAR*>(irp) + bytes, 0, more_bytes);
     return irp;
 }
 

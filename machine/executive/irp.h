@@ -1,21 +1,13 @@
 // SPDX-License-Identifier: MIT
-// IRPs that the executive itself makes and finishes.
+// Memory of IRPs.
 #pragma once
 
 #include <nt.h>
 
 namespace machine {
 
-// IRP::AllocationFlags: the executive frees the IRP when its completion has run to the end.
-constexpr UCHAR irp_is_ours = 0x40;
-
-PIRP new_irp(CCHAR stack_size);
+// So many bytes more lie behind the last stack location, and are zeros. Null when there is no memory.
+PIRP new_irp(CCHAR stack_size, std::size_t more_bytes = 0);
 void free_irp(PIRP irp);
-
-// Frees the list that describes the buffer of a finished read or write, if it has one.
-void free_transfer_list(IRP& irp, const IO_STATUS_BLOCK& result);
-
-// The completion routines have all run: hands the results to the requester and frees the IRP.
-void finish_irp(PIRP irp);
 
 }  // namespace machine

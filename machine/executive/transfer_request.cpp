@@ -5,7 +5,7 @@
 
 #include "machine/executive/checks.h"
 #include "machine/executive/executive.h"
-#include "machine/executive/irp.h"
+#include "machine/executive/own_request.h"
 
 using namespace machine;
 
@@ -91,19 +91,15 @@ PIRP NTAPI IoBuildSynchronousFsdRequest(ULONG major, PDEVICE_OBJECT device, PVOI
     check_arguments(major, *device, buffer, bytes, offset, event, status_block);
     if (executive().faults.hit(Operation::irp_allocate, "IoBuildSynchronousFsdRequest"))
         return nullptr;
-    PIRP irp = new_irp(device->StackSize);
+    PIRP irp = new_own_request(device->StackSize, event, status_block);
     if (!irp)
         return nullptr;
-    irp->AllocationFlags = irp_is_ours;
     irp->MdlAddress = bytes ? describe(buffer, bytes) : nullptr;
     if (bytes && !irp->MdlAddress) {
-        free_irp(irp);
+        drop_own_request(irp);
         return nullptr;
     }
     irp->Flags = irp_flags(major);
-    irp->UserEvent = event;
-    irp->UserIosb = status_block;
-    irp->Tail.Overlay.Thread = reinterpret_cast<PETHREAD>(KeGetCurrentThread());
     set_parameters(*IoGetNextIrpStackLocation(irp), major, bytes, offset);
     return irp;
 }
