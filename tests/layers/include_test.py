@@ -11,6 +11,9 @@ import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
+SOURCES = (".h", ".cpp")
+# What looks at every side from outside.
+OUTSIDE = {"bench", "fuzz", "platform", "tests"}
 INCLUDE = re.compile(r'\s*#\s*include\s+"([^"]+)"')
 
 
@@ -38,13 +41,21 @@ def folder_of(path, folders):
     return max(holding, key=len, default=None)
 
 
+def without_floor(root, allowed):
+    """Folders of sources at the top that stand on no floor."""
+    return sorted(top for top in os.listdir(root)
+                  if top not in OUTSIDE and not top.startswith((".", "build")) and os.path.isdir(f"{root}/{top}")
+                  and top not in {folder.split("/")[0] for folder in allowed}
+                  and any(name.endswith(SOURCES) for _, _, names in os.walk(f"{root}/{top}") for name in names))
+
+
 def climbs(root, allowed):
     """Lines that include what they may not, as FILE:LINE: text."""
     found = []
     roots = sorted({folder.split("/")[0] for folder in allowed})
     for path in sorted(os.path.join(directory, name) for top in roots
                        for directory, _, names in os.walk(os.path.join(root, top)) for name in names):
-        if not path.endswith((".h", ".cpp")):
+        if not path.endswith(SOURCES):
             continue
         file = os.path.relpath(path, root)
         folder = folder_of(file, allowed)
@@ -64,6 +75,7 @@ class Layers(unittest.TestCase):
         with open(f"{HERE}/floors.txt") as file:
             allowed = read_floors(file.read())
         self.assertEqual(climbs(ROOT, allowed), [])
+        self.assertEqual(without_floor(ROOT, allowed), [])
 
     def test_the_manual_shows_the_order(self):
         with open(f"{HERE}/floors.txt") as floors, open(f"{ROOT}/docs/architecture.md") as manual:
@@ -84,6 +96,8 @@ class Layers(unittest.TestCase):
             self.assertEqual(climbs(root, allowed),
                              ['bottom/d.h:1: #include "top/a.h"', 'bottom/d.h:2: #include "elsewhere.h"',
                               'left/b.h:3: #include "right/c.h"'])
+            put("new/room/e.cpp", "")
+            self.assertEqual(without_floor(root, allowed), ["new"])
 
     def test_a_house_of_several_rooms_has_floors_of_its_own(self):
         allowed = read_floors("top\nhouse  beside\nbottom\n\nhouse\nhouse/left  house/right\nhouse/cellar\n")
