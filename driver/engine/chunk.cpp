@@ -77,12 +77,12 @@ bool Chunk_Goes_Past_Images(RW_Entry* pEntry, RW_Req* pReq)
 }
 
 // The first record that can go on. An internal record waits until nothing stands behind it.
-static RW_Req* First_Ready()
+static RW_Req* First_Ready(LONG Not_Lun)
 {
     for (PLIST_ENTRY pLink = Active_List.Flink; pLink != &Active_List; pLink = pLink->Flink) {
         RW_Req* pReq = CONTAINING_RECORD(pLink, RW_Req, Link);
         if ((!Needs_Slot(pReq) || Slot_Free(pReq->Lun)) && (pReq->pSrb || pLink->Flink == &Active_List) &&
-            May_Hold(pReq->Lun))
+            static_cast<LONG>(pReq->Lun) != Not_Lun && May_Hold(pReq->Lun))
             return pReq;
     }
     return nullptr;
@@ -159,10 +159,10 @@ static Chunk Pick_Next(RW_Entry* pEntry, RW_Req* pReq)
     return Picked;
 }
 
-bool Chunk_Pick(RW_Entry* pEntry, Chunk& Picked)
+bool Chunk_Pick(RW_Entry* pEntry, Chunk& Picked, LONG Not_Lun)
 {
     Spin_Guard Guard(Active_Lock);
-    RW_Req* pReq = First_Ready();
+    RW_Req* pReq = First_Ready(Not_Lun);
     if (pReq)
         Picked = Pick_Next(pEntry, pReq);
     return pReq != nullptr;
@@ -220,7 +220,8 @@ static LONG Magnitude(LONG Value)
     return Value < 0 ? -Value : Value;
 }
 
-// The chunk goes back to its record. The sectors of a write that is tagged afresh then count once.
+// The chunk goes back to its record; when its disk's turn is over, the record goes behind the others. The
+// sectors of a write that is tagged afresh then count once.
 static void Run_Again_Later(RW_Entry* pEntry, const Chunk& Picked)
 {
     RW_Req* pReq = Picked.pReq;
@@ -229,7 +230,11 @@ static void Run_Again_Later(RW_Entry* pEntry, const Chunk& Picked)
     Give_Slot(pEntry);
     {
         Spin_Guard Guard(Active_Lock);
-        if (!Has_Chunks(pReq))
+        bool Listed = Has_Chunks(pReq);
+        bool Turn_Over = static_cast<LONG>(pReq->Lun) == Last_Turn();
+        if (Listed && Turn_Over)
+            RemoveEntryList(&pReq->Link);
+        if (!Listed || Turn_Over)
             InsertTailList(&Active_List, &pReq->Link);
         if (Magnitude(pReq->Setup.Spent) < Magnitude(pEntry->Spent))
             pReq->Setup.Spent = static_cast<SHORT>(pEntry->Spent);

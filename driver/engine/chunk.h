@@ -21,9 +21,9 @@ struct Chunk {
     Left Rest;
 };
 
-// Picks the next chunk of the first admitted record that may run and sets the entry up for it. False
-// when there is none.
-bool Chunk_Pick(RW_Entry* pEntry, Chunk& Picked);
+// Picks the next chunk of the first admitted record that may run, and is not of the disk numbered Not_Lun (-1:
+// of any), and sets the entry up for it. False when there is none.
+bool Chunk_Pick(RW_Entry* pEntry, Chunk& Picked, LONG Not_Lun);
 
 // The chunk in progress needs more than the local images hold, and so a slot. False: there is none, and the
 // chunk is to be run again when there is.

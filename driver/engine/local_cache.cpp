@@ -74,15 +74,18 @@ static void Settle(RW_Entry* pEntry, PVOID pNotify, Local_Cache_Record& Record)
 {
     if (!May_Hold(pEntry->Lun) || !Mutex_Try(Record.Lock))
         return;
-    bool Settled = false;
-    if (Record.State == Cache_Unknown) {
-        Disk_Hold Hold(pEntry->Lun);
+    bool Asked = false, Settled = false;
+    bool Known = Record.State != Cache_Unknown;
+    if (!Known && Try_Hold(pEntry->Lun)) {
+        Asked = true;
         Settled = Negotiate(pEntry, pNotify, Record);
+        Hold_End(pEntry->Lun);
     }
     Mutex_Give(Record.Lock);
     if (Settled)
         DbgPrint("\nQRN Local Init: Lun:%d %d %X %X", pEntry->Lun, Record.State, Record.pMC_Write, 0);
-    Unpark_Records();
+    if (Known || Asked)
+        Unpark_Records();
 }
 
 LONG Local_Init(RW_Entry* pEntry, PVOID pNotify)

@@ -10,6 +10,7 @@
 #include "driver/net/packet.h"
 #include "driver/net/receive.h"
 #include "driver/request/completion.h"
+#include "driver/request/holds.h"
 #include "driver/request/queues.h"
 #include "driver/request/request.h"
 #include "driver/state/boot_param.h"
@@ -98,10 +99,13 @@ static void Admit(RW_Entry* pEntry, RW_Req* pReq)
 {
     for (;;) {
         Chunk Picked;
-        if (Chunk_Pick(pEntry, Picked))
+        LONG Last = Last_Turn();
+        if (Chunk_Pick(pEntry, Picked, Last))
             Chunk_Run(pEntry, Picked);
         else if (RW_Req* pReq = Take_Pending())
             Admit(pEntry, pReq);
+        else if (Last >= 0 && Chunk_Pick(pEntry, Picked, -1))
+            Chunk_Run(pEntry, Picked);
         else
             KeWaitForSingleObject(&RW_Sem, Executive, KernelMode, FALSE, nullptr);
     }

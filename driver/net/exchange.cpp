@@ -229,6 +229,7 @@ After_Time_Out Time_Out(RW_Entry* pEntry)
     if (pEntry->Hold == Hold_Kind::Loose && Must_Let_Go(pEntry->Lun)) {
         Spend(pEntry, Budget < 0 ? 0 : Budget - pEntry->Retry_Left + 1);
         pEntry->Hold = Hold_Kind::Let_Go;
+        Turn_Ends(pEntry->Lun);
         return After_Time_Out::Failed;
     }
     Spin_Guard Guard(pEntry->Ack_Lock);

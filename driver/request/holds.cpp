@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "driver/request/holds.h"
 
+#include "driver/kernel/locks.h"
 #include "driver/request/queues.h"
 #include "driver/state/disk_table.h"
 
 static volatile LONG Held[formats::disk_count_max];
 static volatile LONG Silent[formats::disk_count_max];
+static volatile LONG Last_Turn_Lun = -1;
 
 static bool Shared()
 {
@@ -59,6 +61,15 @@ bool May_Hold(ULONG Lun)
     return Held_By_Silent() < RW_Count - 1 && (Held[Lun] == 0 || !Another_Starves(Lun));
 }
 
+bool Try_Hold(ULONG Lun)
+{
+    Spin_Guard Guard(Active_Lock);
+    if (!May_Hold(Lun))
+        return false;
+    Hold_Begin(Lun);
+    return true;
+}
+
 bool Must_Let_Go(ULONG Lun)
 {
     LONG Workers = Held_By_Silent();
@@ -70,8 +81,20 @@ void Disk_Is_Silent(ULONG Lun)
     Silent[Lun] = 1;
 }
 
+LONG Last_Turn()
+{
+    return Last_Turn_Lun;
+}
+
+void Turn_Ends(ULONG Lun)
+{
+    Last_Turn_Lun = static_cast<LONG>(Lun);
+}
+
 void Disk_Answers(ULONG Lun)
 {
-    if (Silent[Lun] && InterlockedExchange(&Silent[Lun], 0))
-        Let_Others_Try();
+    if (!Silent[Lun] || !InterlockedExchange(&Silent[Lun], 0))
+        return;
+    InterlockedCompareExchange(&Last_Turn_Lun, -1, static_cast<LONG>(Lun));
+    Let_Others_Try();
 }

@@ -14,10 +14,17 @@
 void Hold_Begin(ULONG Lun);
 void Hold_End(ULONG Lun);
 
-// Whether a worker may turn to the disk now.
+// Whether a worker may turn to the disk now. Under Active_Lock the answer stays true until Hold_Begin, as only
+// there do workers turn to silent disks.
 bool May_Hold(ULONG Lun);
+// Hold_Begin, when the worker may. Takes Active_Lock.
+bool Try_Hold(ULONG Lun);
 // A worker that a silent disk holds has to be let go: silent disks hold all of them, or one has none.
 bool Must_Let_Go(ULONG Lun);
+
+// The silent disk that had a turn last, and that others go before; -1: none.
+LONG Last_Turn();
+void Turn_Ends(ULONG Lun);
 
 // A packet of the disk has timed out; a packet has come to its end.
 void Disk_Is_Silent(ULONG Lun);
@@ -44,14 +51,3 @@ private:
     ULONG To_;
 };
 
-// A worker's turn to a disk, for a scope.
-class Disk_Hold {
-public:
-    explicit Disk_Hold(ULONG Lun) : Lun_(Lun) { Hold_Begin(Lun_); }
-    ~Disk_Hold() { Hold_End(Lun_); }
-    Disk_Hold(const Disk_Hold&) = delete;
-    Disk_Hold& operator=(const Disk_Hold&) = delete;
-
-private:
-    ULONG Lun_;
-};

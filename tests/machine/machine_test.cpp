@@ -19,7 +19,7 @@ TEST_P(MachineStop, Comes_with_the_code_of_a_bug_check_and_nothing_runs_any_more
     std::atomic<bool> behind = false;
     const auto body = [&] {
         start_thread([&] {
-            machine.sleep_ms(20);
+            machine.sleep_ms(20'000);
             behind = true;
         });
         start_thread([&] {
