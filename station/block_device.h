@@ -23,6 +23,8 @@ struct Transfer {
     // caller's again from here on.
     void (*done)(Transfer&) = nullptr;
 
+    void* owner = nullptr;  // the caller's own
+
     // The queue's own: how far the transfer is, and since when.
     std::int64_t started_us = 0;
     std::uint32_t issued = 0;  // bytes handed to the disk

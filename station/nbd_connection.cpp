@@ -23,10 +23,18 @@ constexpr auto memory_poll_time = 10ms;
 
 // A request from its header to its reply. Given to the disk's queue while its transfer runs, then to
 // the sender, and back.
-struct NbdConnection::Slot : Transfer, Reply {
-    explicit Slot(NbdConnection& connection) : sender(connection.sender_) {}
+struct NbdConnection::Slot {
+    explicit Slot(NbdConnection& connection) : sender(connection.sender_)
+    {
+        reply.owner = transfer.owner = this;
+    }
+
+    static Slot& of(const Transfer& transfer) { return *static_cast<Slot*>(transfer.owner); }
+    static Slot& of(const Reply& reply) { return *static_cast<Slot*>(reply.owner); }
 
     ReplySender& sender;
+    Transfer transfer;
+    Reply reply;
     std::uint64_t cookie = 0;
     std::uint32_t refusal = 0;  // the error it will be answered with once its payload is skipped
     BufferPool::Buffer buffer;
@@ -190,7 +198,7 @@ NbdConnection::Progress NbdConnection::take_requests()
             if (slot.refusal)
                 refuse(slot, slot.refusal);
             else
-                queue_->submit(slot);
+                queue_->submit(slot.transfer);
             break;
         }
     }
@@ -231,29 +239,30 @@ NbdConnection::Progress NbdConnection::start_request()
         return Progress::need_bytes;
     }
 
-    slot->operation = operation_of(request.command);
-    slot->error = 0;
-    slot->offset = request.offset;
-    slot->length = request.length;
-    slot->Transfer::data = slot->buffer.memory.get();
-    slot->done = [](Transfer& transfer) {
-        Slot& done = static_cast<Slot&>(transfer);
-        done.header = simple_reply(done.cookie, done.error);
+    Transfer& transfer = slot->transfer;
+    transfer.operation = operation_of(request.command);
+    transfer.error = 0;
+    transfer.offset = request.offset;
+    transfer.length = request.length;
+    transfer.data = slot->buffer.memory.get();
+    transfer.done = [](Transfer& done) {
+        Slot& its = Slot::of(done);
         const bool with_data = done.operation == Transfer::Operation::read && done.error == 0;
-        done.Reply::data = done.Transfer::data;
-        done.data_bytes = with_data ? done.length : 0;
-        done.sender.push(done);
+        its.reply.header = simple_reply(its.cookie, done.error);
+        its.reply.data = done.data;
+        its.reply.data_bytes = with_data ? done.length : 0;
+        its.sender.push(its.reply);
     };
     if (!receiving_)
-        queue_->submit(*slot);
+        queue_->submit(transfer);
     return Progress::need_bytes;
 }
 
 void NbdConnection::refuse(Slot& slot, std::uint32_t error)
 {
-    slot.header = simple_reply(slot.cookie, error);
-    slot.data_bytes = 0;
-    sender_.push(slot);
+    slot.reply.header = simple_reply(slot.cookie, error);
+    slot.reply.data_bytes = 0;
+    sender_.push(slot.reply);
 }
 
 // Takes what the socket has, waiting when it has nothing. False when the client is gone.
@@ -300,7 +309,7 @@ NbdConnection::Slot* NbdConnection::free_slot()
 void NbdConnection::recycle(bool await)
 {
     for (Reply* reply = sender_.take_released(await); reply;) {
-        Slot& slot = static_cast<Slot&>(*reply);
+        Slot& slot = Slot::of(*reply);
         reply = reply->next;
         buffers_.give_back(std::move(slot.buffer));
         free_slots_.push_back(&slot);

@@ -21,6 +21,7 @@ struct Reply {
     nbd::SimpleReply header;
     const std::uint8_t* data = nullptr;
     std::uint32_t data_bytes = 0;
+    void* owner = nullptr;  // the caller's own
     Reply* next = nullptr;
 };
 
