@@ -49,6 +49,7 @@ Transfer::Operation operation_of(nbd::Command command)
         return Transfer::Operation::read;
     case nbd::Command::write:
         return Transfer::Operation::write;
+    case nbd::Command::trim:  // the server makes a hole of zeros
     case nbd::Command::write_zeroes:
         return Transfer::Operation::zero;
     default:

@@ -40,12 +40,22 @@ enum class Info : std::uint16_t { export_size = 0, name = 1, description = 2, bl
 constexpr std::uint16_t transmission_has_flags = 1;
 constexpr std::uint16_t transmission_read_only = 2;
 constexpr std::uint16_t transmission_send_flush = 4;
+constexpr std::uint16_t transmission_send_fua = 8;
+constexpr std::uint16_t transmission_send_trim = 32;
 constexpr std::uint16_t transmission_send_write_zeroes = 64;
 constexpr std::uint16_t transmission_can_multi_conn = 256;
 
-enum class Command : std::uint16_t { read = 0, write = 1, disconnect = 2, flush = 3, write_zeroes = 6 };
+enum class Command : std::uint16_t {
+    read = 0,
+    write = 1,
+    disconnect = 2,
+    flush = 3,
+    trim = 4,
+    write_zeroes = 6
+};
 
 // Command flags
+constexpr std::uint16_t command_fua = 1;      // answered once it is where a flush would have brought it
 constexpr std::uint16_t command_no_hole = 2;  // of write_zeroes: zeros that take up room
 
 // Errors of simple replies

@@ -76,6 +76,8 @@ constexpr std::uint16_t transmission_flags(const Export& chosen)
     unsigned flags = nbd::transmission_has_flags | nbd::transmission_can_multi_conn;
     flags |= chosen.read_only ? nbd::transmission_read_only : nbd::transmission_send_write_zeroes;
     flags |= chosen.flushes ? nbd::transmission_send_flush : 0;
+    if (chosen.flushes && !chosen.read_only)
+        flags |= nbd::transmission_send_fua | nbd::transmission_send_trim;
     return static_cast<std::uint16_t>(flags);
 }
 constexpr std::uint32_t block_bytes_minimum = 512;

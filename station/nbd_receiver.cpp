@@ -12,14 +12,20 @@ using namespace nbd;
 
 std::uint32_t check_request(const NbdRequest& request, const DiskTraits& disk)
 {
-    // Zeros are always written, so a wish for no hole is granted as it is.
-    const bool zeroes = request.command == Command::write_zeroes;
-    if ((request.flags & ~(zeroes ? command_no_hole : 0)) != 0)
+    // A write is answered when the server has it, which is all that a flush waits for. Zeros always travel,
+    // so a wish for no hole changes nothing.
+    const unsigned known =
+        (disk.flushes ? command_fua : 0u) | (request.command == Command::write_zeroes ? command_no_hole : 0u);
+    if ((request.flags & ~known) != 0)
         return error_invalid;
     std::uint32_t bytes_max = request_bytes_max;
     switch (request.command) {
     case Command::flush:
         return disk.flushes && request.offset == 0 && request.length == 0 ? 0 : error_invalid;
+    case Command::trim:
+        if (!disk.flushes)
+            return error_invalid;
+        [[fallthrough]];
     case Command::write_zeroes:
         bytes_max = UINT32_MAX;
         break;

@@ -36,6 +36,16 @@ class Copy(Case):
         self.assertEqual(zeros.count(0), len(zeros) - 65536)
         self.assertLess(stored_bytes(disk), min(before, 6 * 1024 * 1024))
 
+    def test_What_a_client_trims_gives_its_room_at_the_server_back(self):
+        disk = self.random_disk("disk", 24)
+        station = Station(self, Server(self, [disk]))
+        with open(disk, "rb") as file:
+            rest = file.read(1024 * 1024)
+        self.client("qemu-io", "-f", "raw", "-d", "unmap", "-c", "discard 1M 23M", station.uri(0))
+        self.assertLessEqual(stored_bytes(disk), 1024 * 1024)
+        with open(disk, "rb") as file:
+            self.assertTrue(file.read() == rest + bytes(23 * 1024 * 1024))
+
     def test_Disks_that_only_the_transport_knows_are_read_and_written(self):
         self.boot(handover="transport")
         self.client("qemu-img", "convert", "-n", "-f", "raw", "-O", "raw",

@@ -42,7 +42,7 @@ protected:
         start(limits);
         EXPECT_EQ(receive(18).size(), 18u);
         send(Writer().u32(3).add(option(1, Writer().text("lun0"))));
-        const unsigned flags = read_only ? 259 : flushes ? 325 : 321;
+        const unsigned flags = read_only ? 259 : flushes ? 365 : 321;
         EXPECT_EQ(receive(10),
                   Bytes(Writer()
                             .u64(disk_bytes)

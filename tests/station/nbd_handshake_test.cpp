@@ -26,7 +26,7 @@ const std::vector<Export>& three_exports()
 
 const Bytes greeting = Writer().text("NBDMAGICIHAVEOPT").u16(3);
 const Bytes fixed_no_zeroes = Writer().u32(3);
-const Bytes size_and_flags = Writer().u64(disk_bytes).u16(1 + 4 + 64 + 256);
+const Bytes size_and_flags = Writer().u64(disk_bytes).u16(1 + 4 + 8 + 32 + 64 + 256);
 const Bytes block_sizes = Writer().u16(3).u32(512).u32(4096).u32(32 << 20);
 
 struct Answer {
@@ -96,7 +96,7 @@ std::vector<Dialogue> dialogues()
 {
     const Bytes with_zeroes = Writer().add(size_and_flags).zeroes(124);
     const Bytes info = Writer().u16(0).add(size_and_flags);
-    const Bytes info_of_lun1 = Writer().u16(0).u64(2 * disk_bytes).u16(325);
+    const Bytes info_of_lun1 = Writer().u16(0).u64(2 * disk_bytes).u16(365);
     const Bytes malformed = refusal(7, 0x80000003, "malformed option");
     const auto go = [](const Bytes& data) { return after_flags(option(7, data)); };
     const auto chose = [](std::uint32_t number, const Bytes& about) {

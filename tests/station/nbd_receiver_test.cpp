@@ -108,8 +108,11 @@ TEST(NbdRequest, Check_answers_what_the_protocol_asks_for)
         {"offset and length wrap around", {0, nbd::Command::write, 0, 0xFFFFFFFFFFFFFE00, 512}, no_space},
         {"flush", {0, nbd::Command::flush, 0, 0, 0}, 0},
         {"flush of a range", {0, nbd::Command::flush, 0, 512, 512}, invalid},
-        {"write with FUA, which is not offered", {1, nbd::Command::write, 0, 0, 512}, invalid},
-        {"TRIM", {0, nbd::Command{4}, 0, 0, 512}, invalid},
+        {"write with FUA", {1, nbd::Command::write, 0, 0, 512}, 0},
+        {"zeros with FUA, no hole", {3, nbd::Command::write_zeroes, 0, 0, 512}, 0},
+        {"TRIM of more than a write", {0, nbd::Command::trim, 0, 0, most + 512}, 0},
+        {"TRIM across the end", {0, nbd::Command::trim, 0, disk_bytes, 512}, no_space},
+        {"TRIM without a hole", {2, nbd::Command::trim, 0, 0, 512}, invalid},
         {"zeros of more than a write", {0, nbd::Command::write_zeroes, 0, 0, most + 512}, 0},
         {"zeros to the end, no hole", {2, nbd::Command::write_zeroes, 0, 512, disk_bytes - 512}, 0},
         {"zeros across the end", {0, nbd::Command::write_zeroes, 0, 512, disk_bytes}, no_space},
@@ -121,6 +124,10 @@ TEST(NbdRequest, Check_answers_what_the_protocol_asks_for)
         EXPECT_EQ(check_request(each.request, {disk_bytes}), each.error)
             << each.name << ", length " << each.request.length;
     EXPECT_EQ(check_request({0, nbd::Command::read, 0, 0, 512}, {0}), invalid) << "a disk without sectors";
+    const DiskTraits read_only{disk_bytes, true, true}, cached{disk_bytes, false, false};
+    EXPECT_EQ(check_request({0, nbd::Command::trim, 0, 0, 512}, read_only), 1u);
+    EXPECT_EQ(check_request({0, nbd::Command::trim, 0, 0, 512}, cached), invalid) << "not offered";
+    EXPECT_EQ(check_request({1, nbd::Command::write, 0, 0, 512}, cached), invalid) << "not offered";
 }
 
 TEST(NbdReceiver, Stream_reads_the_same_however_it_is_cut)
