@@ -21,10 +21,13 @@
 #include "server/block_store.h"
 #include "server/boot_parameters.h"
 #include "server/boot_service.h"
+#include "server/fleet_config.h"
+#include "server/fleet_server.h"
 #include "server/flusher.h"
 #include "server/image_check.h"
 #include "server/options.h"
 #include "server/protocol.h"
+#include "server/raw_check.h"
 #include "server/statistics.h"
 #include "server/udp_socket.h"
 
@@ -152,6 +155,7 @@ void Server::open_disks()
         if (served.mirror && to_text(*served.mirror) == to_text(self_))
             throw UsageError(served.path + ": the mirror is this server itself");
         stores_.push_back(open_file_store(served.path, served.readonly));
+        check_raw_disk(*stores_.back(), served.path);
         disk_bytes_.push_back(stores_.back()->size_bytes());
         DiskOptions disk;
         std::memcpy(disk.disk_id, served.id, sizeof disk.disk_id);
@@ -318,6 +322,14 @@ void Server::take_ended_flushes()
         protocol_.flush_ended(job.disk, job.workstation, job.error);
 }
 
+void check_configuration(const std::string& path)
+{
+    const FleetConfig config = read_fleet_config(path);
+    check_fleet_images(config, path);
+    fmt::print("{}: good: {} images, {} groups, {} workstations\n", path, config.images.size(),
+               config.groups.size(), config.workstations.size());
+}
+
 int report(const std::exception& error, int status)
 {
     fmt::print(stderr, "qrn-server: {}\n", error.what());
@@ -334,6 +346,12 @@ int main(int argc, char** argv)
         options = parse_options(argc, argv);
         if (!options)
             return 0;
+        if (options->check_only) {
+            check_configuration(options->config_path);
+            return 0;
+        }
+        if (!options->config_path.empty())
+            return run_fleet_server(options->config_path);
         take_signals();
         server = std::make_unique<Server>(*options);
     } catch (const std::exception& error) {

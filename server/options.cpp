@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "server/options.h"
 
-#include <arpa/inet.h>
-
 #include <CLI/CLI.hpp>
 #include <charconv>
 #include <cstring>
@@ -20,6 +18,8 @@ namespace {
 constexpr char description[] = "Serves disk images and block devices to diskless workstations over UDP.";
 
 constexpr char details[] = R"(
+Takes --listen and --disk, or --config. The configuration file is described in qrn-server(1).
+
 A --disk is a raw image file or a block device, with options behind commas (so its path has none):
   id=HEX           eight digits, the disk's name on the wire; 515200NN by default, NN counted from
                    01, and 515210NN with mirror=. Bit 10 of the third byte marks a mirrored disk.
@@ -65,10 +65,10 @@ Value parse_number(std::string_view subject, std::string_view text, unsigned low
 
 formats::ServerRecord parse_host(std::string_view subject, std::string_view text)
 {
-    formats::ServerRecord record{};
-    if (inet_pton(AF_INET, std::string(text).c_str(), record.Ip) != 1)
+    const auto record = host_of(text);
+    if (!record)
         refuse(subject, fmt::format("'{}' is not an IPv4 address", text));
-    return record;
+    return *record;
 }
 
 formats::ServerRecord parse_address(std::string_view subject, std::string_view text, unsigned lowest_port)
@@ -167,12 +167,6 @@ ServedDisk parse_disk(const std::string& text, unsigned lun)
 
 }  // namespace
 
-std::string to_text(const formats::ServerRecord& address)
-{
-    return fmt::format("{}.{}.{}.{}:{}", address.Ip[0], address.Ip[1], address.Ip[2], address.Ip[3],
-                       address.Port.get());
-}
-
 std::optional<Options> parse_options(int argc, const char* const* argv)
 {
     CLI::App app(description, "qrn-server");
@@ -182,11 +176,9 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
     std::vector<std::string> disks;
     Options options;
     app.add_option("--listen", listen, "UDP address and port to serve on; port 0 takes any free one")
-        ->type_name("ADDR:PORT")
-        ->required();
+        ->type_name("ADDR:PORT");
     app.add_option("--disk", disks, "a disk to serve (see below); may be given four times")
         ->type_name("PATH[,OPTION]...")
-        ->required()
         ->allow_extra_args(false);
     app.add_option("--boot-block", options.boot_block_path,
                    "write the 360-byte boot parameter block of these disks")
@@ -200,6 +192,13 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
                    "ask a workstation for its status every so many seconds, for the statistics")
         ->type_name("SECONDS")
         ->check(CLI::Range(1u, 86400u).description(""));
+    std::string check_config;
+    CLI::Option* const config =
+        app.add_option("--config", options.config_path, "serve many workstations, as this file says")
+            ->type_name("FILE");
+    CLI::Option* const check =
+        app.add_option("--check-config", check_config, "only say what is wrong with such a file")
+            ->type_name("FILE");
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForVersion& version) {
@@ -214,6 +213,20 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
             throw UsageError("unknown argument " + unknown.front());
         throw UsageError(error.what());
     }
+    if (*config || *check) {
+        for (const CLI::Option* given : app.parse_order())
+            if (given != (*config ? config : check))
+                refuse(given->get_name(),
+                       "goes with neither --config nor --check-config; say it in the file");
+        options.check_only = !*config;
+        if (options.check_only)
+            options.config_path = check_config;
+        return options;
+    }
+    if (listen.empty())
+        refuse("--listen", "is required");
+    if (disks.empty())
+        refuse("--disk", "is required");
     options.listen = parse_address("--listen", listen, 0);
     if (!advertise.empty())
         options.advertise = parse_host("--advertise", advertise);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "formats/boot_block.h"
+#include "server/addresses.h"
 
 namespace server {
 
@@ -27,6 +28,8 @@ struct ServedDisk {
 };
 
 struct Options {
+    std::string config_path;   // of a server for many workstations; nothing else but check_only counts then
+    bool check_only = false;
     formats::ServerRecord listen;
     std::optional<formats::ServerRecord> advertise;  // only its address counts
     std::vector<ServedDisk> disks;
@@ -43,7 +46,5 @@ public:
 
 // Nothing when only help was asked for, which is then printed. Throws UsageError.
 std::optional<Options> parse_options(int argc, const char* const* argv);
-
-std::string to_text(const formats::ServerRecord& address);
 
 }  // namespace server

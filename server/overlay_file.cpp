@@ -118,6 +118,23 @@ OverlayReport check_overlay_file(const std::string& path)
     return check_overlay(*open_sparse_file(path, true), this_session());
 }
 
+void save_file(const std::string& path, std::string_view text)
+{
+    FreshFile fresh(path, 0);
+    const int file = open(fresh.name().c_str(), O_WRONLY | O_CLOEXEC);
+    if (file < 0)
+        fail(fresh.name());
+    errno = ENOSPC;  // the reason for a part only
+    const bool good =
+        write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size()) && fsync(file) == 0;
+    const int error = errno;
+    close(file);
+    errno = error;
+    if (!good)
+        fail(path);
+    fresh.keep();
+}
+
 void copy_disk(BlockStore& disk, const std::string& path)
 {
     FreshFile fresh(path, disk.size_bytes());

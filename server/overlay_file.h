@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "server/overlay_store.h"
 
@@ -22,6 +23,9 @@ std::unique_ptr<OverlayStore> open_overlay_file(const std::string& path, std::sh
 
 // Reads alone; the server may be at work on it.
 OverlayReport check_overlay_file(const std::string& path);
+
+// Replaces the file's content: the old one or the new one is there, even after a power cut.
+void save_file(const std::string& path, std::string_view text);
 
 // What the disk reads as, as a new raw file with holes for zeros. `path` must not be there.
 void copy_disk(BlockStore& disk, const std::string& path);

@@ -30,6 +30,8 @@ public:
     // Room for the data of one answer, formats::packet_bytes_max. A sink that keeps packets after
     // send() hands out memory that stays untouched until they are gone.
     virtual std::span<std::uint8_t> data_buffer() { return buffer_; }
+    // Lets go what send() gathered.
+    virtual void flush() {}
 
 private:
     std::array<std::uint8_t, formats::packet_bytes_max> buffer_;

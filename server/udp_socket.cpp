@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "server/udp_socket.h"
 
+#include <fcntl.h>
 #include <netinet/udp.h>
 #include <unistd.h>
 
@@ -91,7 +92,17 @@ void UdpSocket::ReceiveBatch::prepare()
     }
 }
 
-UdpSocket::UdpSocket(const Peer& address)
+UdpSocket::UdpSocket(const UdpSocket& socket, SendOnly)
+    : socket_(fcntl(socket.socket_, F_DUPFD_CLOEXEC, 0)), buffers_(buffers_max)
+{
+    runs_.reserve(runs_max);
+    packets_.reserve(packets_max);
+    headers_.reserve(packets_max);
+    if (socket_ < 0)
+        fail("socket");
+}
+
+UdpSocket::UdpSocket(const Peer& address, bool shares_port)
     : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)),
       received_(std::make_unique_for_overwrite<ReceiveBatch>()), buffers_(buffers_max)
 {
@@ -102,6 +113,8 @@ UdpSocket::UdpSocket(const Peer& address)
         fail("socket");
     const sockaddr_in to_bind = formats::socket_address(address);
     const timeval wait{.tv_sec = 0, .tv_usec = wait_ms * 1000};
+    if (shares_port)
+        set_option(socket_, SOL_SOCKET, SO_REUSEPORT, 1);
     if (bind(socket_, reinterpret_cast<const sockaddr*>(&to_bind), sizeof to_bind) != 0 ||
         !set_option(socket_, SOL_SOCKET, SO_RCVTIMEO, wait)) {
         const int error = errno;

@@ -28,7 +28,11 @@ public:
     using Handler = std::function<void(const Peer& from, std::span<const std::uint8_t> packet)>;
 
     // Binds to the address; port 0 takes any free port. Throws std::system_error.
-    explicit UdpSocket(const Peer& address);
+    // With a shared port, several sockets of this process bind to it, and a peer's packets all come to one.
+    explicit UdpSocket(const Peer& address, bool shares_port = false);
+    // Sends from the same address; for another thread. It must not receive.
+    struct SendOnly {};
+    UdpSocket(const UdpSocket& socket, SendOnly);
     ~UdpSocket() override;
     UdpSocket(const UdpSocket&) = delete;
     UdpSocket& operator=(const UdpSocket&) = delete;
@@ -45,7 +49,7 @@ public:
     void send(const Peer& to, std::span<const std::uint8_t> header,
               std::span<const std::uint8_t> data) override;
     std::span<std::uint8_t> data_buffer() override;
-    void flush();
+    void flush() override;
 
     const SocketCounters& counters() const { return counters_; }
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# bash completion for qrn-server, qrn-station and qrn-image: whatever their --help names.
+# bash completion for qrn-server, qrn-ctl, qrn-station and qrn-image: whatever their --help names.
 _qrndisk()
 {
     local program=$1 word=$2 before=$3 commands command= each
@@ -27,4 +27,4 @@ _qrndisk()
         COMPREPLY=($(compgen -f -- "$word"))
     fi
 }
-complete -o filenames -F _qrndisk qrn-server qrn-station qrn-image
+complete -o filenames -F _qrndisk qrn-server qrn-ctl qrn-station qrn-image

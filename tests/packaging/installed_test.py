@@ -14,7 +14,7 @@ import unittest
 
 BUILD = sys.argv.pop(1)
 MANUALS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../packaging/man")
-PROGRAMS = ("qrn-server", "qrn-station", "qrn-image")
+PROGRAMS = ("qrn-server", "qrn-ctl", "qrn-station", "qrn-image")
 
 # Image, area, server, workstation, and every byte compared.
 MAIN_JOB = r"""set -e

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: MIT
+// Block stores around others: one that flushes every write, and one that only its owner may write to.
+#pragma once
+
+#include <cerrno>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "server/block_store.h"
+
+namespace server {
+
+class StoreAround : public BlockStore {
+public:
+    explicit StoreAround(std::shared_ptr<BlockStore> inner) : inner_(std::move(inner)) {}
+    std::uint64_t size_bytes() const override { return inner_->size_bytes(); }
+    bool read(std::uint64_t offset, std::span<std::uint8_t> out) override
+    {
+        return inner_->read(offset, out);
+    }
+    bool write(std::uint64_t offset, std::span<const std::uint8_t> data) override
+    {
+        return inner_->write(offset, data);
+    }
+    bool flush() override { return inner_->flush(); }
+    bool hole(std::uint64_t offset, std::uint64_t bytes) override { return inner_->hole(offset, bytes); }
+
+private:
+    std::shared_ptr<BlockStore> inner_;
+};
+
+// What is answered is on the medium.
+class SyncedStore : public StoreAround {
+public:
+    using StoreAround::StoreAround;
+    bool write(std::uint64_t offset, std::span<const std::uint8_t> data) override
+    {
+        return StoreAround::write(offset, data) && StoreAround::flush();
+    }
+};
+
+// Which workstation writes to an exclusive disk: the first that does, until it lets go. Any thread.
+class DiskOwner {
+public:
+    bool take(const std::string& workstation)
+    {
+        std::lock_guard guard(lock_);
+        if (name_.empty())
+            name_ = workstation;
+        return name_ == workstation;
+    }
+    void release(const std::string& workstation)
+    {
+        std::lock_guard guard(lock_);
+        if (name_ == workstation)
+            name_.clear();
+    }
+    std::string name() const
+    {
+        std::lock_guard guard(lock_);
+        return name_;
+    }
+
+private:
+    mutable std::mutex lock_;
+    std::string name_;
+};
+
+class ExclusiveStore : public StoreAround {
+public:
+    ExclusiveStore(std::shared_ptr<BlockStore> inner, std::shared_ptr<DiskOwner> owner,
+                   std::string workstation)
+        : StoreAround(std::move(inner)), owner_(std::move(owner)), workstation_(std::move(workstation))
+    {
+    }
+    // Another workstation's disk: EBUSY.
+    bool write(std::uint64_t offset, std::span<const std::uint8_t> data) override
+    {
+        if (owner_->take(workstation_))
+            return StoreAround::write(offset, data);
+        errno = EBUSY;
+        return false;
+    }
+
+private:
+    std::shared_ptr<DiskOwner> owner_;
+    std::string workstation_;
+};
+
+}  // namespace server

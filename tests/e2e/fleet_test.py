@@ -1,0 +1,207 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+"""A server of many workstations, administered while they work; stations are real, each with a disk of its own."""
+import hashlib
+import json
+import os
+import random
+import socket
+import struct
+import subprocess
+import unittest
+
+from harness import BIN, DRIVER, MB, Case, Program, stored_bytes
+
+
+class FleetServer(Program):
+    def __init__(self, case, text, name="server"):
+        self.state, self.control = case.path("state"), case.path("control")
+        self.config_path = case.path("server.toml")
+        if text:
+            with open(self.config_path, "w") as file:
+                file.write(text)
+        super().__init__(case, name, [f"{BIN}/qrn-server", "--config", self.config_path])
+        self.port = int(self.output().split("ready ")[1].split()[0].split(":")[1])
+
+    def ctl(self, *arguments, fails=False):
+        done = subprocess.run([f"{BIN}/qrn-ctl", "--socket", self.control, "--json", *arguments],
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=60)
+        self.case.assertEqual(done.returncode, 1 if fails else 0, done.stdout + done.stderr)
+        return done.stderr if fails else json.loads(done.stdout)
+
+
+class FleetStation(Program):
+    def __init__(self, case, server, name):
+        block = case.path(f"{name}.block")
+        server.ctl("boot-block", name, block)
+        self.socket_path = case.path(f"{name}.nbd")
+        super().__init__(case, f"station-{name}",
+                         [f"{BIN}/qrn-station", "--boot-block", block, "--driver", DRIVER,
+                          "--nbd", f"unix:{self.socket_path}", "--memory", "128"])
+
+    def uri(self, lun=0):
+        return f"nbd+unix:///lun{lun}?socket={self.socket_path}"
+
+
+class Fleet(Case):
+    STATIONS = 3
+
+    def config(self, disks, port=0, images=None, more=""):
+        text = f"""[server]
+listen = "127.0.0.1:{port}"
+state = "{self.path('state')}"
+control = "{self.path('control')}"
+allow = ["127.0.0.0/8"]
+{more}
+"""
+        for name, path in (images or {"golden": self.path("golden")}).items():
+            text += f'[images.{name}]\npath = "{path}"\n'
+        text += f"[groups.room]\ndisks = [{disks}]\n"
+        for number in range(self.STATIONS):
+            text += f'[workstations.pc{number}]\nhardware = "52:54:00:00:00:{number:02x}"\ngroup = "room"\n'
+        return text
+
+    def read(self, station, lun=0):
+        target = self.path("read")
+        self.client("nbdcopy", station.uri(lun), target)
+        with open(target, "rb") as file:
+            return file.read()
+
+    def write(self, station, offset, data, lun=0):
+        source = self.path("source")
+        with open(source, "wb") as file:
+            file.write(data)
+        self.client("qemu-io", "-f", "raw", "-c", f"write -s {source} {offset} {len(data)}", "-c", "flush",
+                    station.uri(lun))
+
+    def golden(self):
+        with open(self.random_disk("golden", 8), "rb") as file:
+            return bytearray(file.read())
+
+    def test_Workstations_keep_their_own_writes_over_one_image_even_when_the_server_is_killed(self):
+        golden = self.golden()
+        server = FleetServer(self, self.config('{ image = "golden", at_boot = "keep" }'))
+        stations = [FleetStation(self, server, f"pc{n}") for n in range(self.STATIONS)]
+        expected = [bytearray(golden) for _ in stations]
+        source = random.Random(3)
+        for round_number in range(2):
+            for station, content in zip(stations, expected):
+                for _ in range(4):
+                    offset, data = source.randrange(15000) * 512, source.randbytes(512 * source.randrange(1, 60))
+                    self.write(station, offset, data)
+                    content[offset:offset + len(data)] = data
+                self.write(station, 6 * MB, bytes(MB))
+                content[6 * MB:7 * MB] = bytes(MB)
+            if round_number == 0:
+                server.kill()
+                again = FleetServer(self, self.config('{ image = "golden", at_boot = "keep" }', port=server.port),
+                                    name="again")
+        for station, content in zip(stations, expected):
+            self.assertEqual(self.read(station), content)
+        with open(self.path("golden"), "rb") as file:
+            self.assertEqual(hashlib.sha256(file.read()).digest(), hashlib.sha256(golden).digest())
+        self.assertLess(stored_bytes(self.path("state/overlays/pc0.lun0")), 2 * MB)
+        shown = again.ctl("show", "pc1")
+        self.assertEqual(shown["state"], "running")
+        self.assertEqual(shown["disks"][0]["image"], "golden@1")
+        for station in stations:
+            station.stop()
+        again.stop()
+        check = subprocess.run([f"{BIN}/qrn-ctl", "--json", "check-overlay", self.path("state/overlays/pc0.lun0")],
+                               stdout=subprocess.PIPE, check=True)
+        report = json.loads(check.stdout)
+        self.assertEqual(report["blocks_flushed"], report["blocks_live"], "an orderly end leaves nothing to lose")
+
+    def test_What_one_wrote_is_committed_rolled_back_reset_and_forgotten_at_boot(self):
+        golden = self.golden()
+        server = FleetServer(self, self.config('{ image = "golden" }'))
+        first = FleetStation(self, server, "pc0")
+        self.write(first, 4096, b"committed" * 512)
+        changed = bytearray(golden)
+        changed[4096:4096 + 9 * 512] = b"committed" * 512
+        self.assertIn("running", server.ctl("commit", "pc0", fails=True))
+        first.stop()
+        self.assertEqual(server.ctl("commit", "pc0")["version"], 2)
+        second = FleetStation(self, server, "pc1")
+        self.assertEqual(self.read(second), changed)
+        self.assertIn("current", server.ctl("remove", "golden@2", fails=True))
+        server.ctl("rollback", "golden")
+        third = FleetStation(self, server, "pc2")
+        self.assertEqual(self.read(third), golden)
+        self.assertEqual(self.read(second), changed, "one that runs stays on its version")
+        self.assertIn("used by pc1", server.ctl("remove", "golden@2", fails=True))
+        self.write(second, 0, b"x" * 512)
+        second.stop()
+        second = FleetStation(self, server, "pc1")
+        self.assertEqual(self.read(second), golden, "writes are thrown away at the next boot, which is of the current image")
+        self.assertIn("running", server.ctl("reset", "pc1", fails=True))
+        images = server.ctl("list")["images"][0]
+        self.assertEqual((images["current"], len(images["versions"])), (1, 2))
+
+    def test_A_reload_says_what_it_could_not_change_and_leaves_running_workstations_alone(self):
+        golden = self.golden()
+        other = self.random_disk("other", 8, seed=2)
+        server = FleetServer(self, self.config('{ image = "golden" }'))
+        station = FleetStation(self, server, "pc0")
+        text = self.config('{ image = "golden" }, { image = "other", mode = "readonly" }',
+                           images={"golden": self.path("golden"), "other": other}, more="threads = 4")
+        with open(server.config_path, "w") as file:
+            file.write(text)
+        told = server.ctl("reload")
+        self.assertIn("'threads'", " ".join(told["unchanged"]))
+        self.assertEqual(self.read(station), golden)
+        again = FleetStation(self, server, "pc1")
+        with open(other, "rb") as file:
+            self.assertEqual(self.read(again, 1), file.read())
+        with open(server.config_path, "a") as file:
+            file.write("[images.bad]\n")
+        self.assertIn("'path' is missing", server.ctl("reload", fails=True))
+
+    def test_A_second_writer_of_an_exclusive_disk_is_refused_until_the_first_is_gone(self):
+        self.golden()
+        server = FleetServer(self, self.config('{ image = "golden", mode = "exclusive", retry_mins = 1 }'))
+        first, second = (FleetStation(self, server, name) for name in ("pc0", "pc1"))
+        self.write(first, 0, b"1" * 512)
+        intruder = self.start_client("qemu-io", "-f", "raw", "-c", "write -P 0x32 0 512", second.uri())
+        self.wait_until(lambda: server.ctl("show", "pc1")["disks"][0]["store_errors"] > 0, "the write was refused")
+        self.assertIn("is in use by pc0", server.output())
+        with open(self.path("golden"), "rb") as file:
+            self.assertEqual(file.read(512), b"1" * 512)
+        first.stop()
+        self.finish_client(intruder)
+        with open(self.path("golden"), "rb") as file:
+            self.assertEqual(file.read(512), b"2" * 512, "the first has shut down, and the second was still trying")
+
+    def test_Strangers_get_no_answer_and_are_counted(self):
+        self.golden()
+        server = FleetServer(self, self.config('{ image = "golden" }').replace("127.0.0.0/8", "127.0.0.1/32"))
+        request = b"QRNB\x01\x01\x00\x40" + b"\x01\x02\x03\x04" + bytes.fromhex("525400000000") + bytes(46)
+        def ask(address, packet, wait_s=2):
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
+                client.bind((address, 0))
+                client.settimeout(wait_s)
+                client.sendto(packet, ("127.0.0.1", server.port))
+                try:
+                    return client.recv(2000)
+                except socket.timeout:
+                    return None
+        dropped = lambda: server.ctl("list")["server"]["dropped"]
+        self.assertIsNone(ask("127.0.0.2", request, 0.2))
+        self.assertEqual(dropped()["strangers"], 1)
+        answer = ask("127.0.0.1", request)
+        self.assertEqual((len(answer), answer[5]), (464, 2))
+        self.assertEqual(ask("127.0.0.1", request), answer, "asked again, it is the same boot")
+        unknown = ask("127.0.0.1", request[:17] + b"\x77" + request[18:])
+        self.assertEqual(unknown[5], 3, unknown)
+        disk = answer[104 + 48:104 + 84]
+        identity, parameter = disk[6:10], disk[10:14]
+        read = identity + struct.pack(">BBH", 0, 0, 0)
+        self.assertEqual(parameter[3], 0)
+        self.assertEqual(parameter[2], 1, "the first boot")
+        server.ctl("drain")
+        other = request[:8] + b"\x09" + request[9:]
+        self.assertEqual(ask("127.0.0.1", other)[5], 3, "no boots while draining")
+
+
+if __name__ == "__main__":
+    unittest.main()
