@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <new>
+#include <span>
 #include <system_error>
 
+#include "station/extent_search.h"
 #include "station/nbd_handshake.h"
 
 namespace station {
@@ -24,20 +26,33 @@ constexpr auto memory_poll_time = 10ms;
 // A request from its header to its reply. Given to the disk's queue while its transfer runs, then to
 // the sender, and back.
 struct NbdConnection::Slot {
-    explicit Slot(NbdConnection& connection) : sender(connection.sender_)
+    explicit Slot(NbdConnection& its_connection) : connection(its_connection)
     {
         reply.owner = transfer.owner = this;
+        transfer.done = [](Transfer& done) { of(done).transfer_done(); };
     }
 
     static Slot& of(const Transfer& transfer) { return *static_cast<Slot*>(transfer.owner); }
     static Slot& of(const Reply& reply) { return *static_cast<Slot*>(reply.owner); }
 
-    ReplySender& sender;
+    void start(const NbdRequest& request);
+    void submit() { connection.queue_->submit(transfer); }
+    void refuse(std::uint32_t error);
+
+    NbdConnection& connection;
     Transfer transfer;
     Reply reply;
+    nbd::Command command = nbd::Command::read;
     std::uint64_t cookie = 0;
     std::uint32_t refusal = 0;  // the error it will be answered with once its payload is skipped
+    ExtentSearch extent;        // of a question for the block status
     BufferPool::Buffer buffer;
+
+private:
+    void transfer_done();
+    void read_next_piece();
+    bool wants_chunks() const;
+    void answer(const ReplyHeader& header, std::uint32_t data_bytes = 0);
 };
 
 namespace {
@@ -46,6 +61,7 @@ Transfer::Operation operation_of(nbd::Command command)
 {
     switch (command) {
     case nbd::Command::read:
+    case nbd::Command::block_status:
         return Transfer::Operation::read;
     case nbd::Command::write:
         return Transfer::Operation::write;
@@ -58,6 +74,67 @@ Transfer::Operation operation_of(nbd::Command command)
 }
 
 }  // namespace
+
+void NbdConnection::Slot::start(const NbdRequest& request)
+{
+    transfer.operation = operation_of(request.command);
+    transfer.error = 0;
+    transfer.offset = request.offset;
+    transfer.length = request.length;
+    transfer.data = buffer.memory.get();
+    if (command == nbd::Command::block_status) {
+        extent = ExtentSearch(request.offset, request.length);
+        read_next_piece();
+    }
+}
+
+void NbdConnection::Slot::read_next_piece()
+{
+    transfer.offset = extent.piece_offset();
+    transfer.length = extent.piece_bytes();
+}
+
+// At up to DISPATCH_LEVEL.
+void NbdConnection::Slot::transfer_done()
+{
+    if (transfer.error)
+        return refuse(transfer.error);
+    const std::span content(transfer.data, transfer.length);
+    if (command == nbd::Command::block_status) {
+        if (extent.take(content))
+            return answer(status_reply(cookie, extent.bytes(), extent.zeros() ? nbd::extent_reads_zero : 0));
+        read_next_piece();
+        return submit();
+    }
+    if (command != nbd::Command::read)
+        return answer(simple_reply(cookie, 0));
+    if (!wants_chunks())
+        return answer(simple_reply(cookie, 0), transfer.length);
+    if (all_zeros(content))
+        return answer(hole_reply(cookie, transfer.offset, transfer.length));
+    answer(data_reply(cookie, transfer.offset, transfer.length), transfer.length);
+}
+
+// Where structured replies were agreed on, a read has no other; neither has what only they can answer.
+bool NbdConnection::Slot::wants_chunks() const
+{
+    return connection.disk_.structured &&
+           (command == nbd::Command::read || command == nbd::Command::block_status);
+}
+
+void NbdConnection::Slot::refuse(std::uint32_t error)
+{
+    answer(wants_chunks() ? error_reply(cookie, error) : simple_reply(cookie, error));
+}
+
+// From here on the slot is the sender's.
+void NbdConnection::Slot::answer(const ReplyHeader& header, std::uint32_t data_bytes)
+{
+    reply.header = header;
+    reply.data = buffer.memory.get();
+    reply.data_bytes = data_bytes;
+    connection.sender_.push(reply);
+}
 
 NbdConnection::NbdConnection(UniqueFd socket, const Exports& exports, ConnectionLimits limits)
     : socket_(std::move(socket)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), exports_(exports),
@@ -121,7 +198,8 @@ bool NbdConnection::handshake()
     if (dialogue.state() == NbdHandshake::State::closed)
         return false;
     export_ = dialogue.chosen();
-    disk_ = {export_.device->size_bytes(), export_.read_only, export_.flushes};
+    disk_ = {export_.device->size_bytes(), export_.read_only, export_.flushes, dialogue.structured_replies(),
+             dialogue.block_status()};
     return true;
 }
 
@@ -197,9 +275,9 @@ NbdConnection::Progress NbdConnection::take_requests()
         case NbdReceiver::Event::payload:
             Slot& slot = *std::exchange(receiving_, nullptr);
             if (slot.refusal)
-                refuse(slot, slot.refusal);
+                slot.refuse(slot.refusal);
             else
-                queue_->submit(slot.transfer);
+                slot.submit();
             break;
         }
     }
@@ -222,6 +300,7 @@ NbdConnection::Progress NbdConnection::start_request()
         }
     }
     free_slots_.pop_back();
+    slot->command = request.command;
     slot->cookie = request.cookie;
     slot->refusal = error;
 
@@ -236,34 +315,14 @@ NbdConnection::Progress NbdConnection::start_request()
     }
     if (error) {
         if (!receiving_)
-            refuse(*slot, error);
+            slot->refuse(error);
         return Progress::need_bytes;
     }
 
-    Transfer& transfer = slot->transfer;
-    transfer.operation = operation_of(request.command);
-    transfer.error = 0;
-    transfer.offset = request.offset;
-    transfer.length = request.length;
-    transfer.data = slot->buffer.memory.get();
-    transfer.done = [](Transfer& done) {
-        Slot& its = Slot::of(done);
-        const bool with_data = done.operation == Transfer::Operation::read && done.error == 0;
-        its.reply.header = simple_reply(its.cookie, done.error);
-        its.reply.data = done.data;
-        its.reply.data_bytes = with_data ? done.length : 0;
-        its.sender.push(its.reply);
-    };
+    slot->start(request);
     if (!receiving_)
-        queue_->submit(transfer);
+        slot->submit();
     return Progress::need_bytes;
-}
-
-void NbdConnection::refuse(Slot& slot, std::uint32_t error)
-{
-    slot.reply.header = simple_reply(slot.cookie, error);
-    slot.reply.data_bytes = 0;
-    sender_.push(slot.reply);
 }
 
 // Takes what the socket has, waiting when it has nothing. False when the client is gone.

@@ -53,7 +53,6 @@ private:
     enum class Progress { need_bytes, need_slot, need_memory, ended };
     Progress take_requests();
     Progress start_request();  // need_bytes: it is started
-    void refuse(Slot& slot, std::uint32_t error);
     bool receive();
     Slot* free_slot();
     void recycle(bool await);

@@ -175,6 +175,13 @@ void NbdHandshake::option()
     case Option::go:
         info_or_go(option);
         break;
+    case Option::structured_reply:
+        structured_reply();
+        break;
+    case Option::list_meta_context:
+    case Option::set_meta_context:
+        meta_context(option);
+        break;
     default:
         reply(reply_error_unsupported);
         break;
@@ -191,7 +198,7 @@ void NbdHandshake::export_name()
     }
     ExportNameReply answer;
     answer.size_bytes.set(found->device->size_bytes());
-    answer.transmission_flags.set(transmission_flags(*found));
+    answer.transmission_flags.set(transmission_flags(*found, structured_));
     put(answer);
     if (!no_zeroes_)
         output_.resize(output_.size() + export_name_zeroes);
@@ -241,12 +248,56 @@ void NbdHandshake::info_or_go(Option option)
     }
 }
 
+void NbdHandshake::structured_reply()
+{
+    if (!input_.empty())
+        return reply_text(reply_error_invalid, "this option carries no data");
+    structured_ = true;
+    reply(reply_ack);
+}
+
+// LIST without a query asks for all there is, SET for nothing. What was set before is void either way.
+void NbdHandshake::meta_context(Option option)
+{
+    const bool lists = option == Option::list_meta_context;
+    if (!lists)
+        status_of_.reset();
+    if (!structured_)
+        return reply_text(reply_error_invalid, "only with structured replies");
+    FieldReader fields(input_);
+    const std::uint32_t name_bytes = fields.take<Be32>();
+    if (fields.complete() && name_bytes > name_bytes_max)
+        return reply_text(reply_error_too_big, "export name too long");
+    const auto name = fields.take_bytes(name_bytes);
+    const std::uint32_t queries = fields.take<Be32>();
+    bool wanted = lists && queries == 0;
+    for (std::uint32_t i = 0; i < queries && fields.complete(); ++i) {
+        const std::uint32_t query_bytes = fields.take<Be32>();
+        const auto bytes = fields.take_bytes(query_bytes);
+        const std::string_view query(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        wanted |= query == allocation_context || (lists && query == "base:");
+    }
+    if (!fields.complete() || !fields.at_end())
+        return reply_text(reply_error_invalid, "malformed option");
+    const Export* found = find({reinterpret_cast<const char*>(name.data()), name.size()});
+    if (!found)
+        return reply_text(reply_error_unknown, "no such export");
+    if (wanted) {
+        Be32 id;
+        id.set(lists ? 0 : allocation_context_id);
+        reply(reply_meta_context, joined(bytes_of(id), text_bytes(allocation_context)));
+        if (!lists)
+            status_of_ = found->name;
+    }
+    reply(reply_ack);
+}
+
 void NbdHandshake::send_info(const Export& chosen, bool want_name, bool want_description)
 {
     InfoExport size;
     size.type.set(static_cast<std::uint16_t>(Info::export_size));
     size.size_bytes.set(chosen.device->size_bytes());
-    size.transmission_flags.set(transmission_flags(chosen));
+    size.transmission_flags.set(transmission_flags(chosen, structured_));
     reply(reply_info, bytes_of(size));
 
     Be16 type;

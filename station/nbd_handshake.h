@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -35,6 +36,9 @@ public:
 
     State state() const { return state_; }
     const Export& chosen() const { return *chosen_; }
+    // What the client takes beside plain replies.
+    bool structured_replies() const { return structured_; }
+    bool block_status() const { return chosen_ && status_of_ == chosen_->name; }
 
     // Bytes for the client since the last call.
     std::vector<std::uint8_t> take_output();
@@ -50,6 +54,8 @@ private:
     void export_name();
     void list();
     void info_or_go(nbd::Option option);
+    void structured_reply();
+    void meta_context(nbd::Option option);
     void send_info(const Export& chosen, bool want_name, bool want_description);
     const Export* find(std::string_view name) const;
     void reply(std::uint32_t type, std::span<const std::uint8_t> data = {});
@@ -62,6 +68,8 @@ private:
     Expecting expecting_ = Expecting::client_flags;
     bool fixed_newstyle_ = false;
     bool no_zeroes_ = false;
+    bool structured_ = false;
+    std::optional<std::string> status_of_;  // the export of which the client wants to know where it has zeros
     unsigned options_ = 0;
     std::uint32_t option_ = 0;
     std::uint32_t option_bytes_ = 0;
@@ -71,11 +79,12 @@ private:
 };
 
 // What is announced to the client of an export.
-constexpr std::uint16_t transmission_flags(const Export& chosen)
+constexpr std::uint16_t transmission_flags(const Export& chosen, bool structured)
 {
     unsigned flags = nbd::transmission_has_flags | nbd::transmission_can_multi_conn;
     flags |= chosen.read_only ? nbd::transmission_read_only : nbd::transmission_send_write_zeroes;
     flags |= chosen.flushes ? nbd::transmission_send_flush : 0;
+    flags |= structured ? nbd::transmission_send_df : 0;
     if (chosen.flushes && !chosen.read_only)
         flags |= nbd::transmission_send_fua | nbd::transmission_send_trim;
     return static_cast<std::uint16_t>(flags);

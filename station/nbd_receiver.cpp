@@ -10,13 +10,30 @@ namespace station {
 
 using namespace nbd;
 
+namespace {
+
+// A write is answered when the server has it, which is all that a flush waits for. Zeros always travel, so a
+// wish for no hole changes nothing. A reply is never more than one chunk, nor an answer more than one extent.
+unsigned known_flags(Command command, const DiskTraits& disk)
+{
+    const unsigned flags = disk.flushes ? command_fua : 0u;
+    switch (command) {
+    case Command::write_zeroes:
+        return flags | command_no_hole;
+    case Command::read:
+        return flags | (disk.structured ? command_df : 0u);
+    case Command::block_status:
+        return flags | command_req_one;
+    default:
+        return flags;
+    }
+}
+
+}  // namespace
+
 std::uint32_t check_request(const NbdRequest& request, const DiskTraits& disk)
 {
-    // A write is answered when the server has it, which is all that a flush waits for. Zeros always travel,
-    // so a wish for no hole changes nothing.
-    const unsigned known =
-        (disk.flushes ? command_fua : 0u) | (request.command == Command::write_zeroes ? command_no_hole : 0u);
-    if ((request.flags & ~known) != 0)
+    if ((request.flags & ~known_flags(request.command, disk)) != 0)
         return error_invalid;
     std::uint32_t bytes_max = request_bytes_max;
     switch (request.command) {
@@ -29,30 +46,27 @@ std::uint32_t check_request(const NbdRequest& request, const DiskTraits& disk)
     case Command::write_zeroes:
         bytes_max = UINT32_MAX;
         break;
+    case Command::block_status:
+        if (!disk.block_status)
+            return error_invalid;
+        bytes_max = UINT32_MAX;
+        break;
     case Command::read:
     case Command::write:
         break;
     default:
         return error_invalid;
     }
-    if (disk.read_only && request.command != Command::read)
+    const bool only_looks = request.command == Command::read || request.command == Command::block_status;
+    if (disk.read_only && !only_looks)
         return error_not_permitted;
     if (request.length == 0 || request.length > bytes_max)
         return error_invalid;
     if (request.length % formats::sector_bytes != 0 || request.offset % formats::sector_bytes != 0)
         return error_invalid;
     if (request.offset > disk.bytes || request.length > disk.bytes - request.offset)
-        return request.command == Command::read ? error_invalid : error_no_space;
+        return only_looks ? error_invalid : error_no_space;
     return 0;
-}
-
-SimpleReply simple_reply(std::uint64_t cookie, std::uint32_t error)
-{
-    SimpleReply reply;
-    reply.magic.set(simple_reply_magic);
-    reply.error.set(error);
-    reply.cookie.set(cookie);
-    return reply;
 }
 
 NbdReceiver::Spaces NbdReceiver::spaces()

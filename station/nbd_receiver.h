@@ -5,10 +5,12 @@
 // is ever held here.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <span>
 
+#include "station/extent_search.h"
 #include "station/nbd_format.h"
 
 namespace station {
@@ -22,8 +24,13 @@ struct NbdRequest {
 
     // Bytes that follow the request's header, whatever becomes of the request.
     std::uint32_t payload_bytes() const { return command == nbd::Command::write ? length : 0; }
-    // Bytes that the request moves between client and disk.
-    std::uint32_t buffer_bytes() const { return command == nbd::Command::read ? length : payload_bytes(); }
+    // Memory for what is read or written.
+    std::uint32_t buffer_bytes() const
+    {
+        if (command == nbd::Command::block_status)
+            return std::min(length, ExtentSearch::piece_bytes_max);
+        return command == nbd::Command::read ? length : payload_bytes();
+    }
 };
 
 // What the client was told of its disk.
@@ -31,12 +38,12 @@ struct DiskTraits {
     std::uint64_t bytes = 0;
     bool read_only = false;
     bool flushes = true;
+    bool structured = false;    // the client wants structured replies
+    bool block_status = false;  // and to be told of zeros
 };
 
 // 0, or the error that answers the request of a client of this disk.
 std::uint32_t check_request(const NbdRequest& request, const DiskTraits& disk);
-
-nbd::SimpleReply simple_reply(std::uint64_t cookie, std::uint32_t error);
 
 class NbdReceiver {
 public:

@@ -70,9 +70,9 @@ void ReplySender::send_queued(std::unique_lock<std::mutex>& lock)
         unsigned count = 0;
         std::size_t skip = front_sent_bytes_;
         for (Reply* each = queued_.front(); each && count + 2 <= 2 * batch_max; each = each->next) {
-            const std::size_t header_skip = std::min(skip, sizeof each->header);
-            pieces[count++] = {reinterpret_cast<char*>(&each->header) + header_skip,
-                               sizeof each->header - header_skip};
+            const std::size_t header_skip = std::min<std::size_t>(skip, each->header.size_bytes);
+            pieces[count++] = {each->header.bytes.data() + header_skip,
+                               each->header.size_bytes - header_skip};
             const std::size_t data_skip = skip - header_skip;
             if (each->data_bytes > data_skip)
                 pieces[count++] = {const_cast<std::uint8_t*>(each->data) + data_skip,
@@ -103,7 +103,7 @@ void ReplySender::release_sent(std::size_t bytes)
 {
     front_sent_bytes_ += bytes;
     while (!queued_.empty()) {
-        const std::size_t whole = sizeof(nbd::SimpleReply) + queued_.front()->data_bytes;
+        const std::size_t whole = queued_.front()->header.size_bytes + queued_.front()->data_bytes;
         if (front_sent_bytes_ < whole)
             return;
         const std::size_t rest = front_sent_bytes_ - whole;

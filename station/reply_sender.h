@@ -12,13 +12,13 @@
 #include <mutex>
 #include <vector>
 
-#include "station/nbd_format.h"
+#include "station/nbd_reply.h"
 
 namespace station {
 
 // One reply: header, then data. The memory must stay until the reply is released.
 struct Reply {
-    nbd::SimpleReply header;
+    ReplyHeader header;
     const std::uint8_t* data = nullptr;
     std::uint32_t data_bytes = 0;
     void* owner = nullptr;  // the caller's own

@@ -18,6 +18,7 @@ constexpr std::uint64_t asked_bytes_max = 1u << 30;
 // Of the extents the server tells, how far it is zeros from the start on.
 struct Zeros {
     std::uint64_t bytes = 0;
+    std::uint64_t data_bytes = 0;  // right behind them
     bool ended = false;
 };
 
@@ -27,8 +28,10 @@ int add_extents(void* user, const char*, std::uint64_t, std::uint32_t* entries, 
     for (std::size_t i = 0; i + 1 < count && !zeros.ended; i += 2)
         if ((entries[i + 1] & LIBNBD_STATE_ZERO) != 0)
             zeros.bytes += entries[i];
-        else
+        else {
+            zeros.data_bytes = entries[i];
             zeros.ended = true;
+        }
     return 0;
 }
 
@@ -71,13 +74,15 @@ std::uint64_t NbdDisk::zeros_from(std::uint64_t offset_bytes) const
     if (nbd_block_status(handle_.get(), std::min(asked_bytes_max, size_bytes_ - offset_bytes), offset_bytes,
                          callback, 0) != 0)
         fail();
+    data_start_ = offset_bytes + zeros.bytes;
+    data_end_ = data_start_ + zeros.data_bytes;
     return zeros.bytes;
 }
 
 std::uint32_t NbdDisk::next_chunk(std::uint32_t from) const
 {
     std::uint64_t at = std::uint64_t{from} * chunk_bytes;
-    while (tells_holes_ && at < size_bytes_) {
+    while (tells_holes_ && at < size_bytes_ && (at < data_start_ || at >= data_end_)) {
         const std::uint64_t zeros = zeros_from(at);
         if (zeros < chunk_bytes)
             break;

@@ -38,6 +38,8 @@ private:
     std::uint64_t size_bytes_ = 0;
     std::uint32_t size_sectors_ = 0;
     bool tells_holes_ = false;
+    // What the server has last called data: asking again for each chunk could cost it a look at the disk.
+    mutable std::uint64_t data_start_ = 0, data_end_ = 0;
 };
 
 }  // namespace image_tool

@@ -75,4 +75,20 @@ inline Bytes reply(std::uint64_t cookie, std::uint32_t error = 0)
     return Writer().u32(0x67446698).u32(error).u64(cookie);
 }
 
+// A structured reply of one chunk.
+inline Bytes chunk(std::uint64_t cookie, std::uint16_t type, const Bytes& content)
+{
+    return Writer().u32(0x668e33ef).u16(1).u16(type).u64(cookie).u32(content.size()).add(content);
+}
+
+// The data of LIST_META_CONTEXT and SET_META_CONTEXT.
+inline Bytes contexts(const std::string& name, const std::vector<std::string>& queries)
+{
+    Writer data;
+    data.u32(name.size()).text(name).u32(queries.size());
+    for (const std::string& query : queries)
+        data.u32(query.size()).text(query);
+    return data;
+}
+
 }  // namespace station_test

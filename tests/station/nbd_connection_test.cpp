@@ -48,6 +48,18 @@ protected:
                             .u64(disk_bytes)
                             .u16(static_cast<std::uint16_t>(flags + (read_only && flushes ? 4 : 0)))));
     }
+    // With structured replies and block status.
+    void start_with_chunks()
+    {
+        start();
+        receive(18);
+        send(Writer()
+                 .u32(3)
+                 .add(option(8))
+                 .add(option(10, contexts("lun0", {"base:allocation"})))
+                 .add(option(1, Writer().text("lun0"))));
+        EXPECT_EQ(receive(20 + 20 + 19 + 20 + 10).size(), 89u);
+    }
     void TearDown() override
     {
         client = UniqueFd();
@@ -135,6 +147,60 @@ TEST_F(Connection, Failed_and_refused_requests_get_their_error_and_the_next_one_
     send(request(0, 5, 512, 512));
     EXPECT_EQ(receive(16), reply(5));
     EXPECT_EQ(receive(512), sectors(512, 512));
+}
+
+TEST_F(Connection, Structured_replies_carry_data_holes_and_errors)
+{
+    constexpr std::uint16_t one_chunk = 4;
+    start_with_chunks();
+    std::fill_n(device->disk.begin() + 65536, 65536, std::uint8_t{0});
+    send(request(0, 1, 512, 1024));
+    EXPECT_EQ(receive(28 + 1024), chunk(1, 1, Writer().u64(512).add(sectors(512, 1024))));
+    send(request(0, 2, 65536, 65536, one_chunk));
+    EXPECT_EQ(receive(32), chunk(2, 2, Writer().u64(65536).u32(65536)));
+    send(request(0, 3, disk_bytes, 512));
+    EXPECT_EQ(receive(26), chunk(3, 0x8001, Writer().u32(22).u16(0)));
+    send(Writer().add(request(1, 4, 0, 512)).zeroes(512).add(request(3, 5, 0, 0)));
+    EXPECT_EQ(receive(16), reply(4));
+    EXPECT_EQ(receive(16), reply(5));
+    device->fails = true;
+    send(request(0, 6, 0, 512));
+    EXPECT_EQ(receive(26), chunk(6, 0x8001, Writer().u32(5).u16(0)));
+    send(request(7, 7, 0, 512));
+    EXPECT_EQ(receive(26), chunk(7, 0x8001, Writer().u32(5).u16(0)));
+}
+
+TEST_F(Connection, Block_status_tells_zeros_exactly_and_data_by_the_megabyte)
+{
+    constexpr std::uint32_t mb = 1 << 20, kb = 1 << 10;
+    constexpr std::uint16_t one_extent = 8;
+    start_with_chunks();
+    const auto zero = [&](std::size_t from, std::size_t to) {
+        std::fill(device->disk.begin() + static_cast<std::ptrdiff_t>(from),
+                  device->disk.begin() + static_cast<std::ptrdiff_t>(to), std::uint8_t{0});
+    };
+    zero(mb, 3 * mb + 5 * kb);
+    zero(5 * mb + 64 * kb, 6 * mb);
+    zero(disk_bytes - 512, disk_bytes);
+    struct {
+        const char* what;
+        std::uint32_t offset, length, bytes, flags;
+    } const cases[] = {
+        {"data up to the next megabyte", 512, 7 * mb, mb - 512, 0},
+        {"zeros up to the block with data", mb, 7 * mb, 2 * mb + 4 * kb, 2},
+        {"zeros up to the end of the question", mb + 512, mb, mb, 2},
+        {"too few zeros before data", 3 * mb + 4 * kb, mb, mb - 4 * kb, 0},
+        {"data, and zeros beyond what is looked at", 5 * mb, 2 * mb, mb, 0},
+        {"those zeros, asked for", 5 * mb + 64 * kb, 2 * mb, mb - 64 * kb, 2},
+        {"the last sector", disk_bytes - 512, 512, 512, 2},
+    };
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.what);
+        send(request(7, 9, each.offset, each.length, one_extent));
+        EXPECT_EQ(receive(32), chunk(9, 5, Writer().u32(1).u32(each.bytes).u32(each.flags)));
+    }
+    send(request(7, 10, disk_bytes - 512, 1024));
+    EXPECT_EQ(receive(26), chunk(10, 0x8001, Writer().u32(22).u16(0)));
 }
 
 TEST_F(Connection, Zeros_need_no_payload_and_no_memory)

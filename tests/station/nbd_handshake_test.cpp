@@ -34,6 +34,7 @@ struct Answer {
     std::string chosen;
     std::size_t taken;
     Bytes output;
+    bool structured, block_status;
 };
 
 // What the server makes of these bytes, arriving in pieces of the given sizes.
@@ -57,6 +58,8 @@ Answer dialogue(const Bytes& input, std::size_t first_piece, std::size_t piece =
     answer.state = handshake.state();
     if (answer.state == NbdHandshake::State::transmission)
         answer.chosen = handshake.chosen().name;
+    answer.structured = handshake.structured_replies();
+    answer.block_status = handshake.block_status();
     return answer;
 }
 
@@ -69,6 +72,7 @@ struct Dialogue {
     State state;
     const char* chosen = "";
     std::size_t left_over = 0;  // bytes behind the handshake's end
+    bool structured = false, block_status = false;
 };
 
 // The client's flags and then this.
@@ -98,6 +102,11 @@ std::vector<Dialogue> dialogues()
     const Bytes info = Writer().u16(0).add(size_and_flags);
     const Bytes info_of_lun1 = Writer().u16(0).u64(2 * disk_bytes).u16(365);
     const Bytes malformed = refusal(7, 0x80000003, "malformed option");
+    const Bytes df_info = Writer().u16(0).u64(disk_bytes).u16(365 + 128);
+    const Bytes df_info_of_lun1 = Writer().u16(0).u64(2 * disk_bytes).u16(365 + 128);
+    const Bytes allocation = Writer().u32(1).text("base:allocation");
+    const Bytes listed = Writer().u32(0).text("base:allocation");
+    const Bytes want_chunks = option(8), chunks = option_reply(8, 1);
     const auto go = [](const Bytes& data) { return after_flags(option(7, data)); };
     const auto chose = [](std::uint32_t number, const Bytes& about) {
         return joined(
@@ -147,6 +156,39 @@ std::vector<Dialogue> dialogues()
         {"wrong magic", after_flags(Writer().text("IHAVEOPS").u32(7).u32(0)), {}, State::closed},
         {"unknown client flags", after_flags(option(3), 4), {}, State::closed, "", 16},
         {"old newstyle with other options", after_flags(option(3), 0), {}, State::closed},
+        {"structured replies and block status of the default export",
+         after_flags(joined({want_chunks, option(10, contexts("", {"other:thing", "base:allocation"})),
+                             option(7, choice("lun0"))})),
+         joined({chunks, option_reply(10, 4, allocation), option_reply(10, 1), chose(7, df_info)}),
+         State::transmission, "lun0", 0, true, true},
+        {"block status of another than the one chosen",
+         after_flags(joined(
+             {want_chunks, option(10, contexts("lun0", {"base:allocation"})), option(7, choice("lun1"))})),
+         joined({chunks, option_reply(10, 4, allocation), option_reply(10, 1), chose(7, df_info_of_lun1)}),
+         State::transmission, "lun1", 0, true, false},
+        {"block status that is given up again",
+         after_flags(joined({want_chunks, option(10, contexts("lun0", {"base:allocation"})),
+                             option(10, contexts("lun0", {})), option(7, choice("lun0"))})),
+         joined({chunks, option_reply(10, 4, allocation), option_reply(10, 1), option_reply(10, 1),
+                 chose(7, df_info)}),
+         State::transmission, "lun0", 0, true, false},
+        {"what can be asked for",
+         after_flags(
+             joined({want_chunks, option(9, contexts("lun0", {})), option(9, contexts("lun0", {"base:"})),
+                     option(9, contexts("lun0", {"other:"})), option(9, contexts("disk", {}))})),
+         joined({chunks, option_reply(9, 4, listed), option_reply(9, 1), option_reply(9, 4, listed),
+                 option_reply(9, 1), option_reply(9, 1), refusal(9, 0x80000006, "no such export")}),
+         State::negotiating, "", 0, true},
+        {"block status without structured replies",
+         after_flags(option(10, contexts("lun0", {"base:allocation"}))),
+         refusal(10, 0x80000003, "only with structured replies"), State::negotiating},
+        {"structured replies with data, more queries than there are, and a query that is cut",
+         after_flags(joined({option(8, Bytes(1)), want_chunks,
+                             option(10, Writer().u32(4).text("lun0").u32(0xFFFFFFFF).u32(1).text("x")),
+                             option(10, Writer().u32(4).text("lun0").u32(1).u32(9).text("base:"))})),
+         joined({refusal(8, 0x80000003, "this option carries no data"), chunks,
+                 refusal(10, 0x80000003, "malformed option"), refusal(10, 0x80000003, "malformed option")}),
+         State::negotiating, "", 0, true},
     };
 }
 
@@ -161,6 +203,8 @@ TEST(NbdHandshake, Dialogues_are_the_same_in_whatever_pieces_bytes_arrive)
         EXPECT_EQ(answer.output, expected);
         EXPECT_EQ(answer.state, each.state);
         EXPECT_EQ(answer.chosen, each.chosen);
+        EXPECT_EQ(answer.structured, each.structured);
+        EXPECT_EQ(answer.block_status, each.block_status);
         EXPECT_EQ(answer.taken, each.input.size() - each.left_over);
         EXPECT_EQ(dialogue(each.input, 1, 1).output, expected);
         for (std::size_t split = 1; split < std::min<std::size_t>(each.input.size(), 200); ++split)

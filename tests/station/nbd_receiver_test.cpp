@@ -128,6 +128,12 @@ TEST(NbdRequest, Check_answers_what_the_protocol_asks_for)
     EXPECT_EQ(check_request({0, nbd::Command::trim, 0, 0, 512}, read_only), 1u);
     EXPECT_EQ(check_request({0, nbd::Command::trim, 0, 0, 512}, cached), invalid) << "not offered";
     EXPECT_EQ(check_request({1, nbd::Command::write, 0, 0, 512}, cached), invalid) << "not offered";
+    const DiskTraits with_chunks{disk_bytes, true, true, true, true};
+    EXPECT_EQ(check_request({4, nbd::Command::read, 0, 0, 512}, with_chunks), 0u);
+    EXPECT_EQ(check_request({4, nbd::Command::read, 0, 0, 512}, read_only), invalid) << "not agreed on";
+    EXPECT_EQ(check_request({8, nbd::Command::block_status, 0, 0, 512}, with_chunks), 0u);
+    EXPECT_EQ(check_request({0, nbd::Command::block_status, 0, 0, 512}, read_only), invalid)
+        << "not agreed on";
 }
 
 TEST(NbdReceiver, Stream_reads_the_same_however_it_is_cut)
