@@ -1,13 +1,15 @@
 # SPDX-License-Identifier: MIT
-"""How fast the boot program reads, in QEMU without hardware assistance, beside the same PC with the disk through QEMU's own
-NBD client; and how long a boot takes. See bench/run."""
+"""How fast the boot program reads, in QEMU without hardware assistance, beside a program that only has the card's ROM give
+it datagrams, and the same PC with the disk through QEMU's own NBD client; and how long a boot takes. See bench/run."""
 import argparse
 import pathlib
 import re
+import socket
 import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
@@ -85,6 +87,33 @@ def through_nbd(folder, image, kind):
             nbd.terminate()
 
 
+class Datagrams(threading.Thread):
+    """Sends BURST datagrams as long as a fragment, each a header and its data, for every one that comes."""
+    BURST = 6
+
+    def __init__(self):
+        super().__init__(daemon=True)
+        self.end = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.end.bind(("127.0.0.1", 0))
+        self.port = self.end.getsockname()[1]
+        self.start()
+
+    def run(self):
+        datagram = bytes(32 + FRAGMENT_BYTES)
+        while True:
+            address = self.end.recvfrom(2000)[1]
+            for _ in range(self.BURST):
+                self.end.sendto(datagram, address)
+
+
+def bare_loop(folder):
+    """Datagrams a second that the card's ROM gives a program which does nothing with them."""
+    datagrams = Datagrams()
+    command = guest.pc_command(folder, datagrams.port, "e1000", program=ROOT / "build/host/boot/pc/read_loop.pxe")
+    match = said_by(command, folder, r"loop: (\d+) datagrams in (\d+) ticks")[0]
+    return int(match[1]) * TICKS_PER_SECOND / int(match[2])
+
+
 def boot_seconds(folder):
     image = guest.make_disk(folder, "system.img", 96, "", guest.grub_menu().replace(" quiet", ""))
     process, port = server(folder, image)
@@ -104,6 +133,7 @@ def main():
         image = guest.make_bios_check(folder / "check.img", SECTORS)
         measure = {
             "boot program": lambda: through_boot_program(folder, image, "e1000") / FRAGMENT_BYTES,
+            "bare UDP read loop": lambda: bare_loop(folder),
             "NBD, IDE": lambda: through_nbd(folder, image, "ide") / FRAGMENT_BYTES,
             "NBD, virtio": lambda: through_nbd(folder, image, "virtio") / FRAGMENT_BYTES,
         }

@@ -221,6 +221,15 @@ def boot_program():
     seed("boot_program", "written", step(0x82, packet(ACK, mask=1)), step(0x82, packet(DONE)))
 
 
-for make in (receive, server, exchange, negotiation, boot_record, status_poll, images, nbd, boot_program):
+def boot_transfer():
+    for lun, write, mirror in ((0, 0, 0), (1, 0, 4), (0, 2, 4), (1, 2, 0)):
+        what = lun | write | mirror | 8 | 16
+        silence = bytes([0xFC]) * (40 if mirror else 4)
+        lie = bytes([2, 10]) + packet(ACK if write else DATA, mask=1).ljust(80, b"\0")[:80]
+        seed("boot_transfer", f"lun{lun}-{'write' if write else 'read'}",
+             bytes([what, 0x77, 40, 16]) + bytes([3]) * 2 + lie + bytes([3]) * 3 + silence + lie + bytes([3]) * 9)
+
+
+for make in (boot_transfer, receive, server, exchange, negotiation, boot_record, status_poll, images, nbd, boot_program):
     make()
 driver_file(sys.argv[1:])

@@ -166,11 +166,11 @@ class Relay(threading.Thread):
             self.inside.sendto(packet, self.pc)
 
 
-def pc_command(folder, server_port, card="e1000", options=()):
+def pc_command(folder, server_port, card="e1000", options=(), program=BIN / "qrnboot.pxe"):
     """QEMU with a card and no disk, which loads the boot program and is told of the server."""
     tftp = folder / "tftp"
     tftp.mkdir(exist_ok=True)
-    shutil.copy(BIN / "qrnboot.pxe", tftp)
+    shutil.copy(program, tftp / "qrnboot.pxe")
     (tftp / "start").write_text(f"#!ipxe\nset net0/root-path qrn:10.0.2.2:{server_port}\nchain qrnboot.pxe\n")
     return ["qemu-system-x86_64", "-accel", "tcg", "-m", "384", "-boot", "n", "-no-reboot", "-netdev",
             f"user,id=n,tftp={tftp},bootfile=start", "-device", f"{card},netdev=n", *(options or ("-nographic",))]
