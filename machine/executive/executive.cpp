@@ -6,6 +6,7 @@
 #include "machine/executive/checks.h"
 #include "machine/executive/lock_order.h"
 #include "machine/executive/paged_pool.h"
+#include "machine/executive/threads.h"
 #include "machine/scheduler/random.h"
 
 namespace machine {
@@ -58,9 +59,10 @@ std::int64_t boot_time_of(const ExecutiveConfig& config)
 }  // namespace
 
 ExecutiveState::ExecutiveState(const ExecutiveConfig& executive_config)
-    : config(executive_config), scheduler(config.scheduler == SchedulerKind::real
-                                              ? make_real_scheduler()
-                                              : make_simulated_scheduler(config.seed, config.processors)),
+    : config(executive_config),
+      scheduler(config.scheduler == SchedulerKind::real
+                    ? make_real_scheduler(kernel_entry())
+                    : make_simulated_scheduler(config.seed, config.processors, kernel_entry())),
       boot_time(boot_time_of(config)), memory(memory_layout(config)), page_lists(memory, config.strict),
       faults(config.seed), ports(config.reset_ports_work),
       pool(config.strict, config.nonpaged_pool_bytes_max), system(config.strict, UINT64_MAX)

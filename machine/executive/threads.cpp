@@ -21,24 +21,32 @@ void run_until_end(Thread& thread, const std::function<void()>& body)
         body();
 }
 
+class Entry final : public KernelEntry {
+    void run_thread(Thread& thread, const std::function<void()>& body) override
+    {
+        run_until_end(thread, body);
+        if (thread.irql != PASSIVE_LEVEL)
+            violation("a thread ended at IRQL " + std::to_string(thread.irql));
+        check_no_lock_held(thread, "while its owner ends");
+        signal_thread_object(thread);
+    }
+
+    void run_callback(Thread& context, const std::function<void()>& callback) override
+    {
+        leave_paged_memory();
+        callback();
+        if (context.irql != DISPATCH_LEVEL)
+            violation("a timer callback returned at IRQL " + std::to_string(context.irql));
+        check_no_lock_held(context, "after a timer callback");
+    }
+};
+
 }  // namespace
 
-void run_kernel_thread(Thread& thread, const std::function<void()>& body)
+KernelEntry& kernel_entry()
 {
-    run_until_end(thread, body);
-    if (thread.irql != PASSIVE_LEVEL)
-        violation("a thread ended at IRQL " + std::to_string(thread.irql));
-    check_no_lock_held(thread, "while its owner ends");
-    signal_thread_object(thread);
-}
-
-void run_timer_callback(Thread& context, const std::function<void()>& callback)
-{
-    leave_paged_memory();
-    callback();
-    if (context.irql != DISPATCH_LEVEL)
-        violation("a timer callback returned at IRQL " + std::to_string(context.irql));
-    check_no_lock_held(context, "after a timer callback");
+    static Entry entry;
+    return entry;
 }
 
 }  // namespace machine

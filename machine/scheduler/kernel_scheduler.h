@@ -5,6 +5,7 @@
 
 #include <atomic>
 
+#include "machine/scheduler/kernel_entry.h"
 #include "machine/scheduler/scheduler.h"
 #include "machine/scheduler/thread.h"
 
@@ -12,7 +13,9 @@ namespace machine {
 
 class KernelScheduler : public Scheduler {
 public:
-    explicit KernelScheduler(bool interleaves) : interleaves_(interleaves) {}
+    KernelScheduler(bool interleaves, KernelEntry& entry) : interleaves_(interleaves), entry_(entry) {}
+
+    KernelEntry& entry() { return entry_; }
 
     // preempt() for the kernel routines, which on the real scheduler pass here a million times a second.
     void preemption_point()
@@ -34,6 +37,7 @@ public:
 
 private:
     const bool interleaves_;
+    KernelEntry& entry_;
 };
 
 // The scheduler of the machine that is on. Set by the scheduler's constructor.
@@ -71,13 +75,5 @@ public:
 // Wakes who waits for what the calling thread released. Before a thread waits for the host: it must not keep
 // others from their work meanwhile, on which the host's answer may depend.
 void wake_waiters();
-
-// Runs the body of a kernel thread and everything its end means: the checks and the signalled thread
-// object. Called by the schedulers at the bottom of a spawned thread's stack; implemented in
-// executive/threads.cpp.
-void run_kernel_thread(Thread& thread, const std::function<void()>& body);
-
-// Runs a timer callback at DISPATCH_LEVEL and checks what it leaves; implemented there too.
-void run_timer_callback(Thread& context, const std::function<void()>& callback);
 
 }  // namespace machine

@@ -10,7 +10,7 @@ namespace {
 
 class RealHandle final : public Scheduler {
 public:
-    RealHandle() : inner_(*new RealScheduler) { kept().push_back(&inner_); }
+    explicit RealHandle(KernelEntry& entry) : inner_(*new RealScheduler(entry)) { kept().push_back(&inner_); }
     ~RealHandle() override { inner_.retire(); }
 
     bool simulated() const override { return false; }
@@ -48,9 +48,9 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Scheduler> make_real_scheduler()
+std::unique_ptr<Scheduler> make_real_scheduler(KernelEntry& entry)
 {
-    return std::make_unique<RealHandle>();
+    return std::make_unique<RealHandle>(entry);
 }
 
 }  // namespace machine

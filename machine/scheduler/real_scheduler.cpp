@@ -37,8 +37,8 @@ struct RealScheduler::Run {
 
 thread_local RealScheduler::Adoption RealScheduler::adoption_;
 
-RealScheduler::RealScheduler()
-    : KernelScheduler(false), origin_ns_(monotonic_ns()), timers_(*this, origin_ns_)
+RealScheduler::RealScheduler(KernelEntry& entry)
+    : KernelScheduler(false, entry), origin_ns_(monotonic_ns()), timers_(*this, origin_ns_)
 {
     if (active_scheduler.exchange(this))
         violation("a second machine was started before the first one was destroyed");
@@ -83,7 +83,7 @@ void* RealScheduler::host_thread_main(void* argument)
 {
     auto& thread = *static_cast<RealThread*>(argument);
     this_thread = &thread;
-    run_kernel_thread(thread, thread.body);
+    thread.owner.load()->entry().run_thread(thread, thread.body);
     thread.body = nullptr;
     this_thread = nullptr;
     thread.gone = true;

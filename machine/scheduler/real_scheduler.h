@@ -23,7 +23,7 @@ namespace machine {
 
 class RealScheduler final : public KernelScheduler {
 public:
-    RealScheduler();
+    explicit RealScheduler(KernelEntry& entry);
 
     bool simulated() const override { return false; }
     Ticks now() override { return (monotonic_ns() - origin_ns_) / 100; }

@@ -24,7 +24,8 @@ constexpr Ticks ticks_per_ms = 10'000;
 constexpr Ticks ticks_per_second = 10'000'000;
 constexpr Ticks never = INT64_MAX;
 
-struct Thread;  // one kernel thread; opaque outside scheduler/ and executive/
+struct Thread;      // one kernel thread; opaque outside scheduler/ and executive/
+class KernelEntry;  // machine/scheduler/kernel_entry.h; lives as long as any thread
 
 using TimerId = std::uint64_t;
 
@@ -86,7 +87,8 @@ public:
     virtual void switch_off() = 0;
 };
 
-std::unique_ptr<Scheduler> make_real_scheduler();
-std::unique_ptr<Scheduler> make_simulated_scheduler(std::uint64_t seed, unsigned processors);
+std::unique_ptr<Scheduler> make_real_scheduler(KernelEntry& entry);
+std::unique_ptr<Scheduler> make_simulated_scheduler(std::uint64_t seed, unsigned processors,
+                                                    KernelEntry& entry);
 
 }  // namespace machine

@@ -29,8 +29,8 @@ KPRIORITY rank(const Thread& thread)
 
 }  // namespace
 
-SimulatedScheduler::SimulatedScheduler(std::uint64_t seed, unsigned processors)
-    : KernelScheduler(true), random_(seed), switch_probability_(draw_switch_probability(seed)),
+SimulatedScheduler::SimulatedScheduler(std::uint64_t seed, unsigned processors, KernelEntry& entry)
+    : KernelScheduler(true, entry), random_(seed), switch_probability_(draw_switch_probability(seed)),
       wake_random_(seed ^ 0x57414B4500000000u), defers_wakes_(wake_random_.chance(0.5)),
       one_processor_(processors == 1), outside_(Thread::Kind::adopted, "outside run()", this)
 {
@@ -71,7 +71,7 @@ void SimulatedScheduler::fiber_main(void* argument)
         if (thread.kind == Thread::Kind::callback)
             scheduler.serve_timers();
         else
-            run_kernel_thread(thread, thread.body);
+            scheduler.entry().run_thread(thread, thread.body);
     } catch (...) {
         scheduler.failure_ = std::current_exception();
     }

@@ -22,7 +22,7 @@ namespace machine {
 
 class SimulatedScheduler final : public KernelScheduler {
 public:
-    SimulatedScheduler(std::uint64_t seed, unsigned processors);
+    SimulatedScheduler(std::uint64_t seed, unsigned processors, KernelEntry& entry);
     ~SimulatedScheduler() override;
 
     bool simulated() const override { return true; }

@@ -7,9 +7,10 @@
 
 namespace machine {
 
-std::unique_ptr<Scheduler> make_simulated_scheduler(std::uint64_t seed, unsigned processors)
+std::unique_ptr<Scheduler> make_simulated_scheduler(std::uint64_t seed, unsigned processors,
+                                                    KernelEntry& entry)
 {
-    return std::make_unique<SimulatedScheduler>(seed, processors);
+    return std::make_unique<SimulatedScheduler>(seed, processors, entry);
 }
 
 TimerId SimulatedScheduler::call_at(Ticks when, std::function<void()> callback)
@@ -52,7 +53,7 @@ void SimulatedScheduler::serve_timers()
         while (!timers_.empty() && timers_.begin()->first.first <= now_) {
             auto timer = timers_.extract(timers_.begin());
             timer_times_.erase(timer.key().second);
-            run_timer_callback(*timer_service_, timer.mapped());
+            entry().run_callback(*timer_service_, timer.mapped());
             preempt();
         }
         ++progress_;

@@ -73,7 +73,7 @@ void TimerThread::serve()
         times_.erase(timer.key().second);
         at_work_ = true;
         guard.unlock();
-        run_timer_callback(context_, timer.mapped());
+        scheduler_.entry().run_callback(context_, timer.mapped());
         guard.lock();
         at_work_ = false;
         changed_.notify_all();
