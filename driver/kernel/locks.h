@@ -2,8 +2,8 @@
 // Scope guards for the driver's locks.
 //
 // Lock order: no two of the driver's spin locks are ever held together. They are, with the room they
-// belong to: Pending_Lock and Active_Lock (engine), each worker's Ack_Lock (net), Server_Lock (net),
-// Phys_Lock (startup), Sync_Lock (image).
+// belong to: Pending_Lock, Active_Lock, Park_Lock and each worker's Ack_Lock (request), Server_Lock (net),
+// Phys_Lock (state), Sync_Lock (image).
 //
 // The mutexes are synchronization events that are signalled while free. They are taken in this order: a
 // disk's Local_Cache Lock, the cache set-up's lock, a memory object's Obj_Lock, a pool's Pool_Lock.
