@@ -6,11 +6,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <span>
-#include <system_error>
 
 #include "formats/socket_address.h"
 #include "station/first_sector.h"
@@ -25,7 +23,6 @@ namespace {
 
 constexpr int tries = 4;
 constexpr auto answer_time = 250ms;
-constexpr auto status_time = 200ms;
 
 // The next packet until the deadline; empty when none came.
 template <std::size_t size>
@@ -66,43 +63,6 @@ std::optional<Sector> first_sector_of_server(const Boot_Param& block)
         if (server.names_a_server())
             if (const auto sector = ask_server(server, request))
                 return sector;
-    return {};
-}
-
-StatusPoll::StatusPoll(std::uint16_t driver_port)
-{
-    ServerRecord driver{{127, 0, 0, 1}, {}, {}, {}};
-    driver.Port.set(driver_port);
-    socket_ = connected_socket(driver);
-    sockaddr_in address;
-    socklen_t size = sizeof address;
-    if (!socket_ || getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0)
-        throw std::system_error(errno, std::generic_category(), "status poll");
-    self_ = record_of(address);
-}
-
-std::optional<PollReply> StatusPoll::ask()
-{
-    PollRequest poll{};
-    std::memcpy(poll.Mark, poll_mark, sizeof poll.Mark);
-    poll.Cookie_6[0] = ++number_;
-    poll.Poller = self_;
-    // The driver takes no packet shorter than a request.
-    std::array<std::uint8_t, request_bytes> packet{};
-    std::memcpy(packet.data(), &poll, sizeof poll);
-    send(socket_.get(), packet.data(), packet.size(), 0);
-
-    std::array<std::uint8_t, sizeof(PollReply) + 1> buffer;
-    for (const auto deadline = Clock::now() + status_time; Clock::now() < deadline;) {
-        const auto answer = receive_until(socket_.get(), deadline, buffer);
-        PollReply reply;
-        if (answer.size() != sizeof reply)
-            continue;
-        std::memcpy(&reply, answer.data(), sizeof reply);
-        if (std::memcmp(&reply.Mark, poll_reply_mark, sizeof poll_reply_mark) == 0 &&
-            reply.Cookie[0] == number_)
-            return reply;
-    }
     return {};
 }
 

@@ -1,28 +1,24 @@
 // SPDX-License-Identifier: MIT
-// How far the driver has come with filling the system image from the server: from its messages, which tell
-// begin and end, from the end of the thread that does it, and from answers to status polls in between. Any
-// thread; messages come at up to DISPATCH_LEVEL.
+// How far the driver has come with filling the system image from the server: what it exports, and when the
+// station saw that end. One thread.
 #pragma once
 
 #include <cstdint>
-#include <memory>
-#include <mutex>
 #include <optional>
-#include <string>
 
-#include "formats/wire.h"
+#include "formats/sync_stats.h"
 
 namespace station {
 
 struct SyncStatus {
-    enum class State : std::uint8_t {
-        waiting,
-        asking_server,
-        running,
-        complete,
-        stopped,
-        failed,
-        no_server_image
+    enum class State : std::uint32_t {
+        waiting = formats::sync_waiting,
+        asking_server = formats::sync_asking_server,
+        running = formats::sync_running,
+        complete = formats::sync_complete,
+        stopped = formats::sync_stopped,
+        failed = formats::sync_failed,
+        no_server_image = formats::sync_no_server_image
     };
 
     State state = State::waiting;
@@ -38,34 +34,11 @@ const char* state_name(SyncStatus::State state);
 
 class Synchronisation {
 public:
-    // A message of the driver, in the thread that printed it. Times are those of one clock.
-    void follow(const std::string& message, std::int64_t now_ms);
-    // Whether an answer to a poll would tell anything new.
-    bool wants_poll() const;
-    void take(const formats::PollReply& reply, std::int64_t now_ms);
-    SyncStatus status(std::int64_t now_ms) const;
+    // exported: the driver's QRN_Sync_Stats, null while it has none. now_ms: since the machine's start.
+    SyncStatus status(const void* exported, std::int64_t now_ms);
 
 private:
-    // Where the run was, and when: what comes after it is what it has done.
-    struct Base {
-        std::uint32_t chunk;
-        std::int64_t time_ms;
-        bool exact;  // the run's very start
-    };
-
-    // What the driver's thread still touches when it ends, at a time of its own.
-    struct Shared {
-        std::mutex lock;  // guards all of Synchronisation
-        SyncStatus::State state = SyncStatus::State::waiting;
-    };
-    struct ItsThread;
-
-    void end(SyncStatus::State state, std::int64_t now_ms);
-
-    const std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
-    std::uint32_t total_ = 0, done_ = 0;
-    std::int64_t start_ms_ = 0, end_ms_ = 0;
-    std::optional<Base> base_;
+    std::optional<std::int64_t> end_ms_;  // once it was seen to be over
 };
 
 }  // namespace station

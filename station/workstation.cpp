@@ -137,7 +137,6 @@ Workstation::Workstation(const Options& options, StopSignal& stop)
     machine_.log().set_sink(
         [this](const machine::DebugLog::Entry& entry) {
             follow_driver_message(entry.text, luns_);
-            synchronisation_.follow(entry.text, machine_.now_ms());
             if (log_)
                 log_->write(entry.text);
         },
@@ -165,7 +164,6 @@ void Workstation::open_local_disk()
     try {
         local_disk_file_.emplace(*options_.local_disk);
         local_disk_.emplace(*options_.local_disk);
-        poll_.emplace(link_->port());
     } catch (const std::exception& error) {
         throw OptionError("--local-disk: " + std::string(error.what()));
     }
@@ -372,7 +370,7 @@ void Workstation::watch()
 {
     for (unsigned step = 1; !stop_.wait_for(statistics_interval / progress_steps); ++step) {
         const bool interval_over = step % progress_steps == 0;
-        if (interval_over || synchronisation_.wants_poll())
+        if (interval_over || filling_local_image())
             write_statistics();
         if (interval_over && options_.status)
             view_.show(status());
@@ -393,6 +391,16 @@ void Workstation::shut_down()
     std::fputs(status_table(status()).c_str(), stdout);
 }
 
+SyncStatus Workstation::synchronisation()
+{
+    return synchronisation_.status(driver_->exported("QRN_Sync_Stats"), machine_.now_ms());
+}
+
+bool Workstation::filling_local_image()
+{
+    return local_disk_ && synchronisation().state == SyncStatus::State::running;
+}
+
 StationStatus Workstation::status()
 {
     StationStatus status;
@@ -405,12 +413,8 @@ StationStatus Workstation::status()
             status.luns.push_back(
                 {each.lun, each.sectors, &luns_[each.lun], cache_statistics(caches, each.lun)});
     }
-    if (poll_) {
-        if (synchronisation_.wants_poll())
-            if (const auto reply = poll_->ask())
-                synchronisation_.take(*reply, machine_.now_ms());
-        status.synchronisation = synchronisation_.status(machine_.now_ms());
-    }
+    if (local_disk_)
+        status.synchronisation = synchronisation();
     status.link = link_->counters();
     status.connections = server_.counters();
     return status;

@@ -57,6 +57,8 @@ private:
     void shut_down();
 
     StationStatus status();
+    SyncStatus synchronisation();
+    bool filling_local_image();
     void write_statistics();
 
     const Options& options_;
@@ -70,7 +72,6 @@ private:
     std::unique_ptr<machine::UdpLink> link_;  // link and local disk outlive the machine
     std::optional<LocalDiskFile> local_disk_file_;
     std::optional<machine::LocalDisk> local_disk_;
-    std::optional<StatusPoll> poll_;
     machine::Machine machine_;
     std::uint64_t low_memory_next_;  // first byte of conventional memory that is free for a loader
     Exports exports_;

@@ -15,6 +15,7 @@ using formats::Entry_64K;
 using formats::ImageHeader;
 
 PVOID volatile pSync_State;
+volatile formats::SyncStats QRN_Sync_Stats;
 static KSPIN_LOCK Sync_Lock;
 
 namespace {
@@ -47,6 +48,7 @@ public:
             pState_->Status = Sync_Failed;
         Last_ = pState_->Chunk;
         Begin_Progress();
+        Begin_Stats();
         while (pState_->Status == Sync_Running && pState_->Chunk < Img_Chunks(L_)) {
             Report_Progress();
             if (!Handle_Chunk())
@@ -63,6 +65,7 @@ public:
 private:
     bool Find_Start();
     static void Begin_Progress();
+    void Begin_Stats();
     void Report_Progress();
     bool Handle_Chunk();
     bool Source_Tag();
@@ -109,6 +112,15 @@ void Sync_Run::Begin_Progress()
     if (!Progress_Clock_Taken)
         Progress_Clock = KeQueryInterruptTime();
     Progress_Clock_Taken = true;
+}
+
+void Sync_Run::Begin_Stats()
+{
+    QRN_Sync_Stats.Chunks = Img_Chunks(L_);
+    QRN_Sync_Stats.First_Chunk = pState_->Chunk;
+    QRN_Sync_Stats.Chunk = pState_->Chunk;
+    QRN_Sync_Stats.Start_Time = Progress_Clock;
+    QRN_Sync_Stats.State = formats::sync_running;
 }
 
 void Sync_Run::Report_Progress()
@@ -161,6 +173,8 @@ bool Sync_Run::Begin_Anew()
         return false;
     Begun_Anew_ = true;
     pState_->Chunk = 0;
+    QRN_Sync_Stats.First_Chunk = 0;
+    QRN_Sync_Stats.Chunk = 0;
     Last_ = 0;
     Unproven_ = 0;
     return true;
@@ -228,7 +242,7 @@ bool Sync_Run::Handle_Chunk()
         return Begin_Anew();
     if (!(Copy ? Copy_Chunk() : Mend_Chunk_Before()))
         return false;
-    ++pState_->Chunk;
+    QRN_Sync_Stats.Chunk = ++pState_->Chunk;
     return ++Unproven_ < Unproven_Max || Source_Unchanged();
 }
 
@@ -263,7 +277,11 @@ void Sync_Run::Finish()
         ++pLocal_->Image()->Hdr_Dirty;
     }
     pLocal_->Img_Flush();
-    DbgPrint("\nQRNH_IMG_SYNC: End=%d", pState_->Status);
+    const ULONG Status = pState_->Status;
+    QRN_Sync_Stats.State = Status == Sync_Running   ? formats::sync_complete
+                           : Status == Sync_Stopped ? formats::sync_stopped
+                                                    : formats::sync_failed;
+    DbgPrint("\nQRNH_IMG_SYNC: End=%d", Status);
 }
 
 // Nothing will check the local image in this start.
@@ -312,10 +330,13 @@ VOID NTAPI QRN_RW_HDD_Sync(PVOID)
     auto pNet = Create_Object<QRNH_NET_IMG>();
     auto pSource = pNet ? Create_Object<QRNH_IMG_RW>(static_cast<QRNH_OBJ_IMG*>(pNet), ULONG{0}) : nullptr;
     DbgPrint("\nQRN_RW_HDD_Sync");
+    QRN_Sync_Stats.State = formats::sync_asking_server;
     if (pNet && pSource && pNet->Open())
         Run_With(pSource);
     else
         Server_Has_No_Image();
+    if (QRN_Sync_Stats.State == formats::sync_asking_server)
+        QRN_Sync_Stats.State = formats::sync_no_server_image;
     Publish(Sync_Ended);
     Free_Object(pSource);
     Free_Object(pNet);

@@ -5,11 +5,15 @@
 #pragma once
 
 #include "driver/image/image_block.h"
+#include "formats/sync_stats.h"
 
 // Null while no run was started, Sync_Ended once its start has been claimed or after its end, otherwise the
 // Sync_State of the run. Taken down, and its run told to stop, under one spin lock.
 extern PVOID volatile pSync_State;
 inline const PVOID Sync_Ended = reinterpret_cast<PVOID>(~static_cast<ULONG_PTR>(0));
+
+// What others may know of the one run. Written by its thread alone.
+extern "C" __declspec(dllexport) volatile formats::SyncStats QRN_Sync_Stats;
 
 enum Sync_Status : ULONG {
     Sync_Running = 0,  // or ended with all of the disk handled

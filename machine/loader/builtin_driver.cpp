@@ -10,7 +10,9 @@ extern "C" {
 NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registry_path);
 extern std::uint8_t qrn_driver_data_begin[];
 extern std::uint8_t qrn_driver_data_end[];
-extern std::uint8_t QRN_Cache_Stats[] __attribute__((weak));  // the one thing a driver may export
+// All that a driver may export.
+extern std::uint8_t QRN_Cache_Stats[] __attribute__((weak));
+extern std::uint8_t QRN_Sync_Stats[] __attribute__((weak));
 }
 
 namespace machine {
@@ -42,7 +44,11 @@ public:
 
     void* exported(const std::string& name) const override
     {
-        return loaded_ && name == "QRN_Cache_Stats" ? QRN_Cache_Stats : nullptr;
+        if (!loaded_)
+            return nullptr;
+        return name == "QRN_Cache_Stats"  ? QRN_Cache_Stats
+               : name == "QRN_Sync_Stats" ? QRN_Sync_Stats
+                                          : nullptr;
     }
 
 private:

@@ -36,7 +36,7 @@ EXPORTED = {
     "scsiport.sys": ["ScsiPortInitialize", "ScsiPortNotification"],
 }
 # What it may offer: data for whoever measures it.
-OFFERED = ["QRN_Cache_Stats"]
+OFFERED = ["QRN_Cache_Stats", "QRN_Sync_Stats"]
 SECTIONS = [".text", ".data", ".rdata", ".bss", ".edata", ".idata", ".rsrc", ".reloc"]
 SIZE_MAX_BYTES = 256 * 1024
 

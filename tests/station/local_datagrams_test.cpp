@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
-// What the station asks servers and the driver, over real sockets on loopback.
+// What the station asks servers, over real sockets on loopback.
 #include "station/local_datagrams.h"
 
 #include <future>
+
+#include "formats/wire.h"
 
 #include "tests/transport/plain_peer.h"
 
@@ -18,16 +20,6 @@ Packet sector_answer(Packet packet, std::uint8_t content, bool zeros = false)
     std::memset(&packet[26], 0, 8);
     packet[33] = zeros ? 0 : 1;
     return packet;
-}
-
-Packet poll_answer(const Packet& poll, std::uint8_t number, std::uint8_t units)
-{
-    Packet reply(sizeof(PollReply));
-    std::copy_n(poll.begin(), 2, reply.begin());
-    ++reply[0];
-    reply[4] = number;
-    reply[218] = units;
-    return reply;
 }
 
 auto ask_for_first_sector(const ServerRecord& main, const ServerRecord& slave = {})
@@ -67,20 +59,4 @@ TEST(FirstSector, Comes_from_the_slave_when_the_main_server_is_silent)
     slave.answer(sector_answer(slave.receive(), 9, true));
     EXPECT_EQ(sector.get(), Sector{}) << "a hole";
     EXPECT_FALSE(first_sector_of_server(Boot_Param{})) << "no server at all";
-}
-
-TEST(StatusPoll, Takes_the_answer_to_its_last_question)
-{
-    PlainPeer driver;
-    StatusPoll poll(driver.record.Port.get());
-    EXPECT_FALSE(poll.ask()) << "before any answer";
-    const Packet first = driver.receive();
-    auto reply = std::async(std::launch::async, [&] { return poll.ask(); });
-    const Packet second = driver.receive();
-    ASSERT_EQ(second.size(), 26u);
-    driver.answer(poll_answer(second, first[6], 1));
-    driver.answer(Packet(225));
-    driver.answer(poll_answer(second, second[6], 77));
-    const auto taken = reply.get();
-    EXPECT_EQ(taken ? taken->Image_Units.get() : 0, 77u);
 }

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <latch>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <thread>
@@ -129,87 +128,53 @@ TEST(LiveTable, Fits_any_terminal_and_tells_rates_since_the_table_before)
 
 namespace {
 
-formats::PollReply position(std::uint32_t units, std::uint32_t chunk)
+constexpr std::uint64_t ms = 10'000;  // in the unit of Start_Time
+
+std::string image_line(Synchronisation& sync, const formats::SyncStats& exported, std::int64_t now_ms)
 {
-    formats::PollReply reply{};
-    reply.Image_Units.set(units);
-    reply.Image_Position.set(chunk);
-    return reply;
+    StationStatus status;
+    status.synchronisation = sync.status(&exported, now_ms);
+    const std::string text = status_line(status);
+    return text.substr(text.find("image: ") + 7);
 }
-
-constexpr const char* begins = "\nQRN_RW_HDD_Sync";
-
-// A synchronisation told of by a thread of its own, as the driver does it; its server's image is there.
-struct Filling {
-    explicit Filling(std::vector<std::string> messages = {begins, "\nQRNH_Header: Size=00020000 "})
-        : thread([this, messages = std::move(messages)] {
-              for (const std::string& each : messages)
-                  sync.follow(each, 1000);
-              told.count_down();
-              ended.wait();
-          })
-    {
-        told.wait();
-    }
-    ~Filling() { thread_ends(); }
-    void thread_ends()
-    {
-        if (thread.joinable()) {
-            ended.count_down();
-            thread.join();
-        }
-    }
-    std::string line(std::int64_t now_ms) const
-    {
-        StationStatus status;
-        status.synchronisation = sync.status(now_ms);
-        const std::string text = status_line(status);
-        return text.substr(text.find("image: ") + 7);
-    }
-    Synchronisation sync;
-    std::latch told{1}, ended{1};
-    std::thread thread;
-};
 
 }  // namespace
 
-TEST(Synchronisation, Progress_and_rate_come_from_polls_and_the_driver_has_the_last_word)
+TEST(Synchronisation, Progress_and_rate_are_those_of_this_start)
 {
-    Filling run;
-    run.sync.take(position(1024, 256), 2000);
-    run.sync.take(position(1024, 512), 6000);
-    EXPECT_EQ(run.line(6000),
+    Synchronisation sync;
+    formats::SyncStats exported{formats::sync_running, 1024, 256, 512, 2000 * ms};
+    EXPECT_EQ(image_line(sync, exported, 6000),
               "[###############...............] 50 %, 512 of 1024 chunks, 32 of 64 MB, 4.0 MB/s, 8 s left");
     StationStatus status;
-    status.synchronisation = run.sync.status(6000);
+    status.synchronisation = sync.status(&exported, 6000);
     const auto json = nlohmann::json::parse(status_json(status));
     EXPECT_EQ(json["synchronisation"]["state"], "running");
     EXPECT_EQ(json["synchronisation"]["chunks_done"], 512);
     EXPECT_EQ(json["synchronisation"]["seconds_left"], 8.0);
 
-    run.sync.follow("\nQRNH_IMG_SYNC: 0000-03FF(400)    63M   9S  7274K/S", 9000);
-    run.sync.follow("\nQRNH_IMG_SYNC: End=0", 9000);
-    EXPECT_FALSE(run.sync.wants_poll());
-    EXPECT_EQ(run.line(20000), "complete after 8.0 s: 100 %, 1024 of 1024 chunks, 64 of 64 MB, 8.0 MB/s");
+    exported.State = formats::sync_complete;
+    exported.Chunk = 1024;
+    image_line(sync, exported, 8000);
+    EXPECT_EQ(image_line(sync, exported, 20000),
+              "complete after 6.0 s: 100 %, 1024 of 1024 chunks, 64 of 64 MB, 8.0 MB/s");
 }
 
-TEST(Synchronisation, Every_way_to_end_has_a_name)
+TEST(Synchronisation, Every_state_has_words)
 {
-    const std::pair<std::string, std::string> ends[] = {{"\nQRNH_IMG_SYNC: End=1", "stopped"},
-                                                        {"\nQRNH_IMG_SYNC: End=2", "failed"}};
-    for (const auto& [message, state] : ends) {
-        Filling run;
-        run.sync.take(position(0x80000000, 0), 1500);
-        run.sync.follow(message, 2500);
-        run.thread_ends();
-        EXPECT_EQ(run.line(9000).find(state + " after 1.0 s: 0 %"), 0u) << run.line(9000);
+    const std::pair<std::uint32_t, std::string> states[] = {
+        {formats::sync_stopped, "stopped after 1.0 s: 0 %"},
+        {formats::sync_failed, "failed after 1.0 s: 0 %"},
+        {formats::sync_no_server_image, "not filled, the server has no usable image of the disk"}};
+    for (const auto& [state, text] : states) {
+        Synchronisation sync;
+        const std::string line = image_line(sync, {state, 0x80000000, 0, 0, 1500 * ms}, 2500);
+        EXPECT_EQ(line.find(text), 0u) << line;
     }
-    for (const std::vector<std::string>& messages :
-         {std::vector<std::string>{begins}, {begins, "\nQRNH_Header: Size=00020000 "}}) {
-        Filling run(messages);
-        run.sync.follow("\nQRNH_Header: Read Error", 1500);  // of the local image's header
-        EXPECT_EQ(run.line(1500).find("not filled"), std::string::npos);
-        run.thread_ends();
-        EXPECT_EQ(run.line(2000), "not filled, the server has no usable image of the disk");
+    for (const std::uint32_t state : {formats::sync_waiting, formats::sync_asking_server}) {
+        Synchronisation sync;
+        EXPECT_EQ(image_line(sync, {state, 0, 0, 0, 0}, 1500).find("not filled"), std::string::npos);
     }
+    EXPECT_EQ(Synchronisation().status(nullptr, 1500).state, SyncStatus::State::waiting)
+        << "a driver without";
 }
