@@ -230,6 +230,27 @@ def boot_transfer():
              bytes([what, 0x77, 40, 16]) + bytes([3]) * 2 + lie + bytes([3]) * 3 + silence + lie + bytes([3]) * 9)
 
 
-for make in (boot_transfer, receive, server, exchange, negotiation, boot_record, status_poll, images, nbd, boot_program):
+def transport_frames():
+    us, they, our_ip, their_ip = b"\2\0\0\0\0\x09", b"\2\0\0\0\0\7", b"\n\0\0\x09", b"\n\0\0\7"
+
+    def datagram(payload, options=b""):
+        ip = bytes([0x45 + len(options) // 4, 0]) + struct.pack(">H", 28 + len(options) + len(payload)) + b"\0\1\x40\0\x40\x11\0\0"
+        udp = struct.pack(">HHHH", 8520, 6001, 8 + len(payload), 0)
+        return us + they + b"\x08\0" + ip + their_ip + our_ip + options + udp + payload
+
+    def arp(operation, target=us):
+        return target + they + b"\x08\x06\0\1\x08\0\6\4\0" + bytes([operation]) + they + their_ip + us + our_ip
+
+    block = bytearray(360)
+    block[6] = 2
+    answer = b"QRNB\1\2\1\xd0\1\2\3\4" + us + b"\7\5" + bytes(4) + bytes(80) + bytes(block)
+    seed("transport_frames", "read_data", *(step(3, datagram(part)) for part in fragments(DATA, 4096)))
+    seed("transport_frames", "options", step(7, datagram(packet(DONE), b"\1\1\1\0")))
+    seed("transport_frames", "arp", step(8, arp(2)), step(0, arp(2)), step(0, arp(1, b"\xff" * 6)))
+    seed("transport_frames", "disks", step(0x13, datagram(answer)))
+
+
+for make in (boot_transfer, receive, server, exchange, negotiation, boot_record, status_poll, images, nbd, boot_program,
+             transport_frames):
     make()
 driver_file(sys.argv[1:])
