@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: MIT
-// What the server tells its administrator: lines on standard error, with the journal's level marks when that
-// is where they go. Any thread.
+// What the server tells its administrator. Any thread.
 #pragma once
 
-#include <string>
+#include "programs/log.h"
 
 namespace server {
 
-enum class LogLevel { error = 3, warning = 4, notice = 5, info = 6 };
-
-void log(LogLevel level, const std::string& text);
+using programs::log;
+using programs::LogLevel;
 
 }  // namespace server

@@ -25,6 +25,7 @@
 #include "server/fleet_server.h"
 #include "server/flusher.h"
 #include "server/image_check.h"
+#include "server/log.h"
 #include "server/options.h"
 #include "server/protocol.h"
 #include "server/raw_check.h"
@@ -295,7 +296,7 @@ void Server::write_statistics()
         programs::replace_file(options_.stats_json_path, statistics().json());
     } catch (const std::system_error& error) {
         if (!std::exchange(statistics_failed_, true))
-            fmt::print(stderr, "qrn-server: --stats-json: {}\n", error.what());
+            log(LogLevel::warning, fmt::format("--stats-json: {}", error.what()));
     }
 }
 
@@ -310,10 +311,10 @@ void Server::tell_failure(const StoreFailure& failure)
     const char* const what = failure.operation == Operation::write   ? "write"
                              : failure.operation == Operation::flush ? "flush"
                                                                      : "read";
-    fmt::print(stderr, "qrn-server: {}: cannot {}{}: {} (errno {}); told once, counted as store_errors\n",
-               of_image ? served.image_path : served.path, what,
-               failure.workstation ? " for " + to_text(*failure.workstation) : "",
-               std::generic_category().message(failure.error), failure.error);
+    log(LogLevel::error, fmt::format("{}: cannot {}{}: {} (errno {}); told once, counted as store_errors",
+                                     of_image ? served.image_path : served.path, what,
+                                     failure.workstation ? " for " + to_text(*failure.workstation) : "",
+                                     std::generic_category().message(failure.error), failure.error));
 }
 
 void Server::take_ended_flushes()
@@ -332,7 +333,7 @@ void check_configuration(const std::string& path)
 
 int report(const std::exception& error, int status)
 {
-    fmt::print(stderr, "qrn-server: {}\n", error.what());
+    log(LogLevel::error, error.what());
     return status;
 }
 
@@ -340,6 +341,7 @@ int report(const std::exception& error, int status)
 
 int main(int argc, char** argv)
 {
+    programs::name_log("qrn-server");
     std::optional<Options> options;
     std::unique_ptr<Server> server;
     try {

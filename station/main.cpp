@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "programs/log.h"
 #include "station/options.h"
 #include "station/stop_signal.h"
 #include "station/workstation.h"
@@ -27,6 +28,7 @@ int main(int argc, char** argv)
     // they are.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
+    programs::name_log("qrn-station");
     try {
         const auto options = station::parse_options(argc, argv);
         if (!options)
@@ -35,10 +37,10 @@ int main(int argc, char** argv)
         station::Workstation workstation(*options, stop);
         power_off(workstation.run());
     } catch (const station::OptionError& error) {
-        std::fprintf(stderr, "qrn-station: %s\n", error.what());
+        programs::log(programs::LogLevel::error, error.what());
         power_off(status_wrong_arguments);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "qrn-station: %s\n", error.what());
+        programs::log(programs::LogLevel::error, error.what());
         power_off(EXIT_FAILURE);
     }
 }

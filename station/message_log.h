@@ -3,25 +3,24 @@
 // write() is called by any thread of the driver, at up to DISPATCH_LEVEL.
 #pragma once
 
-#include <chrono>
 #include <string>
 
-#include "station/unique_fd.h"
+#include "programs/log.h"
 
 namespace station {
 
-// The line of a message: without the line breaks it begins or ends with, control characters (some
-// messages repeat text of a server) as blanks.
-std::string log_line(std::chrono::system_clock::time_point time, const std::string& message);
+// A message as one line: without the line breaks it begins or ends with, control characters (some messages
+// repeat text of a server) as blanks.
+std::string message_line(const std::string& message);
 
 class MessageLog {
 public:
     // Appends to the file, or creates it. Throws std::system_error.
-    explicit MessageLog(const std::string& path);
-    void write(const std::string& message);
+    explicit MessageLog(const std::string& path) : file_(path) {}
+    void write(const std::string& message) { file_.write(message_line(message)); }
 
 private:
-    UniqueFd file_;
+    programs::LogFile file_;
 };
 
 }  // namespace station

@@ -13,6 +13,7 @@
 
 #include "formats/boot_record.h"
 #include "machine/transport/transport.h"
+#include "programs/log.h"
 #include "station/lun_device.h"
 #include "station/unique_fd.h"
 
@@ -98,7 +99,7 @@ std::string text_of(const std::array<std::uint8_t, 36>& inquiry, std::size_t fir
 
 void complain(const std::string& message)
 {
-    std::fprintf(stderr, "qrn-station: %s\n", message.c_str());
+    programs::log(programs::LogLevel::error, message);
 }
 
 void print_lines(const std::vector<std::string>& lines)

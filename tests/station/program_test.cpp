@@ -88,6 +88,19 @@ TEST_F(Program, Disks_that_show_at_a_later_bus_scan_are_waited_for)
     EXPECT_EQ(stop(SIGTERM), 0);
 }
 
+TEST_F(Program, Messages_carry_the_journals_level_when_that_is_where_they_go)
+{
+    // The shell starts it in the folder, with "err" as its standard error.
+    const std::string inode = "$(stat -L -c %d:%i /proc/self/fd/2)";
+    for (const auto& [stream, begin] : {std::pair{inode, "<3>one of --boot-block"},
+                                        std::pair{"1:" + inode, "qrn-station: one of --boot-block"}}) {
+        std::ofstream(folder / "start") << "JOURNAL_STREAM=" + stream + " exec " QRN_STATION "\n";
+        const std::string line = "cd '" + folder / "" + "' && sh start >out 2>err";
+        EXPECT_EQ(WEXITSTATUS(std::system(line.c_str())), 2);
+        EXPECT_TRUE(content_of("err").starts_with(begin)) << content_of("err");
+    }
+}
+
 TEST_F(Program, Version_is_printed)
 {
     EXPECT_EQ(run("--version"), 0);
