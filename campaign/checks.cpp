@@ -117,7 +117,8 @@ void expect_requests_succeed(Workstation& station, Load& load)
         fail(fmt::format("{} received packets were not given back", held));
     // The class driver's own reads of a disk that came late may still wait for its server.
     wait_for(
-        station, [&] { return station.scsi().in_flight() == 0; }, "requests are in flight when none was made", load);
+        station, [&] { return station.scsi().in_flight() == 0; }, "requests are in flight when none was made",
+        load);
 }
 
 void expect_slots_back(Workstation& station, Load& load, FaultSchedule& faults)

@@ -2,6 +2,7 @@
 #include "campaign/faults.h"
 
 #include <algorithm>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -28,10 +29,12 @@ machine::NetworkQuality bad_quality(const machine::NetworkQuality& good, double 
 
 FaultSchedule::FaultSchedule(Workstation& station) : station_(station), patience_(station.world.plan)
 {
-    station.on_slave_read = [this](unsigned lun) {
+    station.on_main_left = [this](unsigned lun) {
         if (!patience_.may_leave(lun, ServerName::main, station_.now_ms()))
-            fail(fmt::format("LUN {} is read from the slave server at {} ms though the main server was there",
-                             lun, station_.now_ms()));
+            fail(fmt::format(
+                "LUN {} is read from the slave server, or written only there, at {} ms though the main "
+                "server was there",
+                lun, station_.now_ms()));
     };
 }
 
@@ -61,6 +64,7 @@ void FaultSchedule::prepare_boot()
             faults.fail(Operation::registry_query, {}, fault.skip - 2, fault.count);
             break;
         case BootFault::Kind::local_read:
+            local_fault_ms_ = 0;
             faults.fail(Operation::disk_read, {}, fault.skip - 2, fault.count);
             break;
         }
@@ -142,12 +146,20 @@ void FaultSchedule::begin(const Fault& fault)
 void FaultSchedule::remember(const Fault& fault)
 {
     const std::int64_t begin_ms = station_.now_ms(), end_ms = begin_ms + fault.for_ms;
+    if (fault.kind == FaultKind::retry_limit)
+        main_lost();
     if (fault.kind == FaultKind::network)
         patience_.bad_network(begin_ms, end_ms);
     else if (fault.kind >= FaultKind::main_crash && fault.kind <= FaultKind::main_partition)
-        patience_.away(ServerName::main, begin_ms, end_ms);
+        patience_.away(ServerName::main, begin_ms, end_ms), main_lost();
     else if (fault.kind == FaultKind::slave_crash || fault.kind == FaultKind::slave_partition)
         patience_.away(ServerName::slave, begin_ms, end_ms);
+}
+
+void FaultSchedule::main_lost()
+{
+    if (on_main_lost)
+        std::exchange(on_main_lost, nullptr)();
 }
 
 void FaultSchedule::begin_machine_fault(const Fault& fault)
@@ -171,6 +183,7 @@ void FaultSchedule::begin_local_fault(const Fault& fault)
 {
     machine::Faults& faults = station_.machine.faults();
     weakened_ = true;
+    local_fault_ms_ = std::min(local_fault_ms_, station_.now_ms());
     const double probability = 0.3 * fault.strength;
     if (fault.kind == FaultKind::local_request) {
         faults.fail_randomly(Operation::irp_allocate, probability, "IoBuildSynchronousFsdRequest");
@@ -283,14 +296,18 @@ void FaultSchedule::heal()
 
 bool FaultSchedule::may_fail(unsigned lun, bool write_waits, std::int64_t since_ms)
 {
-    if (shutdown_ || (station_.world.plan.boots_locally() && weakened_))
+    const std::int64_t now_ms = station_.now_ms();
+    if (station_.world.plan.boots_locally() && local_fault_ms_ <= now_ms)
         return true;
-    return patience_.may_fail(lun, write_waits, since_ms, station_.now_ms());
+    if (shutdown_ && patience_.may_end_in_shutdown(lun, shutdown_ms_, now_ms))
+        return true;
+    return patience_.may_fail(lun, write_waits, since_ms, now_ms);
 }
 
 void FaultSchedule::shutdown_begins()
 {
     shutdown_ = true;
+    main_lost();
     shutdown_ms_ = station_.now_ms();
 }
 
@@ -303,7 +320,7 @@ void FaultSchedule::servers_away(std::int64_t begin_ms, std::int64_t end_ms)
 Kept FaultSchedule::kept(unsigned lun) const
 {
     const std::int64_t now_ms = station_.now_ms();
-    if (station_.reads_slave(lun))
+    if (station_.left_main(lun))
         return Kept::slave;
     // A shutdown has less patience than a running system.
     const auto left = [&](ServerName server) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "campaign/load.h"
@@ -29,6 +30,9 @@ public:
     // A check kept both servers away from the workstation.
     void servers_away(std::int64_t begin_ms, std::int64_t end_ms);
 
+    // Called once when the main server can no longer be relied on in this start.
+    std::function<void()> on_main_lost;
+
     bool over() const { return active_.empty(); }
 
     bool may_fail(unsigned lun, bool write_waits, std::int64_t since_ms) override;
@@ -47,6 +51,7 @@ private:
     void begin(const Fault& fault);
     void end(const Fault& fault);
     void remember(const Fault& fault);
+    void main_lost();
     void begin_machine_fault(const Fault& fault);
     void begin_local_fault(const Fault& fault);
     void crash(BlockServer& server, bool losing, double strength);
@@ -60,6 +65,7 @@ private:
     bool shutdown_ = false;
     std::int64_t shutdown_ms_ = 0;
     bool weakened_ = false;
+    std::int64_t local_fault_ms_ = INT64_MAX;  // since when the local disk may fail requests
 };
 
 }  // namespace campaign

@@ -6,7 +6,21 @@
 
 #include <fmt/format.h>
 
+#include "formats/wire.h"
+
 namespace campaign {
+
+// Where a sector can be torn: where a fragment ends, of any packet, which begins with a sector.
+static bool may_be_torn_at(std::size_t from_begin, std::size_t from_end)
+{
+    for (std::size_t end = formats::fragment_bytes_max; end < formats::packet_bytes_max;
+         end += formats::fragment_bytes_max) {
+        const std::size_t place = end % formats::sector_bytes;
+        if (place <= from_begin && formats::sector_bytes - place <= from_end)
+            return true;
+    }
+    return false;
+}
 
 DiskModel::DiskModel(unsigned lun, std::vector<Generation> contents, const Generations& generations)
     : lun_(lun), generations_(generations), settled_(std::move(contents))
@@ -78,7 +92,7 @@ bool DiskModel::torn(std::uint32_t lba, std::span<const std::uint8_t> sector, st
         const auto reversed = std::mismatch(content.rbegin(), content.rend(), sector.rbegin()).first;
         from_end = std::max(from_end, static_cast<std::size_t>(reversed - content.rbegin()));
     }
-    return differing && from_begin + from_end >= sector.size();
+    return differing && may_be_torn_at(from_begin, from_end);
 }
 
 std::string DiskModel::judge(std::uint32_t lba, std::span<const std::uint8_t> sector,
@@ -112,8 +126,34 @@ std::string DiskModel::read_ends(Request read, std::uint32_t lba, std::span<cons
     ++now_;
     std::string wrong;
     for (std::size_t at = 0; at < data.size() && wrong.empty(); at += formats::sector_bytes, ++lba)
-        wrong = judge(lba, data.subspan(at, formats::sector_bytes), read);
+        if (wrong = judge(lba, data.subspan(at, formats::sector_bytes), read); wrong.empty() && one_truth_)
+            found(lba, data.subspan(at, formats::sector_bytes), read);
     return wrong;
+}
+
+// What the only server was seen to have while nobody wrote it does not turn into something else.
+void DiskModel::found(std::uint32_t lba, std::span<const std::uint8_t> sector, std::uint64_t since)
+{
+    const auto entry = unsettled_.find(lba);
+    const auto named = name_of({lun_, lba}, sector);
+    if (entry == unsettled_.end() || !named)
+        return;
+    std::vector<Version>& all = entry->second;
+    if (std::ranges::any_of(
+            all, [since](const Version& version) { return version.begin > since || version.end > since; }))
+        return;
+    for (Version& version : all)
+        if (version.generation != named->generation)
+            version.gone = std::min(version.gone, now_);
+    settle(lba, all);
+}
+
+std::vector<std::uint32_t> DiskModel::unsettled() const
+{
+    std::vector<std::uint32_t> places;
+    for (const auto& [lba, all] : unsettled_)
+        places.push_back(lba);
+    return places;
 }
 
 std::string DiskModel::check(std::uint32_t lba, std::span<const std::uint8_t> sector) const

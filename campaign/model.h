@@ -2,7 +2,7 @@
 // Knows for each sector of a disk which contents a read may find. A write that failed, or was under way when
 // the workstation went, may have happened or not; one that succeeded ends all that was complete before it
 // began. Requests may overlap in place and in time; a read that overlaps a write of the same sector may find
-// the beginning of one content and the end of another, since a packet travels in fragments.
+// the beginning of one content and the end of another where a fragment ends, since a packet travels in these.
 #pragma once
 
 #include <cstdint>
@@ -42,6 +42,10 @@ public:
     // The workstation is gone. With contents, what its servers hold is all that is left.
     void power_off();
     void becomes(std::uint32_t lba, Generation generation);
+    // Which places may have more than one content.
+    std::vector<std::uint32_t> unsettled() const;
+    // Reads find what one server has, and nothing between keeps anything.
+    void set_one_truth() { one_truth_ = true; }
 
 private:
     // Contents that may be found. gone: when a later write put an end to it.
@@ -62,10 +66,12 @@ private:
     void settle(std::uint32_t lba, std::vector<Version>& versions);
     std::string judge(std::uint32_t lba, std::span<const std::uint8_t> sector, std::uint64_t since) const;
 
+    void found(std::uint32_t lba, std::span<const std::uint8_t> sector, std::uint64_t since);
     bool torn(std::uint32_t lba, std::span<const std::uint8_t> sector, std::uint64_t since) const;
 
     unsigned lun_;
     const Generations& generations_;
+    bool one_truth_ = false;
     std::uint64_t now_ = 0;            // counts beginnings and ends
     std::vector<Generation> settled_;  // of sectors with one possible content
     std::unordered_map<std::uint32_t, std::vector<Version>> unsettled_;

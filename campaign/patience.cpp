@@ -77,6 +77,14 @@ bool Patience::may_miss(ServerName server, std::int64_t from_ms, std::int64_t to
     return time_outs(server, from_ms, to_ms) > 0;
 }
 
+bool Patience::may_end_in_shutdown(unsigned lun, std::int64_t shutdown_ms, std::int64_t now_ms) const
+{
+    std::int64_t most = time_outs(ServerName::main, shutdown_ms, now_ms);
+    if (plan_.disks[lun].mirrored)
+        most = std::max(most, time_outs(ServerName::slave, shutdown_ms, now_ms));
+    return most >= limited_time_outs - 1;
+}
+
 bool Patience::limit_reached(unsigned lun, std::int64_t since_ms, std::int64_t now_ms) const
 {
     return std::ranges::any_of(limits_ms_, [&](std::int64_t limit_ms) {

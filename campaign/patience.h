@@ -30,6 +30,8 @@ public:
     // Whether a request of this LUN may fail now. since_ms: when the oldest began that waits with it.
     // write_waits: one of them is a write.
     bool may_fail(unsigned lun, bool write_waits, std::int64_t since_ms, std::int64_t now_ms) const;
+    // Whether a packet of this LUN may have had all the time-outs that are left to it in a shutdown.
+    bool may_end_in_shutdown(unsigned lun, std::int64_t shutdown_ms, std::int64_t now_ms) const;
     // Whether a mirrored disk may have left its main server, or given up its slave.
     bool may_leave(unsigned lun, ServerName server, std::int64_t now_ms) const;
     // Whether a packet to this server may have timed out between the two.

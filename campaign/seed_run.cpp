@@ -2,6 +2,7 @@
 #include "campaign/seed_run.h"
 
 #include <cstdio>
+#include <functional>
 #include <optional>
 #include <utility>
 
@@ -83,10 +84,12 @@ const char* name_of(End end)
 }
 
 // Which servers the mirrored disks still have.
-std::vector<Kept> run_start(World& world, unsigned number, machine::DriverImage& driver, std::int64_t off_ms)
+std::vector<Kept> run_start(World& world, unsigned number, machine::DriverImage& driver, std::int64_t off_ms,
+                            const std::function<void()>& on_main_lost)
 {
     Workstation station(world, number, driver, off_ms);
     FaultSchedule faults(station);
+    faults.on_main_lost = on_main_lost;
     faults.prepare_boot();
     std::optional<Load> load;
     const Outcome outcome = station.machine.run([&] {
@@ -160,13 +163,14 @@ void run_seed(std::uint64_t seed, const Options& options)
         images.emplace(world);
     Stream pauses(seed, "pauses");
     for (unsigned number = 1; number <= world.plan.starts.size(); ++number) {
+        std::function<void()> on_main_lost;
         if (images) {
             images->publish(world.plan.starts[number - 1], number);
             if (may_lose_server(world.plan.starts[number - 1]))
-                images->allow_older();
+                on_main_lost = [&images] { images->allow_older(); };
         }
         // Servers rely on a restart taking longer than what they remember of writes.
-        const auto kept = run_start(world, number, *driver, pauses.between(6'000, 60'000));
+        const auto kept = run_start(world, number, *driver, pauses.between(6'000, 60'000), on_main_lost);
         settle_servers(world, kept);
         if (images) {
             power_cut(world, number);

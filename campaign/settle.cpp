@@ -66,6 +66,8 @@ void settle_servers(World& world, std::span<const Kept> kept)
         } else {
             expect_stored(world, lun, kept[lun]);
             world.slave.store(lun).bytes() = world.main.store(lun).bytes();
+            for (const std::uint32_t lba : model.unsettled())
+                model.becomes(lba, world.stored_generation(world.main, {lun, lba}));
         }
         world.main.store(lun).flush();
         world.slave.store(lun).flush();

@@ -74,7 +74,8 @@ std::span<const std::uint8_t> bytes_of(const Object& object)
 
 Workstation::Workstation(World& owner, unsigned start, machine::DriverImage& driver, std::int64_t off_ms)
     : world(owner), number(start), machine(machine_config(owner.plan, start)),
-      network(machine.scheduler(), Stream(owner.plan.seed, "network", start).next()), driver_(driver)
+      network(machine.scheduler(), Stream(owner.plan.seed, "network", start).next()), driver_(driver),
+      rules_(world.plan)
 {
     report_on(&machine);
     const Plan& plan = world.plan;
@@ -161,18 +162,21 @@ void Workstation::see(Direction direction, const formats::ServerRecord& server,
         return;
     world.events.add(static_cast<std::uint64_t>(machine.scheduler().now()));
     world.events.add(packet);
-    if (direction != Direction::to_server || packet.size() < formats::request_bytes)
-        return;
+    const std::int64_t now_ms = machine.scheduler().now() / machine::ticks_per_ms;
+    if (direction != Direction::to_server)
+        return rules_.answered(packet, now_ms);
+    const bool to_slave = server.Ip[3] == world.slave.address().Ip[3];
+    const bool alone = rules_.sent(packet, to_slave, now_ms);
     formats::WireHeader header{};
     std::memcpy(static_cast<void*>(&header), packet.data(), formats::request_bytes);
     const unsigned lun = (header.Disk_Id[3] - 0xD0u) % formats::disk_count_max;
     workers_[lun] |= 1u << (header.Worker_Byte & formats::worker_index_mask);
-    const bool from_slave = server.Ip[3] == world.slave.address().Ip[3];
-    if (from_slave && header.Sub_Code == formats::sub_request && header.Kind == formats::kind_read &&
-        !reads_slave(lun)) {
-        slave_reads_ |= 1u << lun;
-        if (on_slave_read)
-            on_slave_read(lun);
+    const bool slave_read =
+        to_slave && header.Sub_Code == formats::sub_request && header.Kind == formats::kind_read;
+    if ((slave_read || alone) && !left_main(lun)) {
+        left_main_ |= 1u << lun;
+        if (on_main_left)
+            on_main_left(lun);
     }
 }
 

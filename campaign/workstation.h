@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "campaign/wire_rules.h"
 #include "campaign/world.h"
 #include "formats/boot_block.h"
 #include "machine/loader/driver_image.h"
@@ -40,9 +41,10 @@ public:
     void watch_workers() { workers_.fill(0); }
     unsigned workers(unsigned lun) const { return workers_[lun]; }
 
-    // A mirrored disk is read from its slave server once it has left its main server, and only then.
-    bool reads_slave(unsigned lun) const { return (slave_reads_ >> lun & 1) != 0; }
-    std::function<void(unsigned lun)> on_slave_read;  // when it is for the first time
+    // A mirrored disk is read from its slave server, or written only there, once it has left its main server,
+    // and only then.
+    bool left_main(unsigned lun) const { return (left_main_ >> lun & 1) != 0; }
+    std::function<void(unsigned lun)> on_main_left;  // when it shows for the first time
 
     // Adds to the coverage what the run left in its parts.
     void count_events();
@@ -56,7 +58,8 @@ private:
 
     machine::DriverImage& driver_;
     std::array<unsigned, formats::disk_count_max> workers_{};
-    unsigned slave_reads_ = 0;  // bits by LUN
+    unsigned left_main_ = 0;  // bits by LUN
+    WireRules rules_;
 };
 
 }  // namespace campaign

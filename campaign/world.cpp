@@ -40,6 +40,8 @@ World::World(Plan drawn, CanaryKind kind)
     for (unsigned lun = 0; lun < plan.disks.size(); ++lun) {
         const auto contents = first_contents(stream, plan.disks[lun]);
         models.emplace_back(lun, contents, generations);
+        if (!plan.disks[lun].mirrored && !plan.boots_locally() && !plan.disks[lun].ram_cache())
+            models.back().set_one_truth();
         for (std::uint32_t lba = 0; lba < contents.size(); ++lba)
             store({lun, lba}, contents[lba]);
     }

@@ -94,6 +94,40 @@ TEST_F(Model, Torn_sector_passes_only_for_a_read_during_a_write)
     EXPECT_NE(model.read_ends(read, lba, torn), "");
 }
 
+TEST_F(Model, Sector_is_torn_only_where_a_fragment_ends)
+{
+    const Generation one = fresh();
+    model.write_begins(lba, 1, one);
+    const Sector begin = content(one), end = content(initial);
+    for (const auto& [place, right] :
+         {std::pair{362, true}, {212, true}, {36, true}, {256, false}, {128, false}}) {
+        Sector torn = begin;
+        std::copy(end.begin() + place, end.end(), torn.begin() + place);
+        EXPECT_EQ(model.read_ends(model.read_begins(), lba, torn).empty(), right) << place;
+    }
+}
+
+TEST_F(Model, Disk_of_one_server_does_not_flip_back)
+{
+    for (const bool one_truth : {false, true}) {
+        if (one_truth)
+            model.set_one_truth();
+        const Generation lost = written();
+        model.may_hold(lba, initial, false);
+        EXPECT_EQ(model.read_ends(model.read_begins(), lba, content(initial)), "");
+        EXPECT_EQ(allowed(lost), !one_truth);
+        EXPECT_TRUE(allowed(initial));
+        written();
+    }
+    // While it is written, a read settles nothing.
+    const Generation under_way = fresh();
+    const auto write = model.write_begins(lba, 1, under_way);
+    const auto read = model.read_begins();
+    EXPECT_EQ(model.read_ends(read, lba, content(under_way)), "");
+    EXPECT_EQ(model.unsettled().size(), 1u);
+    model.write_ends(write, false);
+}
+
 TEST_F(Model, Content_of_another_place_or_disk_is_refused)
 {
     const auto read = [this](const Sector& sector) {

@@ -35,6 +35,16 @@ TEST(Patience, A_disk_waits_for_its_server_as_long_as_Retry_Mins_says)
     }
 }
 
+TEST(Patience, A_shutdown_excuses_what_had_four_time_outs_in_it)
+{
+    const Plan plan = plan_of(0, false, 2);
+    Patience patience(plan);
+    patience.away(ServerName::main, 0, 20'000);
+    EXPECT_FALSE(patience.may_end_in_shutdown(1, 10'000, 12'000));
+    EXPECT_TRUE(patience.may_end_in_shutdown(1, 10'000, 14'000));
+    EXPECT_FALSE(patience.may_end_in_shutdown(1, 25'000, 40'000)) << "it was back";
+}
+
 TEST(Patience, Reads_of_the_system_disk_never_fail_in_a_network_boot)
 {
     const Plan network = plan_of(0, false), other = plan_of(1, false);
