@@ -52,6 +52,9 @@ public:
         return true;
     }
 
+    // Silence has been counted as such.
+    void Begin_Anew() { Rounds_ = 0; }
+
 private:
     ULONG Outstanding_ = 0;  // never of a packet that is waited for
     ULONG Rounds_ = 0;
@@ -140,8 +143,10 @@ Wait_End Wait_For_Packet(RW_Entry* pEntry, Idle_Rounds& Idle)
             if (Kind == Answer::Data_Gap)
                 Send_Status_Query(pEntry);
         } else if (Status == STATUS_TIMEOUT) {
-            if (Wait_Ms == Wait_Silence_Ms)
+            if (Wait_Ms == Wait_Silence_Ms) {
+                Idle.Begin_Anew();
                 return Wait_End::Time_Out;
+            }
             Wait_Ms = Wait_Silence_Ms;
             Send_Status_Query(pEntry);
         }

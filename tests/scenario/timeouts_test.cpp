@@ -194,6 +194,19 @@ TEST(TimeOuts, Budgets_end_a_request_except_on_the_system_disk)
 }
 
 // Each time-out, and the end, is printed with all that tells which packet it was.
+// One answer more or less shifts the waits of all that follow.
+TEST(TimeOuts, Of_a_silent_server_all_take_their_time)
+{
+    Rig rig({.disks = {{}, {.retry_mins = 2}}});
+    answer_at(rig, {data(50, 1)});
+    rig.run([&] {
+        Pending request(rig);
+        request.read(1, 0, 8192).wait();
+        EXPECT_FALSE(request.ok());
+        EXPECT_NEAR(request.took_ms(), 165 + 1000 + 119 * time_out_ms + 1000, 0.1);
+    });
+}
+
 TEST(TimeOuts, Are_printed)
 {
     Rig rig({.disks = {{}, {}}});
