@@ -45,10 +45,14 @@ bool flag_of(const Json& command, const char* name)
     return found != command.end() && found->is_boolean() && found->get<bool>();
 }
 
-unsigned number_of(const Json& command, const char* name, unsigned otherwise)
+unsigned number_of(const Json& command, const char* name, unsigned most, unsigned otherwise)
 {
     const auto found = command.find(name);
-    return found != command.end() && found->is_number_unsigned() ? found->get<unsigned>() : otherwise;
+    if (found == command.end())
+        return otherwise;
+    if (!found->is_number_integer() || *found < 0 || *found > most)
+        refuse(fmt::format("'{}' must be a number up to {}", name, most));
+    return found->get<unsigned>();
 }
 
 std::uint64_t room_of(const std::string& path)
@@ -421,7 +425,7 @@ Json Fleet::reset(const Json& command)
 // takes.
 Json Fleet::commit(const Json& command, bool becomes_current)
 {
-    const unsigned lun = number_of(command, "lun", 0);
+    const unsigned lun = number_of(command, "lun", formats::disk_count_max - 1, 0);
     std::string image_name, base, path, overlay;
     unsigned version = 0;
     std::shared_ptr<DiskLane> lane;

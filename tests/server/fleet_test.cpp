@@ -1,0 +1,389 @@
+// SPDX-License-Identifier: MIT
+// A fleet without sockets, in virtual time: a hundred workstations on one image, and what may go wrong with
+// one of them while the others work.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <fstream>
+#include <map>
+#include <random>
+
+#include <nlohmann/json.hpp>
+
+#include "formats/boot_request.h"
+#include "server/fleet.h"
+#include "server/overlay_file.h"
+#include "tests/scratch_folder.h"
+#include "tests/server/workstation_model.h"
+
+using namespace server_test;
+using server::Fleet;
+using server::Peer;
+using server::WorkPool;
+using Json = nlohmann::json;
+
+namespace {
+
+// What the network brings to each workstation, by address.
+struct Network {
+    std::mutex lock;
+    std::map<std::string, std::vector<Bytes>> arrived;
+
+    std::vector<Bytes> take(const Peer& at)
+    {
+        std::lock_guard guard(lock);
+        return std::exchange(arrived[server::to_text(at)], {});
+    }
+};
+
+class NetworkSink : public server::PacketSink {
+public:
+    explicit NetworkSink(Network& network) : network_(network) {}
+    void send(const Peer& to, std::span<const std::uint8_t> header,
+              std::span<const std::uint8_t> data) override
+    {
+        Bytes packet(header.begin(), header.end());
+        packet.insert(packet.end(), data.begin(), data.end());
+        std::lock_guard guard(network_.lock);
+        network_.arrived[server::to_text(to)].push_back(packet);
+    }
+
+private:
+    Network& network_;
+};
+
+// Reads and writes of the file "slow" wait while the gate is closed.
+struct Gate {
+    std::mutex lock;
+    std::condition_variable changed;
+    bool closed = false;
+    void pass()
+    {
+        std::unique_lock held(lock);
+        changed.wait(held, [this] { return !closed; });
+    }
+    void set(bool to)
+    {
+        std::lock_guard guard(lock);
+        closed = to;
+        changed.notify_all();
+    }
+};
+Gate gate;
+
+class SlowStore : public server::StoreAround {
+public:
+    using StoreAround::StoreAround;
+    bool read(std::uint64_t offset, std::span<std::uint8_t> out) override
+    {
+        gate.pass();
+        return StoreAround::read(offset, out);
+    }
+};
+
+std::shared_ptr<server::BlockStore> open_for_test(const std::string& path, bool readonly)
+{
+    std::shared_ptr<server::BlockStore> file = server::open_file_store(path, readonly);
+    return path.ends_with("slow") ? std::make_shared<SlowStore>(file) : file;
+}
+
+struct Room {
+    explicit Room(const std::string& disks, unsigned threads = 0, const std::string& more = "")
+        : text(fmt_config(disks, more)),
+          pool(threads, [this] { return std::make_unique<NetworkSink>(network); })
+    {
+        for (const char* name : {"golden", "slow"}) {
+            Bytes content(image_bytes);
+            fill(content, 5);
+            std::ofstream(folder / name, std::ios::binary)
+                .write(reinterpret_cast<const char*>(content.data()),
+                       static_cast<std::streamsize>(content.size()));
+        }
+        open();
+    }
+    ~Room() { pool.finish(1000); }
+    void open()
+    {
+        fleet.reset();
+        Peer self{{10, 0, 0, 1}, {}, {}, {}};
+        self.Port.set(8520);
+        fleet = std::make_unique<Fleet>(server::parse_fleet_config(text, "test"), folder / "config", self,
+                                        pool, open_for_test, [this] { return now_ms; });
+    }
+    std::string fmt_config(const std::string& disks, const std::string& more) const
+    {
+        return "[server]\nlisten = \"10.0.0.1:8520\"\nstate = \"" + folder / "state" +
+               "\"\nallow = [\"10.0.0.0/24\"]\n[images.golden]\npath = \"" + folder / "golden" +
+               "\"\n[images.slow]\npath = \"" + folder / "slow" + "\"\n[groups.g]\ndisks = [" + disks +
+               "]\n[unknown]\npolicy = \"group\"\ngroup = \"g\"\n" + more;
+    }
+    Json command(const std::string& name, Json more = Json::object())
+    {
+        more["command"] = name;
+        return fleet->command(more);
+    }
+    std::uint64_t dropped(const char* what) { return command("list")["server"]["dropped"][what]; }
+
+    static constexpr std::size_t image_bytes = 256 * 1024;
+    const ScratchFolder folder;
+    const std::string text;
+    std::uint64_t now_ms = 1000;
+    Network network;
+    WorkPool pool;
+    std::unique_ptr<Fleet> fleet;
+};
+
+struct Pc {
+    Pc(Room& in, unsigned pc_number)
+        : room(in), number(pc_number), at(peer(static_cast<std::uint8_t>(pc_number + 10), 700)),
+          content(Room::image_bytes)
+    {
+        fill(content, 5);
+    }
+    formats::BootAnswer boot(std::uint32_t cookie)
+    {
+        formats::BootRequest request{};
+        std::memcpy(request.Mark, formats::boot_mark, 4);
+        request.Version = formats::boot_version;
+        request.Kind = formats::boot_kind_request;
+        request.Length.set(sizeof request);
+        request.Cookie.set(cookie);
+        request.Hardware[0] = 2;
+        request.Hardware[5] = static_cast<std::uint8_t>(number);
+        room.fleet->receive(at, {reinterpret_cast<const std::uint8_t*>(&request), sizeof request});
+        room.pool.run_all();
+        formats::BootAnswer answer{};
+        const auto packets = room.network.take(at);
+        EXPECT_EQ(packets.size(), 1u);
+        if (packets.size() == 1)
+            std::memcpy(&answer, packets[0].data(), std::min(packets[0].size(), sizeof answer));
+        if (answer.Kind == formats::boot_kind_answer)
+            param = answer.Param;
+        return answer;
+    }
+    Packet addressed(Packet packet, unsigned lun = 0) const
+    {
+        std::memcpy(packet.header.Disk_Id, param.Disks[lun].Disk_Id, 4);
+        std::memcpy(packet.header.Disk_Parm, param.Disks[lun].Disk_Parm, 4);
+        return packet;
+    }
+    // Sends it, and again while something is missing and answers come.
+    void send(Packet& packet)
+    {
+        for (const Bytes& bytes : packet.send())
+            room.fleet->receive(at, bytes);
+        room.pool.run_all();
+        collect(packet);
+    }
+    void collect(Packet& packet)
+    {
+        for (const Bytes& bytes : room.network.take(at))
+            packet.receive(bytes);
+    }
+    bool write(std::uint64_t sector, unsigned bytes, std::uint64_t seed, unsigned lun = 0)
+    {
+        Packet packet = addressed(make_write(sector, bytes, ++sequence, seed), lun);
+        send(packet);
+        if (packet.complete())
+            std::ranges::copy(packet.data, content.begin() + static_cast<std::ptrdiff_t>(sector * 512));
+        return packet.complete();
+    }
+    Packet read(std::uint64_t sector, unsigned bytes, unsigned lun = 0)
+    {
+        Packet packet = addressed(Packet(formats::kind_read, sector, bytes, ++sequence), lun);
+        send(packet);
+        return packet;
+    }
+    void expect_own_content()
+    {
+        for (std::size_t at_byte = 0; at_byte < content.size(); at_byte += 16384) {
+            const Packet packet = read(at_byte / 512, 16384);
+            ASSERT_TRUE(packet.complete()) << "pc " << number;
+            ASSERT_TRUE(std::equal(packet.data.begin(), packet.data.end(),
+                                   content.begin() + static_cast<std::ptrdiff_t>(at_byte)))
+                << "pc " << number << " at byte " << at_byte;
+        }
+    }
+    void shut_down()
+    {
+        Packet packet = addressed(Packet(formats::kind_shutdown, 0, 512, ++sequence));
+        room.fleet->receive(at, packet.request());
+        room.pool.run_all();
+    }
+
+    Room& room;
+    unsigned number;
+    Peer at;
+    Bytes content;
+    formats::Boot_Param param{};
+    std::uint16_t sequence = 0;
+};
+
+Bytes file_content(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(file), {});
+}
+
+TEST(A_fleet, Of_a_hundred_each_reads_its_own_writes_over_one_image_also_after_a_restart)
+{
+    Room room("{ image = \"golden\", at_boot = \"keep\" }");
+    std::vector<Pc> pcs;
+    for (unsigned number = 0; number < 100; ++number)
+        pcs.emplace_back(room, number);
+    for (Pc& pc : pcs)
+        ASSERT_EQ(pc.boot(1).Kind, formats::boot_kind_answer);
+    std::mt19937 random(7);
+    for (unsigned round = 0; round < 300; ++round) {
+        Pc& pc = pcs[random() % pcs.size()];
+        const unsigned sectors = random() % 32 + 1;
+        ASSERT_TRUE(pc.write(random() % (Room::image_bytes / 512 - 32), sectors * 512, random()));
+        room.now_ms += random() % 20;
+        if (round % 100 == 50)
+            room.open();
+    }
+    for (Pc& pc : pcs)
+        ASSERT_NO_FATAL_FAILURE(pc.expect_own_content());
+    Bytes golden(Room::image_bytes);
+    fill(golden, 5);
+    EXPECT_EQ(file_content(room.folder / "golden"), golden);
+    EXPECT_EQ(room.command("list")["workstations"].size(), 100u);
+    for (const auto& entry : std::filesystem::directory_iterator(room.folder / "state/overlays"))
+        EXPECT_TRUE(server::check_overlay_file(entry.path()).faults.empty()) << entry.path();
+}
+
+TEST(A_fleet, Hears_a_workstation_only_where_and_as_it_booted_last)
+{
+    Room room("{ image = \"golden\" }");
+    Pc pc(room, 0), other(room, 1);
+    const auto first = pc.boot(7);
+    ASSERT_EQ(pc.boot(7).Param.Disks[0].Disk_Parm[2], first.Param.Disks[0].Disk_Parm[2])
+        << "it only asked again";
+    ASSERT_TRUE(pc.write(10, 512, 1));
+
+    other.param = pc.param;
+    EXPECT_FALSE(other.write(10, 512, 2));
+    EXPECT_FALSE(other.read(10, 512).complete());
+    EXPECT_EQ(room.dropped("other_address"), 2u);
+
+    const formats::Boot_Param earlier = pc.param;
+    pc.boot(8);
+    fill(pc.content, 5);
+    ASSERT_NO_FATAL_FAILURE(pc.expect_own_content());
+    std::swap(pc.param, other.param);
+    pc.param = earlier;
+    EXPECT_FALSE(pc.write(20, 512, 3)) << "a late write of an earlier boot";
+    EXPECT_EQ(room.dropped("unknown_disk"), 1u);
+
+    Pc stranger(room, 2);
+    stranger.at.Ip[1] = 9;
+    stranger.param = pc.param;
+    EXPECT_FALSE(stranger.read(0, 512).complete());
+    EXPECT_EQ(room.dropped("strangers"), 1u);
+}
+
+TEST(A_fleet, Refuses_the_second_writer_of_an_exclusive_disk_until_the_first_shuts_down)
+{
+    Room room("{ image = \"golden\", mode = \"exclusive\" }");
+    Pc first(room, 0), second(room, 1);
+    first.boot(1), second.boot(1);
+    ASSERT_TRUE(first.write(0, 512, 1));
+    Packet refused = second.addressed(make_write(0, 512, 1, 2));
+    for (const Bytes& bytes : refused.send())
+        room.fleet->receive(second.at, bytes);
+    room.pool.run_all();
+    const auto told = room.network.take(second.at);
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_EQ(told[0][4], formats::sub_retry_limit) << "it is told to give up soon";
+    EXPECT_EQ(room.command("show", {{"name", "pc-020000000001"}})["disks"][0]["writer"], "pc-020000000000");
+    first.shut_down();
+    EXPECT_TRUE(second.write(0, 512, 2));
+}
+
+TEST(A_fleet, Suffers_from_a_store_that_hangs_only_where_that_is_used)
+{
+    Room room("{ image = \"golden\" }, { image = \"slow\", mode = \"readonly\" }", 2);
+    // A test of threads: answers come when they come.
+    const auto until = [&](auto condition) {
+        for (int i = 0; i < 5000 && !condition(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            room.pool.grow_if_stuck();
+        }
+        return condition();
+    };
+    std::vector<Pc> pcs;
+    for (unsigned number = 0; number < 6; ++number)
+        pcs.emplace_back(room, number);
+    for (Pc& pc : pcs) {
+        const auto booted =
+            room.fleet->command({{"command", "add"},
+                                 {"name", "n" + std::to_string(pc.number)},
+                                 {"group", "g"},
+                                 {"hardware", "02:00:00:00:00:0" + std::to_string(pc.number)}});
+        ASSERT_FALSE(booted.contains("error")) << booted;
+        const Json block = room.fleet->command({{"command", "boot-block"},
+                                                {"name", "n" + std::to_string(pc.number)},
+                                                {"address", server::ip_text(pc.at.Ip)}});
+        ASSERT_FALSE(block.contains("error")) << block;
+        const std::string hex = block["block"];
+        for (std::size_t i = 0; i < sizeof pc.param; ++i)
+            reinterpret_cast<std::uint8_t*>(&pc.param)[i] =
+                static_cast<std::uint8_t>(std::stoul(hex.substr(2 * i, 2), nullptr, 16));
+    }
+    gate.set(true);
+    std::vector<Packet> hanging, working;
+    for (Pc& pc : pcs) {
+        hanging.push_back(pc.addressed(Packet(formats::kind_read, 0, 512, ++pc.sequence), 1));
+        room.fleet->receive(pc.at, hanging.back().request());
+    }
+    for (Pc& pc : pcs) {
+        Packet read = pc.addressed(Packet(formats::kind_read, 0, 512, ++pc.sequence));
+        room.fleet->receive(pc.at, read.request());
+        EXPECT_TRUE(until([&] {
+            pc.collect(read);
+            return read.complete();
+        })) << "the other disk of pc "
+            << pc.number;
+    }
+    EXPECT_GT(room.pool.threads(), 2u);
+    gate.set(false);
+    for (std::size_t i = 0; i < pcs.size(); ++i)
+        EXPECT_TRUE(until([&] {
+            pcs[i].collect(hanging[i]);
+            return hanging[i].complete();
+        }));
+}
+
+TEST(A_fleet, Commands_that_make_no_sense_are_refused_with_the_reason)
+{
+    Room room("{ image = \"golden\" }");
+    Pc pc(room, 0);
+    pc.boot(1);
+    const std::pair<Json, const char*> cases[] = {
+        {Json::array(), "an object"},
+        {{{"command", 7}}, "'command' is missing"},
+        {{{"command", "lst"}}, "no command 'lst'"},
+        {{{"command", "show"}}, "'name' is missing"},
+        {{{"command", "show"}, {"name", "pc9"}}, "no workstation 'pc9'"},
+        {{{"command", "add"}, {"name", "../x"}, {"group", "g"}, {"hardware", "02:00:00:00:00:09"}},
+         "is no name"},
+        {{{"command", "add"}, {"name", "x"}, {"group", "h"}, {"hardware", "02:00:00:00:00:09"}},
+         "no group 'h'"},
+        {{{"command", "add"}, {"name", "x"}, {"group", "g"}, {"hardware", "02:00:00:00:00:00"}},
+         "is pc-020000000000"},
+        {{{"command", "commit"}, {"name", "pc-020000000000"}, {"lun", 3}}, "has no overlay"},
+        {{{"command", "commit"}, {"name", "pc-020000000000"}, {"lun", -1}}, "a number up to 3"},
+        {{{"command", "commit"}, {"name", "pc-020000000000"}, {"lun", "0"}}, "a number up to 3"},
+        {{{"command", "rollback"}, {"name", "golden"}}, "no version before"},
+        {{{"command", "rollback"}, {"name", "golden@9"}}, "no golden@9"},
+        {{{"command", "remove"}, {"name", "golden@1"}}, "current"},
+        {{{"command", "reload"}}, "config"},
+    };
+    for (const auto& [command, reason] : cases) {
+        const Json answer = room.fleet->command(command);
+        ASSERT_TRUE(answer.contains("error")) << command;
+        EXPECT_NE(answer["error"].get<std::string>().find(reason), std::string::npos) << answer;
+    }
+}
+
+}  // namespace
