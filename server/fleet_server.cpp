@@ -25,6 +25,7 @@
 #include "server/nbd_store.h"
 #include "server/service_manager.h"
 #include "server/udp_socket.h"
+#include "server/web_page.h"
 
 namespace server {
 
@@ -69,6 +70,7 @@ private:
     std::atomic<unsigned> receiving_{0};  // threads that came by since the last beat of the watchdog
     std::vector<std::thread> receivers_;
     std::optional<ControlSocket> control_;
+    std::optional<WebPage> web_;
     bool statistics_failed_ = false;  // and told
 };
 
@@ -89,6 +91,8 @@ FleetServer::FleetServer(const std::string& config_path)
     fleet_.emplace(config_, config_path_, self, *pool_, open_disk_store, now_ms);
     if (!config_.control.empty())
         control_.emplace(config_.control, [this](const std::string& line) { return answer(line); });
+    if (config_.http)
+        web_.emplace(*config_.http, [this] { return fleet_->status(); });
 }
 
 std::string FleetServer::answer(const std::string& line)
@@ -160,6 +164,7 @@ int FleetServer::run()
     }
     tell_service_manager("STOPPING=1");
     control_.reset();
+    web_.reset();
     stop_receiving();
     const std::string failed = fleet_->flush_all(last_flush_ms);
     every_second();

@@ -81,6 +81,7 @@ private:
     BootDecision decide_boot(const formats::BootRequest& request) const;
     BlockStore* open_image(const ServedDisk& served);
     void receive(const Peer& from, std::span<const std::uint8_t> packet);
+    void drop_stranger(const Peer& from);
     void note_workstation(const Peer& address);
     void take_poll_reply(const Peer& from, std::span<const std::uint8_t> packet);
     void poll_next();
@@ -109,6 +110,7 @@ private:
     std::uint64_t next_poll_ms_ = start_ms_;
     std::set<std::tuple<unsigned, StoreFailure::Operation, int>> failures_told_;
     bool statistics_failed_ = false;  // and told
+    std::uint64_t strangers_ = 0;     // packets of theirs
     std::optional<Flusher> flusher_;  // its thread uses the stores
 };
 
@@ -208,6 +210,9 @@ void Server::run()
 
 void Server::receive(const Peer& from, std::span<const std::uint8_t> packet)
 {
+    if (std::ranges::none_of(options_.allow,
+                             [&](const Network& network) { return network.contains(from.Ip); }))
+        return drop_stranger(from);
     if (boot_service_.receive(from, packet))
         return;
     protocol_.receive(from, packet);
@@ -215,6 +220,15 @@ void Server::receive(const Peer& from, std::span<const std::uint8_t> packet)
         note_workstation(from);
         take_poll_reply(from, packet);
     }
+}
+
+void Server::drop_stranger(const Peer& from)
+{
+    if (strangers_++ == 0)
+        fmt::print(
+            stderr,
+            "qrn-server: {}: is from none of the networks that are heard, see --allow; told once, counted\n",
+            to_text(from));
 }
 
 void Server::note_workstation(const Peer& address)
@@ -285,6 +299,7 @@ Statistics Server::statistics() const
             .disk_bytes = disk_bytes_,
             .address = to_text(self_),
             .uptime_s = static_cast<double>(now_ms() - start_ms_) / 1000,
+            .strangers = strangers_,
             .workstations = polled_};
 }
 

@@ -173,12 +173,17 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
     app.set_version_flag("--version", programs::version_line("qrn-server"), "Print the version");
     app.footer(details);
     std::string listen, advertise;
-    std::vector<std::string> disks;
+    std::vector<std::string> disks, allowed;
     Options options;
     app.add_option("--listen", listen, "UDP address and port to serve on; port 0 takes any free one")
         ->type_name("ADDR:PORT");
     app.add_option("--disk", disks, "a disk to serve (see below); may be given four times")
         ->type_name("PATH[,OPTION]...")
+        ->allow_extra_args(false);
+    app.add_option(
+           "--allow", allowed,
+           "only packets from this network are heard (that of the address to listen on); may be repeated")
+        ->type_name("ADDR/BITS")
         ->allow_extra_args(false);
     app.add_option("--boot-block", options.boot_block_path,
                    "write the 360-byte boot parameter block of these disks")
@@ -228,6 +233,15 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
     if (disks.empty())
         refuse("--disk", "is required");
     options.listen = parse_address("--listen", listen, 0);
+    options.allow = networks_of(options.listen);
+    if (!allowed.empty())
+        options.allow.clear();
+    for (const std::string& text : allowed) {
+        const auto network = network_of(text);
+        if (!network)
+            refuse("--allow", fmt::format("'{}' is no network such as 10.0.0.0/24", text));
+        options.allow.push_back(*network);
+    }
     if (!advertise.empty())
         options.advertise = parse_host("--advertise", advertise);
     if (disks.size() > formats::disk_count_max)

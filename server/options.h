@@ -28,10 +28,11 @@ struct ServedDisk {
 };
 
 struct Options {
-    std::string config_path;   // of a server for many workstations; nothing else but check_only counts then
+    std::string config_path;  // of a server for many workstations; nothing else but check_only counts then
     bool check_only = false;
     formats::ServerRecord listen;
     std::optional<formats::ServerRecord> advertise;  // only its address counts
+    std::vector<Network> allow;                      // who is heard
     std::vector<ServedDisk> disks;
     std::string boot_block_path;  // empty: none
     std::string stats_json_path;

@@ -43,12 +43,17 @@ Json disk_json(const ServedDisk& disk, std::uint64_t size_bytes, const DiskCount
             {"store_errors", counters.store_errors}};
 }
 
-Json dropped_json(const DroppedCounters& dropped)
+Json dropped_json(const DroppedCounters& dropped, std::uint64_t strangers)
 {
-    return {{"short_packet", dropped.short_packet}, {"unknown_disk", dropped.unknown_disk},
-            {"unknown_kind", dropped.unknown_kind}, {"bad_length", dropped.bad_length},
-            {"bad_offset", dropped.bad_offset},     {"bad_fragment", dropped.bad_fragment},
-            {"readonly", dropped.readonly},         {"no_image", dropped.no_image}};
+    return {{"short_packet", dropped.short_packet},
+            {"unknown_disk", dropped.unknown_disk},
+            {"unknown_kind", dropped.unknown_kind},
+            {"bad_length", dropped.bad_length},
+            {"bad_offset", dropped.bad_offset},
+            {"bad_fragment", dropped.bad_fragment},
+            {"readonly", dropped.readonly},
+            {"no_image", dropped.no_image},
+            {"stranger", strangers}};
 }
 
 Json socket_json(const SocketCounters& socket)
@@ -93,7 +98,7 @@ std::string Statistics::json() const
     const Json all = {{"address", address},
                       {"uptime_s", uptime_s},
                       {"disks", disks},
-                      {"dropped", dropped_json(protocol.dropped())},
+                      {"dropped", dropped_json(protocol.dropped(), strangers)},
                       {"packets", socket_json(socket)},
                       {"workstations", polled}};
     // A path need not be valid text.
@@ -116,11 +121,11 @@ std::string Statistics::summary() const
                                 counters.sync_reads, static_cast<double>(counters.sync_bytes) / 1e6);
     }
     const DroppedCounters& dropped = protocol.dropped();
-    text +=
-        fmt::format("packets: {} received in {} calls, {} sent in {} calls, {} dropped\n",
-                    socket.packets_received, socket.receive_calls, socket.packets_sent, socket.send_calls,
-                    dropped.short_packet + dropped.unknown_disk + dropped.unknown_kind + dropped.bad_length +
-                        dropped.bad_offset + dropped.bad_fragment + dropped.readonly + dropped.no_image);
+    text += fmt::format("packets: {} received in {} calls, {} sent in {} calls, {} dropped\n",
+                        socket.packets_received, socket.receive_calls, socket.packets_sent, socket.send_calls,
+                        dropped.short_packet + dropped.unknown_disk + dropped.unknown_kind +
+                            dropped.bad_length + dropped.bad_offset + dropped.bad_fragment +
+                            dropped.readonly + dropped.no_image + strangers);
     return text;
 }
 

@@ -24,6 +24,7 @@ struct Statistics {
     std::span<const std::uint64_t> disk_bytes;
     std::string address;
     double uptime_s;
+    std::uint64_t strangers;
     std::span<const PolledWorkstation> workstations;
 
     std::string json() const;

@@ -9,6 +9,7 @@ import socket
 import struct
 import subprocess
 import unittest
+import urllib.request
 
 from harness import BIN, DRIVER, MB, Case, Program, stored_bytes
 
@@ -121,6 +122,7 @@ allow = ["127.0.0.0/8"]
         changed[4096:4096 + 9 * 512] = b"committed" * 512
         self.assertIn("running", server.ctl("commit", "pc0", fails=True))
         first.stop()
+        self.wait_until(lambda: server.ctl("show", "pc0")["state"] == "shut down", "the end of pc0")
         self.assertEqual(server.ctl("commit", "pc0")["version"], 2)
         second = FleetStation(self, server, "pc1")
         self.assertEqual(self.read(second), changed)
@@ -201,6 +203,77 @@ allow = ["127.0.0.0/8"]
         server.ctl("drain")
         other = request[:8] + b"\x09" + request[9:]
         self.assertEqual(ask("127.0.0.1", other)[5], 3, "no boots while draining")
+
+    def test_Images_behind_NBD_servers_wait_while_those_are_away(self):
+        golden = self.golden()
+        sockets = [self.path("kit"), self.path("nbd")]
+        subprocess.run(["qemu-img", "convert", "-O", "qcow2", self.path("golden"), self.path("golden.qcow2")], check=True)
+        refused = self.config('{ image = "golden" }', images={"golden": self.path("golden.qcow2")})
+        with open(self.path("refused.toml"), "w") as file:
+            file.write(refused)
+        check = subprocess.run([f"{BIN}/qrn-server", "--check-config", self.path("refused.toml")], stderr=subprocess.PIPE,
+                               text=True)
+        self.assertEqual(check.returncode, 2)
+        self.assertIn("qcow2; serve it with: qemu-storage-daemon --blockdev driver=qcow2", check.stderr)
+
+        def serve_raw():
+            return self.start_client("nbdkit", "-f", "-U", sockets[0], "file", self.path("golden"))
+        def serve_qcow2():
+            return self.start_client("qemu-nbd", "-t", "-f", "qcow2", "-k", sockets[1], self.path("golden.qcow2"))
+        kit, other = serve_raw(), serve_qcow2()
+        self.wait_until(lambda: all(os.path.exists(path) for path in sockets), "NBD servers")
+        server = FleetServer(self, self.config('{ image = "raw" }, { image = "cow", mode = "exclusive" }', images={
+            "raw": f"nbd+unix:///?socket={sockets[0]}", "cow": f"nbd+unix:///?socket={sockets[1]}"}))
+        station = FleetStation(self, server, "pc0")
+        self.assertEqual(self.read(station), golden)
+        self.write(station, 4096, b"over" * 1024)
+        self.write(station, 8192, b"cow!" * 1024, lun=1)
+        kit.kill()
+        kit.wait()
+        reader = self.start_client("nbdcopy", station.uri(0), self.path("late"))
+        self.wait_until(lambda: "is gone, requests wait" in server.output(), "the loss was told")
+        golden[8192:8192 + 4096] = b"cow!" * 1024
+        self.assertEqual(self.read(station, 1), golden, "the other disk goes on")
+        os.unlink(sockets[0])
+        kit = serve_raw()
+        self.finish_client(reader)
+        self.assertIn("is back", server.output())
+        with open(self.path("golden"), "rb") as file:
+            golden[:] = file.read()
+        golden[4096:8192] = b"over" * 1024
+        with open(self.path("late"), "rb") as file:
+            self.assertEqual(file.read(), golden)
+
+    def test_A_page_shows_what_is_there_and_the_service_manager_hears_of_it(self):
+        self.golden()
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            port = probe.getsockname()[1]
+        manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(manager.close)
+        manager.bind(self.path("notify"))
+        manager.settimeout(20)
+        os.environ["NOTIFY_SOCKET"], os.environ["WATCHDOG_USEC"] = self.path("notify"), "600000"
+        try:
+            server = FleetServer(self, self.config('{ image = "golden" }', more=f'http = "127.0.0.1:{port}"'))
+        finally:
+            del os.environ["NOTIFY_SOCKET"], os.environ["WATCHDOG_USEC"]
+        self.assertEqual(manager.recv(100), b"READY=1")
+        self.assertEqual(manager.recv(100), b"WATCHDOG=1")
+        FleetStation(self, server, "pc1")
+
+        def get(path):
+            with urllib.request.urlopen(f"http://127.0.0.1:{port}{path}", timeout=10) as answer:
+                return answer.read().decode()
+        self.assertIn("<table", get("/"))
+        self.assertEqual([one["state"] for one in json.loads(get("/api"))["workstations"]], ["off", "running", "off"])
+        self.assertIn('qrn_running{workstation="pc1"} 1', get("/metrics"))
+        with socket.create_connection(("127.0.0.1", port)) as silent:
+            self.assertIn("qrn_boots_total 1", get("/metrics"), "a silent client keeps nobody waiting")
+            silent.sendall(b"x" * 20000)
+        server.stop()
+        while manager.recv(100) != b"STOPPING=1":
+            pass
 
 
 if __name__ == "__main__":

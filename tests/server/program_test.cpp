@@ -46,10 +46,14 @@ TEST_F(Program, Wrong_arguments_get_one_line_and_status_2)
         {a + " --disk a.img", "in use"},
         {a + ",id=51520002 --disk b.img", "same id"},
         {a + " --boot-block no/such/file", "no/such/file"},
+        {a + " --allow 10.0.0.0/33", "'10.0.0.0/33' is no network"},
+        {"--config missing.toml", "missing.toml: No such file"},
+        {"--config a.toml --disk a.img", "--disk"},
         {"--listen 127.0.0.1:0 --disk missing.img", "missing.img: No such file"}};
     std::istringstream options(
         "read_kb=0 read_kb=17 write_kb=1x slots=9 slots= retry_mins=256 id=515200 id=5152000g id=00000000 "
-        "id=01380000 id=51524e42 mirror=10.0.0.1 mirror=10.0.0.1:0 mirror=0.0.0.0:5 mirror=10.0.0.1:5,id=51520001 "
+        "id=01380000 id=51524e42 mirror=10.0.0.1 mirror=10.0.0.1:0 mirror=0.0.0.0:5 "
+        "mirror=10.0.0.1:5,id=51520001 "
         "delay_load delay_load=1 image image= cache_mb=0 cache_mb=65536 cache_mb sloots=4 = -1");
     for (std::string option; options >> option;)
         cases.emplace_back(a + "," + option, "");
@@ -246,6 +250,27 @@ TEST_F(Program, Links_and_what_is_no_file_are_written_through)
     EXPECT_EQ(read(pipe, block, sizeof block), 360);
     close(pipe);
     EXPECT_TRUE(std::filesystem::is_fifo(folder / "pipe"));
+}
+
+TEST_F(Program, Only_the_networks_that_are_allowed_are_heard)
+{
+    start("--listen 127.0.0.1:0 --allow 127.0.0.2 --allow 10.0.0.0/8 --disk a.img --stats-json stats");
+    {
+        const Client client(ready_port());
+        client.send(make_write(0, 512, 1, 1).fragment(1));
+        client.send(make_write(0, 512, 2, 2).fragment(1));
+        const auto heard = [&] {
+            return nlohmann::json::parse(content_of("stats"))["dropped"]["stranger"] == 2;
+        };
+        for (int tries = 0; tries < 2000 && !heard(); ++tries)
+            usleep(5000);
+    }
+    EXPECT_EQ(stop(SIGTERM), 0);
+    const auto stats = nlohmann::json::parse(content_of("stats"));
+    EXPECT_EQ(stats["dropped"]["stranger"], 2);
+    EXPECT_EQ(stats["packets"]["packets_sent"], 0);
+    const std::string told = content_of("err");
+    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1) << told;
 }
 
 TEST_F(Program, Version_is_printed)
