@@ -2,6 +2,7 @@
 #include "machine/disk/disk_request.h"
 
 #include "machine/executive/executive.h"
+#include "machine/executive/threads.h"
 #include "machine/scheduler/kernel_scheduler.h"
 
 namespace machine {

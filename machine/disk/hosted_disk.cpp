@@ -4,6 +4,7 @@
 #include <string>
 
 #include "machine/disk/disk_work.h"
+#include "machine/executive/threads.h"
 #include "machine/scheduler/kernel_scheduler.h"
 #include "machine/scheduler/violation.h"
 

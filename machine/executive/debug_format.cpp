@@ -8,6 +8,7 @@
 
 #include "machine/executive/checks.h"
 #include "machine/executive/executive.h"
+#include "machine/executive/threads.h"
 #include "machine/executive/wide_text.h"
 
 namespace machine {

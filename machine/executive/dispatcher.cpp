@@ -4,16 +4,14 @@
 #include <nt.h>
 
 #include <string>
-#include <utility>
 
 #include "machine/executive/checks.h"
 #include "machine/executive/clock.h"
+#include "machine/executive/threads.h"
 
 using namespace machine;
 
 namespace {
-
-constexpr std::uint64_t defer_cycles = 2'500'000;  // about 1 ms
 
 enum ObjectType : UCHAR { notification_event = 0, synchronization_event = 1, semaphore = 5, thread = 6 };
 
@@ -48,11 +46,11 @@ void satisfy_waits(DISPATCHER_HEADER& header)
     }
 }
 
-// Dispatcher lock held.
-void satisfy_released(Thread& thread)
+// What the thread has put off. Dispatcher lock held.
+void satisfy_deferred(Thread& thread)
 {
-    if (DISPATCHER_HEADER* header = std::exchange(thread.released, nullptr))
-        satisfy_waits(*header);
+    if (DISPATCHER_HEADER* due = thread.deferred_wake.take())
+        satisfy_waits(*due);
 }
 
 // Wakes who waits for a semaphore, or leaves it for later. Dispatcher lock held.
@@ -64,13 +62,8 @@ void satisfy_or_defer(Thread& thread, DISPATCHER_HEADER& header)
         satisfy_waits(header);
         return;
     }
-    const std::uint64_t now = scheduler().cycles();
-    if (thread.released && (thread.released != &header || now - thread.released_at > defer_cycles))
-        satisfy_released(thread);
-    else if (thread.released)
-        return;
-    thread.released = &header;
-    thread.released_at = now;
+    if (DISPATCHER_HEADER* due = thread.deferred_wake.put_off(header, scheduler().cycles()))
+        satisfy_waits(*due);
 }
 
 void check_may_wait(const Thread& thread, const char* routine)
@@ -109,17 +102,17 @@ namespace machine {
 
 void wake_waiters()
 {
-    if (!this_thread || !this_thread->released)
+    if (!this_thread || !this_thread->deferred_wake.pending())
         return;
     Thread& thread = self();
     DispatcherLock lock;
-    satisfy_released(thread);
+    satisfy_deferred(thread);
 }
 
 void signal_thread_object(Thread& ended)
 {
     DispatcherLock lock;
-    satisfy_released(ended);
+    satisfy_deferred(ended);
     ended.header.SignalState = 1;
     satisfy_waits(ended.header);
 }
@@ -248,7 +241,7 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPROCESSOR_MODE
     block.Thread = caller.object();
     block.Object = object;
     InsertTailList(&header->WaitListHead, &block.WaitListEntry);
-    satisfy_released(caller);
+    satisfy_deferred(caller);
     if (scheduler().block(deadline))
         return STATUS_SUCCESS;
     RemoveEntryList(&block.WaitListEntry);
@@ -262,7 +255,7 @@ NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE mode, BOOLEAN, PLARGE_INTE
     check_may_wait(caller, "KeDelayExecutionThread");
     scheduler().preemption_point();
     DispatcherLock lock;
-    satisfy_released(caller);
+    satisfy_deferred(caller);
     scheduler().block(deadline_of(interval->QuadPart));
     return STATUS_SUCCESS;
 }

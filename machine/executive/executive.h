@@ -39,7 +39,7 @@ struct ExecutiveState {
     ExecutiveState& operator=(const ExecutiveState&) = delete;
 
     const ExecutiveConfig config;
-    const std::unique_ptr<Scheduler> scheduler;
+    const OwnedScheduler scheduler;
     const std::int64_t
         boot_time;  // system time (100 ns units since 1601) at which the machine was switched on
 

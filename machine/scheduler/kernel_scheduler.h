@@ -28,11 +28,10 @@ public:
     // scheduler outside run(), a context that must not wait. Never returns to a dropped thread.
     virtual Thread& context() = 0;
 
-    // A thread that queues work mostly goes on to do it itself. On the real scheduler, where waking another
-    // is dear, waiters of a semaphore that it releases are therefore woken only when it waits itself, calls
-    // wake_waiters(), or has gone on for a while. The simulated one does the same when the seed says so.
+    // Whether system threads put wake-ups off (DeferredWake): on the real scheduler, and on the simulated one
+    // when the seed says so.
     virtual bool defers_wakes() const = 0;
-    // How far the processor has come: tells who has gone on for a while.
+    // How far the processor has come, for those who put them off.
     virtual std::uint64_t cycles() = 0;
 
 private:
@@ -71,9 +70,5 @@ public:
     DispatcherLock(const DispatcherLock&) = delete;
     DispatcherLock& operator=(const DispatcherLock&) = delete;
 };
-
-// Wakes who waits for what the calling thread released. Before a thread waits for the host: it must not keep
-// others from their work meanwhile, on which the host's answer may depend.
-void wake_waiters();
 
 }  // namespace machine

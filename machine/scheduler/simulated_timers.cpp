@@ -7,10 +7,9 @@
 
 namespace machine {
 
-std::unique_ptr<Scheduler> make_simulated_scheduler(std::uint64_t seed, unsigned processors,
-                                                    KernelEntry& entry)
+OwnedScheduler make_simulated_scheduler(std::uint64_t seed, unsigned processors, KernelEntry& entry)
 {
-    return std::make_unique<SimulatedScheduler>(seed, processors, entry);
+    return OwnedScheduler(new SimulatedScheduler(seed, processors, entry));
 }
 
 TimerId SimulatedScheduler::call_at(Ticks when, std::function<void()> callback)

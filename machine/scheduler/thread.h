@@ -10,6 +10,8 @@
 
 #include <nt.h>
 
+#include "machine/scheduler/deferred_wake.h"
+
 namespace machine {
 
 class KernelScheduler;
@@ -42,8 +44,7 @@ struct Thread {
     KPRIORITY priority = 8;
     HeldLock held[held_locks_max];
     KWAIT_BLOCK wait_block{};
-    DISPATCHER_HEADER* released = nullptr;  // a semaphore whose waiters are woken when it waits, or soon
-    std::uint64_t released_at = 0;          // in processor cycles
+    DeferredWake deferred_wake;
     std::string name;
     std::jmp_buf end{};  // PsTerminateSystemThread leaves the thread through it
 };

@@ -6,6 +6,7 @@
 
 #include <nt.h>
 
+#include "machine/executive/threads.h"
 #include "machine/scheduler/kernel_scheduler.h"
 #include "machine/scheduler/violation.h"
 

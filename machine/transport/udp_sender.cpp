@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "formats/socket_address.h"
+#include "machine/executive/threads.h"
 #include "machine/scheduler/kernel_scheduler.h"
 
 namespace machine {
