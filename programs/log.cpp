@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <system_error>
+#include <utility>
 
 #include <spdlog/logger.h>
 #include <spdlog/pattern_formatter.h>
@@ -87,7 +88,7 @@ spdlog::logger*& standard_error_logger()
 
 void name_log(const std::string& program)
 {
-    standard_error_logger() = standard_error_log(program).release();
+    delete std::exchange(standard_error_logger(), standard_error_log(program).release());
 }
 
 void log(LogLevel level, const std::string& text)
