@@ -14,7 +14,6 @@ namespace {
 
 using formats::BootAnswer;
 
-constexpr char version[] = "0.1";
 constexpr std::uint32_t boot_sector_at = 0x7C00;
 constexpr unsigned first_drive = 0x80;
 
@@ -132,8 +131,7 @@ void leave_records()
 
 extern "C" unsigned boot_main()
 {
-    print("\nqrnboot ");
-    print(version);
+    print("\nqrnboot " QRN_VERSION);
     if (!open_card(place))
         stop("the network card offers no PXE services");
     print(", card ");
