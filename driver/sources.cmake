@@ -35,6 +35,8 @@ set(QRN_DRIVER_SOURCES
     image/image_block.cpp
     image/image_setup.cpp
     image/image_sync.cpp
+    image/local_drive.cpp
+    image/past_images.cpp
     image/net_image.cpp
     engine/worker.cpp
     engine/local_cache.cpp

@@ -31,37 +31,36 @@ Ent_8M* QRNH_MEM_RW::Region_Entry(Ent_Handle* pSlot) const
     return nullptr;
 }
 
-Rec_64K* QRNH_MEM_RW::Find(ULONG Key)
+void QRNH_MEM_RW::Find(ULONG Key, Record_Guard& Rec)
 {
     // A block that lost its place when another disk failed to take it over is listed nowhere.
     if (pLast && pLast->ID == Key) {
-        Rec_64K* pRec = pObj_Mem->Rec_Get(pLast);
-        if (pRec->pOwner == pSR_RW && pRec->Slot_Ref != 0)
-            return pRec;
-        pObj_Mem->Rec_Put(pLast);
+        Rec.Take(pLast);
+        if (Rec->pOwner == pSR_RW && Rec->Slot_Ref != 0)
+            return;
+        Rec.Give();
     }
     if (!Region_Exists(Key))
-        return nullptr;
+        return;
     Ent_Handle* pSlot = &p8M_TBL[Key / Region_Chunks];
     const Ent_8M* pEntry = Region_Entry(pSlot);
     if (!pEntry)
-        return nullptr;
+        return;
     LRU_Node* pNode = pEntry->pNode[Region_Slot(Key)];
     pObj_Mem->Ent_Put(*pSlot);
     if (!pNode)
-        return nullptr;
+        return;
 
-    Rec_64K* pRec = pObj_Mem->Rec_Get(pNode);
+    Rec.Take(pNode);
     Ent_Handle Slot = Slot_Handle(*pSlot, Region_Slot(Key));
-    if (pNode->ID == Key && pRec->Slot_Ref == Slot && pRec->pOwner == pSR_RW) {
+    if (pNode->ID == Key && Rec->Slot_Ref == Slot && Rec->pOwner == pSR_RW) {
         pLast = pObj_Mem->LRU_Touch(pNode);
-        return pRec;
+        return;
     }
     DbgPrint("\nQRNH_MEM_RW::Error Hit=%04X, %X(%X) %p(%p) %p(%p)", pObj_Mem->Block_Index(pNode), Key,
-             pNode->ID, reinterpret_cast<PVOID>(Slot), reinterpret_cast<PVOID>(pRec->Slot_Ref), pSR_RW,
-             pRec->pOwner);
-    pObj_Mem->Rec_Put(pNode);
-    return nullptr;
+             pNode->ID, reinterpret_cast<PVOID>(Slot), reinterpret_cast<PVOID>(Rec->Slot_Ref), pSR_RW,
+             Rec->pOwner);
+    Rec.Give();
 }
 
 // Takes the block out of the entry that lists it; an entry that lists nothing more becomes free.
@@ -96,15 +95,16 @@ static void Count_New_Owner(const LRU_Node* pNode, const QRNH_OBJ_RW* pOld, cons
     Cache_Stats_Add(pNew, &CacheStats::Blocks_Used, 1);
 }
 
-Rec_64K* QRNH_MEM_RW::Install(Rec_64K* pRec, LRU_Node* pNode, ULONG Key)
+void QRNH_MEM_RW::Install(Record_Guard& Rec, ULONG Key)
 {
-    Ent_Handle Old_Slot = pRec->Slot_Ref;
-    pRec->Slot_Ref = 0;
-    pObj_Mem->Rec_Put(pNode);
+    LRU_Node* pNode = Rec.Node();
+    Ent_Handle Old_Slot = Rec->Slot_Ref;
+    Rec->Slot_Ref = 0;
+    Rec.Give();
     if (Old_Slot != 0)
         Unlist(pNode, Old_Slot);
     if (!Region_Exists(Key))
-        return nullptr;
+        return;
     Ent_Handle* pSlot = &p8M_TBL[Key / Region_Chunks];
     Ent_8M* pEntry = Region_Entry(pSlot);
     if (!pEntry)
@@ -113,11 +113,10 @@ Rec_64K* QRNH_MEM_RW::Install(Rec_64K* pRec, LRU_Node* pNode, ULONG Key)
     ++pEntry->Nums;
     pObj_Mem->Ent_Put(*pSlot);
 
-    pRec = pObj_Mem->Rec_Get(pNode);
-    Count_New_Owner(pNode, pRec->pOwner, pSR_RW);
-    pRec->Slot_Ref = Slot_Handle(*pSlot, Region_Slot(Key));
-    pRec->pOwner = pSR_RW;
+    Rec.Take(pNode);
+    Count_New_Owner(pNode, Rec->pOwner, pSR_RW);
+    Rec->Slot_Ref = Slot_Handle(*pSlot, Region_Slot(Key));
+    Rec->pOwner = pSR_RW;
     pNode->ID = Key;
     pLast = pObj_Mem->LRU_Touch(pNode);
-    return pRec;
 }

@@ -5,7 +5,6 @@
 #include "driver/block/sector_flags.h"
 #include "driver/cache/cache_stats.h"
 #include "driver/kernel/bytes.h"
-#include "driver/kernel/locks.h"
 #include "driver/kernel/pool.h"
 
 using formats::CacheStats;
@@ -60,45 +59,48 @@ LONG QRNH_MEM_RW::Fill(ULONG_PTR Ctx, ULONGLONG Sector, PVOID pBuffer, LONG Byte
 
 LONG QRNH_MEM_RW::Read_Piece(ULONG_PTR Ctx, ULONG Sec, ULONG Key, UCHAR* pBuffer, LONG Left, LONG Bytes)
 {
-    Mutex_Take(pObj_Mem->Obj_Lock);
-    const Rec_64K* pRec = Find(Key);
-    LONG Present = pRec ? SecFlag_Hit_Len(pRec->Sec_Bits, Sec, Bytes) : 0;
-    if (Present > 0) {
-        pObj_Mem->Rec_Put(pLast);
-        Present = pObj_Mem->Read(pLast, Sec, pBuffer, Present);
-        Mutex_Give(pObj_Mem->Obj_Lock);
-        Cache_Stats_Add(pSR_RW, &CacheStats::Hits);
+    LONG Present = Read_Present(Sec, Key, pBuffer, Left, Bytes);
+    Cache_Stats_Add(pSR_RW, Present > 0 ? &CacheStats::Hits : &CacheStats::Misses);
+    if (Present > 0)
         return Present;
-    }
-    LONG Absent = Miss_Run(pRec, Sec, Key, Left, Bytes);
-    Mutex_Give(pObj_Mem->Obj_Lock);
-    Cache_Stats_Add(pSR_RW, &CacheStats::Misses);
-    LONG Result = pSR_RW->Read(Ctx, Sector_Of(Key, Sec), pBuffer, Absent);
+    LONG Result = pSR_RW->Read(Ctx, Sector_Of(Key, Sec), pBuffer, -Present);
     if (Result > 0)
         Fill(Ctx, Sector_Of(Key, Sec), pBuffer, Result);
     return Result;
 }
 
-// How many of so many bytes from sector Sec on are absent. pRec is the mapped record of pLast, and is given
-// back; null when the chunk has no block.
-LONG QRNH_MEM_RW::Absent_In(const Rec_64K* pRec, ULONG Sec, LONG Bytes)
+// The bytes read that are present from sector Sec on, or -m when the first m bytes are absent.
+LONG QRNH_MEM_RW::Read_Present(ULONG Sec, ULONG Key, UCHAR* pBuffer, LONG Left, LONG Bytes)
 {
-    if (!pRec)
-        return Bytes;
-    LONG Absent = SecFlag_Miss_Len(pRec->Sec_Bits, Sec, Bytes);
-    pObj_Mem->Rec_Put(pLast);
-    return Absent;
+    Obj_Guard Guard(pObj_Mem->Obj_Lock);
+    Record_Guard Rec(pObj_Mem);
+    Find(Key, Rec);
+    LONG Present = Rec ? SecFlag_Hit_Len(Rec->Sec_Bits, Sec, Bytes) : 0;
+    if (Present == 0)
+        return -Miss_Run(Rec, Sec, Key, Left, Bytes);
+    Rec.Give();
+    return pObj_Mem->Read(Rec.Node(), Sec, pBuffer, Present);
 }
 
-// Length of the run of absent sectors from sector Sec of the chunk on, whose record is pRec if it has one; at
-// most Left, of which Bytes lie in this chunk.
-LONG QRNH_MEM_RW::Miss_Run(const Rec_64K* pRec, ULONG Sec, ULONG Key, LONG Left, LONG Bytes)
+// How many of so many bytes from sector Sec on are absent; all, when the chunk has no block.
+static LONG Absent_In(const Record_Guard& Rec, ULONG Sec, LONG Bytes)
 {
-    LONG Absent = Absent_In(pRec, Sec, Bytes);
+    return Rec ? SecFlag_Miss_Len(Rec->Sec_Bits, Sec, Bytes) : Bytes;
+}
+
+// Length of the run of absent sectors from sector Sec of the chunk on, whose record Rec holds, if it has one,
+// and gives back; at most Left, of which Bytes lie in this chunk.
+LONG QRNH_MEM_RW::Miss_Run(Record_Guard& Rec, ULONG Sec, ULONG Key, LONG Left, LONG Bytes)
+{
+    LONG Absent = Absent_In(Rec, Sec, Bytes);
+    Rec.Give();
     if (Absent != Bytes)
         return Absent;
-    return Missing_Run(Key, Absent, Left,
-                       [this](ULONG Next_Key, LONG Length) { return Absent_In(Find(Next_Key), 0, Length); });
+    return Missing_Run(Key, Absent, Left, [this](ULONG Next_Key, LONG Length) {
+        Record_Guard Next(pObj_Mem);
+        Find(Next_Key, Next);
+        return Absent_In(Next, 0, Length);
+    });
 }
 
 LONG QRNH_MEM_RW::Can_Fill(const LRU_Node* pNode)
@@ -108,39 +110,36 @@ LONG QRNH_MEM_RW::Can_Fill(const LRU_Node* pNode)
 
 LONG QRNH_MEM_RW::Fill_Piece(ULONG_PTR, ULONG Sec, ULONG Key, UCHAR* pBuffer, LONG, LONG Bytes)
 {
-    Mutex_Guard Guard(pObj_Mem->Obj_Lock);
-    Rec_64K* pRec = Find(Key);
-    if (pRec && pLast->State == Block_Clean) {
-        LONG Present = SecFlag_Hit_Len(pRec->Sec_Bits, Sec, Bytes);
-        if (Present > 0) {
-            pObj_Mem->Rec_Put(pLast);
+    Obj_Guard Guard(pObj_Mem->Obj_Lock);
+    Record_Guard Rec(pObj_Mem);
+    Find(Key, Rec);
+    if (Rec && Rec.Node()->State == Block_Clean) {
+        LONG Present = SecFlag_Hit_Len(Rec->Sec_Bits, Sec, Bytes);
+        if (Present > 0)
             return Present;
-        }
     } else {
-        pRec = Block_To_Fill(pRec, Key);
-        if (!pRec)
+        Block_To_Fill(Rec, Key);
+        if (!Rec)
             return Bytes;
     }
-    LRU_Node* pNode = pLast;
-    pNode->State = Block_Clean;
-    pObj_Mem->Rec_Put(pNode);
+    Rec.Node()->State = Block_Clean;
+    Rec.Give();
     Cache_Stats_Add(pSR_RW, &CacheStats::Fills);
-    return Store(pNode, Sec, pBuffer, Bytes);
+    return Store(Rec.Node(), Sec, pBuffer, Bytes);
 }
 
-// The mapped record of an empty block, pLast from now on, that holds the chunk; null when there is none to
-// be had. pRec is the record of pLast when the chunk already has a block.
-Rec_64K* QRNH_MEM_RW::Block_To_Fill(Rec_64K* pRec, ULONG Key)
+// Rec takes an empty block that holds the chunk, its own when it already has one; nothing when there is none
+// to be had.
+void QRNH_MEM_RW::Block_To_Fill(Record_Guard& Rec, ULONG Key)
 {
-    LRU_Node* pNode = pRec ? pLast : LRU_Get(pObj_Mem->pLRU_Cur);
-    if (!pRec)
-        pRec = pObj_Mem->Rec_Get(pNode);
-    if (Can_Fill(pNode) < 0) {
-        pObj_Mem->Rec_Put(pNode);
-        return nullptr;
+    if (!Rec)
+        Rec.Take(LRU_Get(pObj_Mem->pLRU_Cur));
+    if (Can_Fill(Rec.Node()) < 0) {
+        Rec.Give();
+        return;
     }
-    RtlZeroMemory(pRec->Sec_Bits, sizeof pRec->Sec_Bits);
-    return Install(pRec, pNode, Key);
+    RtlZeroMemory(Rec->Sec_Bits, sizeof Rec->Sec_Bits);
+    Install(Rec, Key);
 }
 
 // Copies into the block; its flags are set when the bytes are there.
@@ -148,8 +147,9 @@ LONG QRNH_MEM_RW::Store(LRU_Node* pNode, ULONG Sec, PVOID pBuffer, LONG Bytes)
 {
     LONG Stored = pObj_Mem->Write(pNode, Sec, pBuffer, Bytes);
     if (Stored > 0) {
-        SecFlag_Set(pObj_Mem->Rec_Get(pNode)->Sec_Bits, Sec, Stored);
-        pObj_Mem->Rec_Put(pNode);
+        Record_Guard Rec(pObj_Mem);
+        Rec.Take(pNode);
+        SecFlag_Set(Rec->Sec_Bits, Sec, Stored);
     }
     return Stored;
 }
@@ -157,43 +157,43 @@ LONG QRNH_MEM_RW::Store(LRU_Node* pNode, ULONG Sec, PVOID pBuffer, LONG Bytes)
 LONG QRNH_MEM_RW::Write_Piece(ULONG_PTR Ctx, ULONG Sec, ULONG Key, UCHAR* pBuffer, LONG, LONG Bytes)
 {
     {
-        Mutex_Guard Guard(pObj_Mem->Obj_Lock);
-        LRU_Node* pNode;
-        if (Rec_64K* pRec = Block_To_Write(Ctx, Key, pNode)) {
+        Obj_Guard Guard(pObj_Mem->Obj_Lock);
+        Record_Guard Rec(pObj_Mem);
+        Block_To_Write(Guard, Ctx, Key, Rec);
+        if (Rec) {
             // What a clean block tells as present would from now on count as written.
-            if (pNode->State < Block_Written)
-                RtlZeroMemory(pRec->Sec_Bits, sizeof pRec->Sec_Bits);
-            pNode->State = Block_Written;
-            pObj_Mem->Rec_Put(pNode);
-            return Store(pNode, Sec, pBuffer, Bytes);
+            if (Rec.Node()->State < Block_Written)
+                RtlZeroMemory(Rec->Sec_Bits, sizeof Rec->Sec_Bits);
+            Rec.Node()->State = Block_Written;
+            Rec.Give();
+            return Store(Rec.Node(), Sec, pBuffer, Bytes);
         }
     }
     Cache_Stats_Add(pSR_RW, &CacheStats::Write_Throughs);
     return pSR_RW->Write(Ctx, Sector_Of(Key, Sec), pBuffer, Bytes);
 }
 
-// The mapped record of the chunk's block, which becomes the next block to use again when the chunk has none.
-// Null when there is no way to cache the write.
-Rec_64K* QRNH_MEM_RW::Block_To_Write(ULONG_PTR Ctx, ULONG Key, LRU_Node*& pNode)
+// Rec takes the chunk's block, which becomes the next block to use again when the chunk has none; nothing
+// when there is no way to cache the write. The lock is let go for as long as a block is written back.
+void QRNH_MEM_RW::Block_To_Write(Obj_Guard& Guard, ULONG_PTR Ctx, ULONG Key, Record_Guard& Rec)
 {
     for (;;) {
-        if (Rec_64K* pRec = Find(Key)) {
-            pNode = pLast;
-            return pRec;
-        }
+        Find(Key, Rec);
+        if (Rec)
+            return;
         // Even the smallest memory has more blocks than there are workers that could hold one.
-        pNode = LRU_Get(pObj_Mem->pLRU_Cur);
-        Rec_64K* pRec = pObj_Mem->Rec_Get(pNode);
-        if (pNode->State < Block_Written)
-            return Install(pRec, pNode, Key);
-        LONG Clean = SecFlag_Miss_Len(pRec->Sec_Bits, 0, Chunk_64K);
-        if (Clean == Chunk_64K)
-            return Install(pRec, pNode, Key);
+        Rec.Take(LRU_Get(pObj_Mem->pLRU_Cur));
+        LONG Clean =
+            Rec.Node()->State < Block_Written ? Chunk_64K : SecFlag_Miss_Len(Rec->Sec_Bits, 0, Chunk_64K);
+        if (Clean == Chunk_64K) {
+            Install(Rec, Key);
+            return;
+        }
         // Another worker may have installed the chunk while its lock was free; so look again. A block whose
         // server is gone must not be the first that every write of every disk tries.
-        if (Write_Back(Ctx, pRec, pNode, Clean) <= 0) {
-            pObj_Mem->LRU_Touch(pNode);
-            return nullptr;
+        if (Write_Back(Guard, Ctx, Rec, Clean) <= 0) {
+            pObj_Mem->LRU_Touch(Rec.Node());
+            return;
         }
     }
 }
@@ -204,17 +204,18 @@ LONG QRNH_MEM_RW::Write_To(ULONG_PTR Ctx, QRNH_OBJ_RW* pObj, ULONG Sector, PVOID
 }
 
 // Brings the run of dirty sectors at Offset of the block to the server of the disk that owns it; lets go of
-// Obj_Lock meanwhile. A write that reaches the block in that time makes it Block_Written again, and its
-// flags stay.
-LONG QRNH_MEM_RW::Write_Back(ULONG_PTR Ctx, const Rec_64K* pRec, LRU_Node* pNode, LONG Offset)
+// Obj_Lock meanwhile, and of the record. A write that reaches the block in that time makes it Block_Written
+// again, and its flags stay.
+LONG QRNH_MEM_RW::Write_Back(Obj_Guard& Guard, ULONG_PTR Ctx, Record_Guard& Rec, LONG Offset)
 {
-    QRNH_OBJ_RW* pOwner = pRec->pOwner;
+    LRU_Node* pNode = Rec.Node();
+    QRNH_OBJ_RW* pOwner = Rec->pOwner;
     ULONG Sec = static_cast<ULONG>(Offset / Sector_Bytes);
-    LONG Bytes = SecFlag_Hit_Len(pRec->Sec_Bits, Sec, Chunk_64K - Offset);
-    pObj_Mem->Rec_Put(pNode);
+    LONG Bytes = SecFlag_Hit_Len(Rec->Sec_Bits, Sec, Chunk_64K - Offset);
+    Rec.Give();
     pNode->State = Block_Saving;
     ++pNode->InUse_Nums;  // keeps its ID, and the block from being used again
-    Mutex_Give(pObj_Mem->Obj_Lock);
+    Guard.Let_Go();
 
     LONG Place = Sectors_Per_Block * pObj_Mem->Block_Index(pNode) + static_cast<LONG>(Sec);
     UCHAR* pData = pObj_Mem->Oft_Buffer(Place);
@@ -223,11 +224,12 @@ LONG QRNH_MEM_RW::Write_Back(ULONG_PTR Ctx, const Rec_64K* pRec, LRU_Node* pNode
     if (Written > 0)
         Cache_Stats_Add(pOwner, &CacheStats::Write_Backs);
 
-    Mutex_Take(pObj_Mem->Obj_Lock);
+    Guard.Take_Again();
     --pNode->InUse_Nums;
     if (pNode->State == Block_Saving && Written > 0) {
-        SecFlag_Clr(pObj_Mem->Rec_Get(pNode)->Sec_Bits, Sec, Written);
-        pObj_Mem->Rec_Put(pNode);
+        Rec.Take(pNode);
+        SecFlag_Clr(Rec->Sec_Bits, Sec, Written);
+        Rec.Give();
     }
     return Written;
 }

@@ -9,7 +9,8 @@
 // in one 64 KB chunk) but for its transfers with a server.
 #pragma once
 
-#include "driver/cache/memory_object.h"
+#include "driver/cache/record_guard.h"
+#include "driver/kernel/locks.h"
 
 class QRNH_MEM_RW : public QRNH_OBJ_RW {
 public:
@@ -34,19 +35,22 @@ public:
 
 private:
     bool Region_Exists(ULONG Key) const;
-    // The chunk's block becomes pLast; its record is returned mapped, or null when there is none.
-    Rec_64K* Find(ULONG Key);
+    using Obj_Guard = Mutex_Guard<Busy_Mutex>;
+
+    // The chunk's block becomes pLast, and Rec takes its record, or nothing when there is no such block.
+    void Find(ULONG Key, Record_Guard& Rec);
     // The entry of a region if it is the region's own, mapped.
     Ent_8M* Region_Entry(Ent_Handle* pSlot) const;
     Ent_8M* New_Region_Entry(Ent_Handle* pSlot);
     void Unlist(LRU_Node* pNode, Ent_Handle Slot);
-    // Lists the block, whose mapped record is pRec, for a chunk. Returns the record, mapped, or null.
-    Rec_64K* Install(Rec_64K* pRec, LRU_Node* pNode, ULONG Key);
-    LONG Absent_In(const Rec_64K* pRec, ULONG Sec, LONG Bytes);
-    LONG Miss_Run(const Rec_64K* pRec, ULONG Sec, ULONG Key, LONG Left, LONG Bytes);
-    Rec_64K* Block_To_Fill(Rec_64K* pRec, ULONG Key);
-    Rec_64K* Block_To_Write(ULONG_PTR Ctx, ULONG Key, LRU_Node*& pNode);
-    LONG Write_Back(ULONG_PTR Ctx, const Rec_64K* pRec, LRU_Node* pNode, LONG Offset);
+    // Lists Rec's block for a chunk; it becomes pLast. Rec gives the record back when the disk has no such
+    // chunk.
+    void Install(Record_Guard& Rec, ULONG Key);
+    LONG Read_Present(ULONG Sec, ULONG Key, UCHAR* pBuffer, LONG Left, LONG Bytes);
+    LONG Miss_Run(Record_Guard& Rec, ULONG Sec, ULONG Key, LONG Left, LONG Bytes);
+    void Block_To_Fill(Record_Guard& Rec, ULONG Key);
+    void Block_To_Write(Obj_Guard& Guard, ULONG_PTR Ctx, ULONG Key, Record_Guard& Rec);
+    LONG Write_Back(Obj_Guard& Guard, ULONG_PTR Ctx, Record_Guard& Rec, LONG Offset);
     LONG Store(LRU_Node* pNode, ULONG Sec, PVOID pBuffer, LONG Bytes);
 
     ULONG Key_Tag;  // LUN of the chunk keys: always 0, a region table holds one disk only

@@ -8,13 +8,15 @@
 #include "driver/state/boot_param.h"
 #include "driver/state/disk_table.h"
 
-static QRNH_OBJ_MEM* pMem_List;
-// Guards the registry and the search for a disk to share with.
-static KEVENT Setup_Lock;
-
 namespace {
 
 constexpr ULONG Memory_Type = 1;
+
+// Held by QRN_MC_Init, which is the way to all of this: guards the registry and the search for a disk to
+// share with.
+KEVENT Setup_Lock;
+
+QRNH_OBJ_MEM* pMem_List;
 
 QRNH_OBJ_MEM* Find_Memory(ULONG MB, ULONG Type)
 {
@@ -69,13 +71,7 @@ QRNH_MEM_RW* New_Layer(SR_RW* pSR, ULONG Lun, QRNH_OBJ_MEM* pObj)
     return pLayer;
 }
 
-}  // namespace
-
-void Cache_Setup_Init()
-{
-    Mutex_Init(Setup_Lock);
-}
-
+// The memory object of that size and type, made when there is none; null when that fails.
 QRNH_OBJ_MEM* MEM_OBJ_Create(ULONG MB, ULONG Type)
 {
     if (QRNH_OBJ_MEM* pObj = Find_Memory(MB, Type)) {
@@ -87,6 +83,7 @@ QRNH_OBJ_MEM* MEM_OBJ_Create(ULONG MB, ULONG Type)
     return pObj;
 }
 
+// Ends the object when no cache layer uses it. Returns it when it stays, otherwise null.
 QRNH_OBJ_MEM* MEM_OBJ_Release(QRNH_OBJ_MEM* pObj)
 {
     if (!pObj || pObj->Users > 0)
@@ -99,6 +96,13 @@ QRNH_OBJ_MEM* MEM_OBJ_Release(QRNH_OBJ_MEM* pObj)
     pObj->Destory();
     Free_Object(pObj);
     return nullptr;
+}
+
+}  // namespace
+
+void Cache_Setup_Init()
+{
+    Mutex_Init(Setup_Lock);
 }
 
 QRNH_MEM_RW* QRN_MC_Init(ULONG MB, ULONG Lun)

@@ -12,8 +12,3 @@ void Cache_Setup_Init();
 // The disk's cache layer over a memory of so many megabytes (low 16 bits count), which disks that name the
 // same size share. Also stored in the disk's Local_Cache record. Null when there is none; not tried again.
 QRNH_MEM_RW* QRN_MC_Init(ULONG MB, ULONG Lun);
-
-// The memory object of that size and type, made when there is none; null when that fails.
-QRNH_OBJ_MEM* MEM_OBJ_Create(ULONG MB, ULONG Type);
-// Ends the object when no cache layer uses it. Returns it when it stays, otherwise null.
-QRNH_OBJ_MEM* MEM_OBJ_Release(QRNH_OBJ_MEM* pObj);

@@ -6,7 +6,6 @@
 
 namespace {
 
-constexpr ULONG Block_Bytes = 65536;
 constexpr LONG Recs_Per_Block = Block_Bytes / sizeof(Rec_64K);
 constexpr LONG Ents_Per_Block = Block_Bytes / sizeof(Ent_8M);
 static_assert(Recs_Per_Block == 2730 && Ents_Per_Block == 125);
@@ -59,7 +58,7 @@ LONG QRNH_OBJ_MEM::Init_Hash_LRU()
     pLRU_End = pLRU_Nodes + LRU_Nums - 1;
     Init_Entries();
     Init_Records();
-    Toll_Bytes = Ring_Bytes + 512 * (Hash_64K + Hash_8M);
+    Toll_Bytes = Ring_Bytes + formats::sector_bytes * (Hash_64K + Hash_8M);
     DbgPrint("\nQRNH_OBJ_MEM: Toll_Bytes=%d(%dk)", Toll_Bytes, Toll_Bytes / 1024);
     return 0;
 }

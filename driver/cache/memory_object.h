@@ -10,10 +10,13 @@
 #pragma once
 
 #include "driver/block/block_object.h"
+#include "driver/block/chunk_key.h"
 #include "driver/cache/page_pool.h"
 #include "driver/kernel/locks.h"
 
-constexpr LONG Sectors_Per_Block = 128;
+// A data block holds one 64 KB chunk of a disk; the tables before the data lie in blocks of the same size.
+constexpr ULONG Block_Bytes = Chunk_64K;
+constexpr LONG Sectors_Per_Block = Chunk_Secs;
 constexpr ULONG Region_Chunks = 128;  // 64 KB chunks of an 8 MB region
 
 // Content of a data block, and what its record's Sec_Bits tell.

@@ -6,6 +6,7 @@
 #include "driver/kernel/locks.h"
 #include "driver/kernel/pool.h"
 #include "driver/state/memory_probe.h"
+#include "formats/wire.h"
 
 namespace {
 
@@ -13,32 +14,32 @@ constexpr LONG Views_Max = 8;
 constexpr LONG PAE_Blocks_Min = 8;  // fewer blocks above 4 GB are not worth their windows
 constexpr LONG PAE_Block_MB = 4;
 constexpr ULONG Large_Pool_MB = 16384;
-constexpr LONG Chunk_MB = 4;
+constexpr LONG Small_Chunk_MB = 4;
 constexpr LONG Large_Chunk_MB = 64;
 constexpr LONGLONG Four_GB = 0x100000000;
 
 // How many chunks of each kind, and of what size, a pool has.
 struct Pool_Plan {
     LONG Chunk_MB;
-    LONG MDL_Nums;
-    LONG PAE_Nums;
+    LONG MDL_Chunks;
+    LONG PAE_Chunks;
     LONG MDL_View_Nums;
     LONG PAE_View_Nums;
 };
 
-Pool_Plan Plan(ULONG MB)
+Pool_Plan Plan_Pool(ULONG MB)
 {
-    Pool_Plan Pool;
+    Pool_Plan Plan;
     LONG PAE_Blocks = InterlockedExchange(&PAE_Nums, 0);
     if (PAE_Blocks < PAE_Blocks_Min)
         PAE_Blocks = 0;
-    Pool.Chunk_MB = MB < Large_Pool_MB ? Chunk_MB : Large_Chunk_MB;
-    Pool.PAE_Nums = PAE_Blocks / (Pool.Chunk_MB / PAE_Block_MB);
-    LONG Wanted = (static_cast<LONG>(MB) + Pool.Chunk_MB - 1) / Pool.Chunk_MB;
-    Pool.MDL_Nums = Wanted > Pool.PAE_Nums ? Wanted - Pool.PAE_Nums : 0;
-    Pool.MDL_View_Nums = Smaller(Pool.MDL_Nums, Views_Max);
-    Pool.PAE_View_Nums = Smaller(Pool.PAE_Nums, Views_Max);
-    return Pool;
+    Plan.Chunk_MB = MB < Large_Pool_MB ? Small_Chunk_MB : Large_Chunk_MB;
+    Plan.PAE_Chunks = PAE_Blocks / (Plan.Chunk_MB / PAE_Block_MB);
+    LONG Wanted = (static_cast<LONG>(MB) + Plan.Chunk_MB - 1) / Plan.Chunk_MB;
+    Plan.MDL_Chunks = Wanted > Plan.PAE_Chunks ? Wanted - Plan.PAE_Chunks : 0;
+    Plan.MDL_View_Nums = Smaller(Plan.MDL_Chunks, Views_Max);
+    Plan.PAE_View_Nums = Smaller(Plan.PAE_Chunks, Views_Max);
+    return Plan;
 }
 
 // Where the arrays behind the header begin. The slot map is padded to whole words.
@@ -55,11 +56,11 @@ struct Pool_Layout {
 Pool_Layout Lay_Out(const Pool_Plan& Plan)
 {
     auto Array = [](LONG Nums, SIZE_T Item_Bytes) { return static_cast<SIZE_T>(Nums) * Item_Bytes; };
-    SIZE_T Slot_Map_Bytes = (Array(Plan.MDL_Nums + Plan.PAE_Nums, sizeof(USHORT)) + 3) & ~SIZE_T{3};
+    SIZE_T Slot_Map_Bytes = (Array(Plan.MDL_Chunks + Plan.PAE_Chunks, sizeof(USHORT)) + 3) & ~SIZE_T{3};
     Pool_Layout Layout;
     Layout.Slot_Map = sizeof(QRN_MDL);
     Layout.MDL_List = Layout.Slot_Map + Slot_Map_Bytes;
-    Layout.MDL_Nodes = Layout.MDL_List + Array(Plan.MDL_Nums, sizeof(PMDL));
+    Layout.MDL_Nodes = Layout.MDL_List + Array(Plan.MDL_Chunks, sizeof(PMDL));
     Layout.MDL_Addresses = Layout.MDL_Nodes + Array(Plan.MDL_View_Nums, sizeof(LRU_Node));
     Layout.PAE_Nodes = Layout.MDL_Addresses + Array(Plan.MDL_View_Nums, sizeof(UCHAR*));
     Layout.PAE_Addresses = Layout.PAE_Nodes + Array(Plan.PAE_View_Nums, sizeof(LRU_Node));
@@ -69,7 +70,7 @@ Pool_Layout Lay_Out(const Pool_Plan& Plan)
 
 ULONG Chunk_Secs_Of(const QRN_MDL* pPool)
 {
-    return pPool->Chunk_Bytes / 512;
+    return pPool->Chunk_Bytes / formats::sector_bytes;
 }
 
 LONG Chunk_Of(const QRN_MDL* pPool, ULONG Sector)
@@ -205,15 +206,15 @@ QRN_MDL* Create_Pool(const Pool_Plan& Plan, ULONG MB)
     Pool_Layout Layout = Lay_Out(Plan);
     auto pBlock = static_cast<UCHAR*>(ExAllocatePoolWithTag(NonPagedPool, Layout.Bytes, Tag_Memory));
     DbgPrint("\nQRN MDL: Alloc %p=%dMB(%dMB),%d PAE_Nums=%d, MDL=%d %d", pBlock, MB, Plan.Chunk_MB,
-             Plan.MDL_Nums + Plan.PAE_Nums, Plan.PAE_Nums, Plan.MDL_Nums, Plan.MDL_View_Nums);
+             Plan.MDL_Chunks + Plan.PAE_Chunks, Plan.PAE_Chunks, Plan.MDL_Chunks, Plan.MDL_View_Nums);
     if (!pBlock)
         return nullptr;
     RtlZeroMemory(pBlock, Layout.MDL_Nodes);
     auto pPool = reinterpret_cast<QRN_MDL*>(pBlock);
     Mutex_Init(pPool->Pool_Lock);
     pPool->Chunk_Bytes = static_cast<ULONG>(Plan.Chunk_MB) << 20;
-    pPool->MDL_Nums = Plan.MDL_Nums;
-    pPool->Chunk_Nums = Plan.MDL_Nums + Plan.PAE_Nums;
+    pPool->MDL_Nums = Plan.MDL_Chunks;
+    pPool->Chunk_Nums = Plan.MDL_Chunks + Plan.PAE_Chunks;
     pPool->pSlot_Map = reinterpret_cast<USHORT*>(pBlock + Layout.Slot_Map);
     pPool->pMDL_List = reinterpret_cast<PMDL*>(pBlock + Layout.MDL_List);
     pPool->MDL.pNodes = reinterpret_cast<LRU_Node*>(pBlock + Layout.MDL_Nodes);
@@ -227,12 +228,12 @@ QRN_MDL* Create_Pool(const Pool_Plan& Plan, ULONG MB)
 
 QRN_MDL* MDL_Alloc(ULONG MB)
 {
-    Pool_Plan Pool = Plan(MB);
-    QRN_MDL* pPool = Create_Pool(Pool, MB);
+    Pool_Plan Plan = Plan_Pool(MB);
+    QRN_MDL* pPool = Create_Pool(Plan, MB);
     if (!pPool)
         return nullptr;
-    bool Filled = Pool.MDL_Nums == 0 || Fill_MDL_Chunks(pPool, MB, Pool.MDL_View_Nums);
-    if (Filled && (Pool.PAE_Nums == 0 || Map_PAE_Chunks(pPool, Pool.PAE_View_Nums)))
+    bool Filled = Plan.MDL_Chunks == 0 || Fill_MDL_Chunks(pPool, MB, Plan.MDL_View_Nums);
+    if (Filled && (Plan.PAE_Chunks == 0 || Map_PAE_Chunks(pPool, Plan.PAE_View_Nums)))
         return pPool;
     MDL_Free(pPool);
     return nullptr;
@@ -268,7 +269,7 @@ UCHAR* MDL_Map(QRN_MDL* pPool, ULONG Sector)
     UCHAR* pView = Views.pViews[pNode - Views.pNodes];
     if (pView) {
         ++pNode->InUse_Nums;
-        pView += Sector % Chunk_Secs_Of(pPool) * 512;
+        pView += Sector % Chunk_Secs_Of(pPool) * formats::sector_bytes;
     } else {
         DbgPrint("\nQRN MDL: %d(%d) Map NULL", Chunk, Chunk - pPool->MDL_Nums);
     }

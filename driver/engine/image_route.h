@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The local image step of routing, in boot mode 7 only, from the first piece on that a worker routes: the
-// local disk is opened, and each disk's image made, when they are first needed. Worker threads,
-// PASSIVE_LEVEL.
+// The local image step of routing, in boot mode 7 only. Worker threads, PASSIVE_LEVEL.
 //
 // The order of sources for a read of disk 0 is: the disk's part of the temporary image, the system image, RAM
 // cache and server. What a write could not put into the first went to the last, and the system image between

@@ -22,32 +22,29 @@ static LONG Route_Cache(RW_Entry* pEntry, const RW_Req* pReq, LONG Bytes)
 static void Tag_Write(RW_Entry* pEntry, LONG Left)
 {
     bool Tagged = !pEntry->Setup.pMC_Write;
-    if (Tagged && pEntry->pData == pEntry->Bounce)
+    if (Tagged && pEntry->Sec_In_Chunk() == 0)
         return;
     if (Tagged)
         InterlockedExchangeAdd(&pEntry->Setup.pCounters->Secs, -(Left >> 9));
     Pkt_Tag(pEntry, Write_Slot_Index(pEntry), Left);
 }
 
-// Bytes done: all of them, or on failure all that is left of the chunk.
-static LONG Route_Network(RW_Entry* pEntry, RW_Req* pReq, LONG Bytes, LONG Left)
+static bool Let_Go(const RW_Entry* pEntry)
 {
-    // What the cache could not bring to the server has had its time.
-    if (!pEntry->Server_Failed) {
-        if (pReq->Write)
-            Tag_Write(pEntry, Left);
-        if (Net_Send_Wait(pEntry, Bytes) > 0)
-            return Bytes;
-    }
-    if (pEntry->Hold == Hold_Kind::Let_Go)
-        return Left;
-    LONG Done = Images_Take_Part() ? Img_Server_Lost(pEntry, pReq, Bytes) : -Bytes;
-    if (Done > 0)
-        return Done;
-    pReq->Status = Req_Failed;
-    return Left;
+    return pEntry->Hold == Hold_Kind::Let_Go;
 }
 
+// What the cache could not bring to the server has had its time.
+static LONG Route_Network(RW_Entry* pEntry, const RW_Req* pReq, LONG Bytes, LONG Left)
+{
+    if (pEntry->Server_Failed)
+        return -Bytes;
+    if (pReq->Write)
+        Tag_Write(pEntry, Left);
+    return Net_Send_Wait(pEntry, Bytes) > 0 ? Bytes : -Bytes;
+}
+
+// Each backend returns the bytes that it has done, or -m: the first m bytes go to the next one.
 LONG Route_Piece(RW_Entry* pEntry, RW_Req* pReq, LONG Left)
 {
     bool Images = Images_Take_Part();
@@ -61,7 +58,15 @@ LONG Route_Piece(RW_Entry* pEntry, RW_Req* pReq, LONG Left)
         Done = Route_Cache(pEntry, pReq, -Done);
     if (Done < 0)
         Done = Route_Network(pEntry, pReq, -Done, Left);
-    if (Images && pReq->Write && pReq->Status != Req_Failed && pEntry->Hold != Hold_Kind::Let_Go)
+    if (Let_Go(pEntry))
+        return Done > 0 ? Done : Left;
+    if (Done < 0 && Images)
+        Done = Img_Server_Lost(pEntry, pReq, -Done);
+    if (Done < 0) {
+        pReq->Status = Req_Failed;
+        return Left;
+    }
+    if (Images && pReq->Write && pReq->Status != Req_Failed)
         Img_Written_Past(pEntry, pReq, Done);
     return Done;
 }

@@ -70,7 +70,7 @@ static void Admit(RW_Entry* pEntry, RW_Req* pReq)
         Req_Complete(pReq, pReq->Lun);
         return;
     }
-    if (!Disk_Set_Up(pReq->Lun)) {
+    if (!Local_Cache[pReq->Lun].Set_Up) {
         // Only an empty transfer passes the range check of a disk that was absent at start-up.
         Req_Complete(pReq, pReq->Lun);
         return;

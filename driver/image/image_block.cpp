@@ -102,8 +102,7 @@ LONG QRNH_IMG_RW::Write_Chunk(ULONG_PTR, ULONG Off, ULONG Key, PVOID pBuffer, LO
 
 bool QRNH_IMG_RW::Is_Served(ULONG Key) const
 {
-    return Serves == Img_Serves::All ||
-           (Serves == Img_Serves::Below_Sync_Pos && Key < pHeader->Sync_Pos.get());
+    return Trust.Covers(Key, pHeader->Sync_Pos.get());
 }
 
 // How many of the missing bytes are known to be zeros, since the synchronisation passed them. A map that lost
@@ -111,7 +110,7 @@ bool QRNH_IMG_RW::Is_Served(ULONG Key) const
 LONG QRNH_IMG_RW::Known_Zeros(ULONG Off, ULONG Key, LONG Bytes) const
 {
     ULONG Sync_Pos = pHeader->Sync_Pos.get();
-    if (Key >= Sync_Pos || Image()->Untrusted)
+    if (Key >= Sync_Pos || Image()->Map_Is == Map_State::Incomplete)
         return 0;
     ULONGLONG Known = ULONGLONG{Sync_Pos - Key} * Chunk_64K - Off * static_cast<ULONG>(Sector_Bytes);
     return static_cast<LONG>(Smaller<ULONGLONG>(Known, static_cast<ULONG>(Bytes)));
@@ -238,7 +237,7 @@ bool QRNH_IMG_RW::Img_Flush()
 {
     {
         Mutex_Guard Guard(Map_Lock);
-        if (Image()->Map_Lost || !Cache.Map_Flush() || !Image()->Flush())
+        if (Image()->Map_Is == Map_State::Lost || !Cache.Map_Flush() || !Image()->Flush())
             return false;
     }
     Mutex_Guard Guard(Image()->Hdr_Lock);

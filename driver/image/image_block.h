@@ -10,6 +10,7 @@
 
 #include "driver/block/block_object.h"
 #include "driver/image/image_map.h"
+#include "driver/image/image_trust.h"
 #include "driver/kernel/locks.h"
 
 // Read: the first sector may be here, and cannot be read. No older copy may take its place.
@@ -17,13 +18,6 @@ constexpr LONG Img_Failed = -1;
 
 // Tag of a chunk that is being filled, which no copy of a server's chunk has.
 constexpr ULONG Tag_In_Work = 0xFFFFFFFF;
-
-// Which chunks Read tells of. The rest counts as missing.
-enum class Img_Serves {
-    All,
-    Nothing,         // whether the image is a true copy is not known
-    Below_Sync_Pos,  // what the synchronisation has handled
-};
 
 class QRNH_IMG_RW : public QRNH_OBJ_RW {
 public:
@@ -61,6 +55,10 @@ public:
     formats::ImageHeader& Header() const { return *pHeader; }
     QRNH_OBJ_IMG* Image() const { return Cache.Image(); }
 
+    Busy_Mutex Map_Lock;     // guards the cache, the entries in it, and what follows
+    Img_Trust Trust;         // which chunks Read tells of
+    bool Keep_Tags = false;  // data is marked present without touching a chunk's tag
+
 private:
     ULONGLONG Shifted(ULONGLONG Sector) const;
     void Entry_Mark(formats::Entry_64K* pEntry, ULONG Off, LONG Bytes);
@@ -72,15 +70,6 @@ private:
 
     Map_Cache Cache;
     formats::ImageHeader* pHeader;
-
-public:
-    Busy_Mutex Map_Lock;  // guards the cache, the entries in it, and what follows Lun
-
-private:
     ULONG Lun;
     volatile ULONG Renewals = 0;
-
-public:
-    Img_Serves Serves = Img_Serves::All;
-    bool Keep_Tags = false;  // data is marked present without touching a chunk's tag
 };

@@ -54,27 +54,32 @@ LONG QRNH_OBJ_IMG::Create(PDEVICE_OBJECT pNew_Device, ULONG New_Base_Sec, ULONG 
     Total_Secs = (Flags & Img_Modify) ? Img_No_Limit : Total;
     Mutex_Init(Hdr_Lock);
     Hdr_Dirty = 0;
-    Read_Only = (Flags & Img_Must_Exist) != 0;
-    Lasting = !Read_Only && !(Flags & Img_Always_New);
-    Map_Lost = Untrusted = Root_Dirty = false;
+    Use = (Flags & Img_Must_Exist)   ? Area_Use::Read_Only
+          : (Flags & Img_Always_New) ? Area_Use::Temporary
+                                     : Area_Use::Lasting;
+    Map_Is = Map_State::Whole;
+    Root_Dirty = false;
     Covered = 0;
 
     LONG Found = (Flags & Img_Always_New) ? Header_Foreign : QRNH_Header_Read();
     if (Found != Header_Good) {
-        if (Read_Only)
+        if (Use == Area_Use::Read_Only)
             return -2;
         // What cannot be read may be an image whose content nobody else has.
-        Map_Lost = Found == Header_Unreadable;
-        if (QRNH_Header_New(Total) <= 0 && Lasting)
-            Map_Lost = true;
+        if (Found == Header_Unreadable)
+            Map_Is = Map_State::Lost;
+        if (QRNH_Header_New(Total) <= 0 && Use == Area_Use::Lasting)
+            Map_Is = Map_State::Lost;
         return static_cast<LONG>(Flags);
     }
     Covered = Header.Used.get();
     On_Disk = Header;
-    if ((Flags & Img_Modify) && !Read_Only && QRNH_Header_Modify() < 0)
+    if ((Flags & Img_Modify) && Use != Area_Use::Read_Only && QRNH_Header_Modify() < 0)
         return -3;
-    Map_Lost = Root_Load() <= 0;
-    return Map_Lost && Read_Only ? -2 : static_cast<LONG>(Flags);
+    if (Root_Load() > 0)
+        return static_cast<LONG>(Flags);
+    Map_Is = Map_State::Lost;
+    return Use == Area_Use::Read_Only ? -2 : static_cast<LONG>(Flags);
 }
 
 LONG QRNH_OBJ_IMG::QRNH_Header_Read()
@@ -147,7 +152,7 @@ bool QRNH_OBJ_IMG::Write_Header(ImageHeader& What)
 
 bool QRNH_OBJ_IMG::QRNH_Header_Write()
 {
-    if (Hdr_Dirty == 0 || !Lasting)
+    if (Hdr_Dirty == 0 || Use != Area_Use::Lasting)
         return true;
     bool Written = Write_Header(Header);
     DbgPrint("\nQRNH_Header_Write");
@@ -162,7 +167,7 @@ bool QRNH_OBJ_IMG::QRNH_Header_Write()
 // as it was: the map that it would go with is not there yet.
 bool QRNH_OBJ_IMG::Cover()
 {
-    if (Map_Lost)
+    if (Map_Is == Map_State::Lost)
         return false;
     if (Covered == Header.Used.get())
         return true;
@@ -202,12 +207,12 @@ LONG QRNH_OBJ_IMG::Root_Load()
         return Done == static_cast<LONG>(sizeof Root_Tbl) ? Done : -1;
     }
     RtlZeroMemory(&Root_Tbl, sizeof Root_Tbl);
-    if (Read_Only)
+    if (Use == Area_Use::Read_Only)
         return sizeof Root_Tbl;
-    if (QRNH_Header_Offset(Block_Map) == 0 || Map_Lost)
+    if (QRNH_Header_Offset(Block_Map) == 0 || Map_Is == Map_State::Lost)
         return -1;
     LONG Done = Write(formats::root_sector, &Root_Tbl, sizeof Root_Tbl);
-    if (Done != static_cast<LONG>(sizeof Root_Tbl) || (Lasting && !Flush()))
+    if (Done != static_cast<LONG>(sizeof Root_Tbl) || (Use == Area_Use::Lasting && !Flush()))
         return -1;
     return Done;
 }
@@ -222,13 +227,15 @@ void QRNH_OBJ_IMG::Root_Link(ULONG Index, ULONG Sector)
 {
     Mutex_Guard Guard(Hdr_Lock);
     Root_Tbl.Level1_Sec[Index].set(Sector);
-    if (!Root_Save() && Lasting)
-        Root_Dirty = Untrusted = true;
+    if (!Root_Save() && Use == Area_Use::Lasting) {
+        Root_Dirty = true;
+        Map_Lacks_Something();
+    }
 }
 
 bool QRNH_OBJ_IMG::Root_Save()
 {
-    if (Lasting && (!Cover() || !Flush()))
+    if (Use == Area_Use::Lasting && (!Cover() || !Flush()))
         return false;
     return Write(formats::root_sector, &Root_Tbl, sizeof Root_Tbl) == static_cast<LONG>(sizeof Root_Tbl);
 }
@@ -243,7 +250,7 @@ bool QRNH_OBJ_IMG::Root_Flush()
 
 bool QRNH_OBJ_IMG::Map_Write(ULONG Sector, PVOID pBlock)
 {
-    if (Lasting) {
+    if (Use == Area_Use::Lasting) {
         Mutex_Guard Guard(Hdr_Lock);
         if (!Cover() || !Flush())
             return false;
@@ -257,22 +264,25 @@ bool QRNH_OBJ_IMG::Map_Write(ULONG Sector, PVOID pBlock)
 bool QRNH_OBJ_IMG::Renew(ULONG Size, ULONG Sec_Shift)
 {
     if ((On_Disk.Sync_Pos.get() | On_Disk.Sync_Tag.get()) != 0 && !Restart()) {
-        Map_Lost = true;
+        Map_Is = Map_State::Lost;
         return false;
     }
     ImageHeader Empty{};
     formats::set_new_image(Empty, Size);
     Empty.CreateTime.set(Local_Time());
     Empty.Modify_Time = Empty.CreateTime;
-    Map_Lost = true;
+    Map_Is = Map_State::Lost;
     if (!Write_Header(Empty) || !Flush())
         return false;
-    Map_Lost = Root_Dirty = Untrusted = false;
-    Map_Lost = QRNH_Header_New(Size) <= 0;
+    Map_Is = Map_State::Whole;
+    Root_Dirty = false;
+    bool Good = QRNH_Header_New(Size) > 0;
     Header.Sec_Shift.set(Sec_Shift);
     On_Disk.Sec_Shift.set(Sec_Shift);
-    Map_Lost = Map_Lost || !Cover() || !Flush();
-    return !Map_Lost;
+    Good = Good && Cover() && Flush();
+    if (!Good)
+        Map_Is = Map_State::Lost;
+    return Good;
 }
 
 bool QRNH_OBJ_IMG::Restart()
@@ -282,6 +292,12 @@ bool QRNH_OBJ_IMG::Restart()
     On_Disk.Used = Header.Used;
     On_Disk.Map_Secs = Header.Map_Secs;
     return Write_Header(On_Disk) && Flush();
+}
+
+void QRNH_OBJ_IMG::Map_Lacks_Something()
+{
+    if (Map_Is == Map_State::Whole)
+        Map_Is = Map_State::Incomplete;
 }
 
 bool QRNH_OBJ_IMG::Holds(ULONG Sector, ULONG Count) const

@@ -32,6 +32,19 @@ constexpr ULONG Block_None = 0;
 constexpr ULONG Block_Map = 1;
 constexpr ULONG Block_Data = 2;
 
+enum class Area_Use {
+    Temporary,
+    Lasting,    // outlives a start; its header is written
+    Read_Only,  // the server's
+};
+
+// The map as the disk has it.
+enum class Map_State {
+    Whole,
+    Incomplete,  // a block of it could not be written: what the map lacks may be there all the same
+    Lost,        // no lookup can succeed until the header is renewed
+};
+
 class QRNH_OBJ_IMG {
 public:
     // Sector counts from the start of the area. Return the bytes done, perhaps fewer, or -Bytes.
@@ -55,8 +68,7 @@ public:
     ULONG Allocate(ULONG Kind);
 
     // Makes the area an empty image, as which it is found again whenever the power fails from here on. The
-    // caller holds Hdr_Lock and keeps everybody out of the map. False: it failed, and Map_Lost tells that
-    // there is no map.
+    // caller holds Hdr_Lock and keeps everybody out of the map. False: it failed, and the map is lost.
     bool Renew(ULONG Size, ULONG Sec_Shift);
     // The synchronisation starts again from chunk 0, on the disk too. The caller holds Hdr_Lock.
     bool Restart();
@@ -80,9 +92,9 @@ public:
     formats::ImageHeader Header;
     formats::RootTable Root_Tbl;
 
-    bool Lasting;    // outlives a start; its header is written
-    bool Map_Lost;   // no lookup can succeed until the header is renewed
-    bool Untrusted;  // a map block could not be written: what the map lacks may be there all the same
+    Area_Use Use;
+    Map_State Map_Is;
+    void Map_Lacks_Something();
 
 private:
     LONG Root_Load();
@@ -90,8 +102,7 @@ private:
     bool Write_Header(formats::ImageHeader& What);
     bool Cover();
 
-    bool Read_Only;
-    bool Root_Dirty;
+    bool Root_Dirty;               // the root table could not be written
     ULONG Covered;                 // Used of the header on the disk
     formats::ImageHeader On_Disk;  // the header that the disk has, or had best have, until the next flush
 };

@@ -32,7 +32,7 @@ Map_Buf* Map_Cache::Fail()
 bool Map_Cache::Save(Map_Buf& Buf)
 {
     if (!pImage->Map_Write(Buf.Sector, Buf.Data)) {
-        pImage->Untrusted = true;
+        pImage->Map_Lacks_Something();
         return false;
     }
     Buf.Dirty = 0;
@@ -78,7 +78,7 @@ Map_Buf* Map_Cache::New_Block(ULONG Level)
     if (Sector == 0)
         return nullptr;
     RtlZeroMemory(pBuf->Data, sizeof pBuf->Data);
-    if (pImage->Lasting && !pImage->Map_Write(Sector, pBuf->Data))
+    if (pImage->Use == Area_Use::Lasting && !pImage->Map_Write(Sector, pBuf->Data))
         return Fail();
     pBuf->Sector = Sector;
     pBuf->Dirty = 1;
@@ -112,7 +112,7 @@ Map_Buf* Map_Cache::Tbl_Entry(bool Make, Map_Buf* pTable, ULONG Index, ULONG Lev
 
 Entry_64K* Map_Cache::Map_Find(bool Make, ULONG Key)
 {
-    Find_Failed = pImage->Map_Lost;
+    Find_Failed = pImage->Map_Is == Map_State::Lost;
     if (Find_Failed)
         return nullptr;
     Map_Buf* pTable = Root_Block(Make, Key);

@@ -65,7 +65,7 @@ QRNH_IMG_RW* QRNH_MBR_Init(PDEVICE_OBJECT pDevice, const formats::PartitionSecto
             DbgPrint("\nQRNH_MBR_Init: Create pQRNH_Img_Sys");
             QRNH_IMG_RW* pImage = QRNH_Img_Create(pDevice, Start, Count, 0);
             if (pImage && Img_Check_Comes())
-                pImage->Serves = Img_Serves::Nothing;
+                pImage->Trust.Await_Check();
             pQRNH_Img_Sys = pImage;
         }
         if (Entry.Type == formats::partition_temporary_image && !pQRNH_Obj_Tmp &&

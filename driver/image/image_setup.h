@@ -11,9 +11,8 @@ extern QRNH_OBJ_IMG* volatile pQRNH_Obj_Tmp;  // the temporary image, or null
 // Whether a synchronisation can check the system image against its server in this start.
 bool Img_Check_Comes();
 
-// Returns pQRNH_Img_Sys. Partitions that do not fit the disk, or overlap
-// another, are ignored. Until the synchronisation has
-// checked it, an image that will be checked serves no reads.
+// Returns pQRNH_Img_Sys. Partitions that do not fit the disk, or overlap another, are ignored. Until the
+// synchronisation has checked it, an image that will be checked serves no reads.
 QRNH_IMG_RW* QRNH_MBR_Init(PDEVICE_OBJECT pDevice, const formats::PartitionSector& Sector_0);
 
 // Null without memory, or when the area cannot be opened.

@@ -26,8 +26,8 @@ constexpr LONG Stop_Poll_Ms = 100;
 constexpr ULONG Report_Secs = 32;
 constexpr ULONGLONG Ticks_Per_Sec = 10000000;
 constexpr ULONG Tag_Unknown = 1;  // of a server's chunk that has sectors and no tag that can be used
-constexpr ULONG Unproven_Max =
-    16;  // chunks that were handled since the server's image was last seen unchanged
+// Chunks that were handled since the server's image was last seen unchanged.
+constexpr ULONG Unproven_Max = 16;
 
 // Start of the current interval of progress, for all runs of a start.
 ULONGLONG Progress_Clock;
@@ -94,7 +94,8 @@ bool Sync_Run::Find_Start()
     Mutex_Guard Guard(pLocal_->Map_Lock);
     bool Same_Shift = (L_.Sec_Shift.get() != 0) == (S_.Sec_Shift.get() != 0);
     bool Good = true;
-    if (L_.CreateTime.get() != S_.CreateTime.get() || !Same_Shift || pLocal_->Image()->Map_Lost) {
+    if (L_.CreateTime.get() != S_.CreateTime.get() || !Same_Shift ||
+        pLocal_->Image()->Map_Is == Map_State::Lost) {
         Good = pLocal_->Renew(S_.Size.get(), S_.Sec_Shift.get());
     } else if (L_.Sync_Tag.get() != S_.ModifyTag.get() || L_.Sync_Pos.get() >= Img_Chunks(L_)) {
         DbgPrint("\nQRNH_Img_Sync: Sync_Tag %X!=%X", L_.Sync_Tag.get(), S_.ModifyTag.get());
@@ -103,7 +104,7 @@ bool Sync_Run::Find_Start()
     } else {
         pState_->Chunk = L_.Sync_Pos.get();
     }
-    pLocal_->Serves = Img_Serves::Below_Sync_Pos;
+    pLocal_->Trust.Check_Begins();
     return Good;
 }
 
@@ -270,7 +271,7 @@ void Sync_Run::Finish()
             L_.Prev_Time = S_.Prev_Time;
             L_.Modify_Time = S_.Modify_Time;
             L_.ModifyTag = S_.ModifyTag;
-            pLocal_->Serves = Img_Serves::All;
+            pLocal_->Trust.Check_Passed();
         }
         L_.Sync_Tag = S_.ModifyTag;
         Mutex_Guard Header_Guard(pLocal_->Image()->Hdr_Lock);
@@ -377,11 +378,8 @@ bool Serve_Unchecked(QRNH_IMG_RW* pImage)
     if (!Claim_Version(Version_Image))
         return false;
     Mutex_Guard Guard(pImage->Map_Lock);
-    if (pImage->Serves != Img_Serves::Nothing)
-        return false;
     const ImageHeader& Header = pImage->Header();
     bool Whole = Header.ModifyTag.get() == Header.Sync_Tag.get() &&
                  ULONGLONG{Header.Sync_Pos.get()} + 1 >= Img_Chunks(Header);
-    pImage->Serves = Whole ? Img_Serves::All : Img_Serves::Below_Sync_Pos;
-    return true;
+    return pImage->Trust.Check_Given_Up(Whole);
 }

@@ -60,65 +60,57 @@ inline void Mutex_Give(KEVENT& Mutex)
     KeSetEvent(&Mutex, IO_NO_INCREMENT, FALSE);
 }
 
-// Where the sleepers of a mutex wait that all workers want again and again. An event that becomes free is
-// handed to the first who sleeps on it, and all who run then wait until that one is awake. So nobody sleeps
-// on the mutex itself: who comes through the gate tries again, and one at a time is being woken.
-struct Mutex_Gate {
-    KEVENT Open;
+// A mutex that all workers want again and again. A plain one that becomes free is handed to the first who
+// sleeps on it, and all who run then wait until that one is awake. So nobody sleeps on this one itself, but
+// at Open: who comes through tries again, and one at a time is being woken.
+//
+// Waking is 1 exactly while a wake-up is on its way: from the moment that a giver has decided to set Open
+// until a sleeper is through. Who waits at Open has counted itself in Sleepers before it tried the mutex for
+// the last time. So a sleeper whom a giver does not see gets the mutex by that try; and where a giver sees
+// sleepers and Waking, the one who is on its way takes the mutex or tries it in vain, and then its holder
+// gives it in turn.
+struct Busy_Mutex {
+    KEVENT Free;  // synchronization: signalled while nobody holds the mutex
+    KEVENT Open;  // synchronization
     volatile LONG Sleepers;
     volatile LONG Waking;
 };
 
-inline void Gate_Init(Mutex_Gate& Gate)
+// Free or held from the beginning.
+inline void Mutex_Init(Busy_Mutex& Mutex, bool Free = true)
 {
-    KeInitializeEvent(&Gate.Open, SynchronizationEvent, FALSE);
-    Gate.Sleepers = 0;
-    Gate.Waking = 0;
+    KeInitializeEvent(&Mutex.Free, SynchronizationEvent, Free);
+    KeInitializeEvent(&Mutex.Open, SynchronizationEvent, FALSE);
+    Mutex.Sleepers = 0;
+    Mutex.Waking = 0;
 }
 
-inline void Mutex_Take(KEVENT& Mutex, Mutex_Gate& Gate)
+// Not when others sleep for it, who go first.
+inline bool Mutex_Try(Busy_Mutex& Mutex)
 {
-    if (Mutex_Spin(Mutex))
-        return;
-    InterlockedIncrement(&Gate.Sleepers);
-    while (!Mutex_Try(Mutex)) {
-        KeWaitForSingleObject(&Gate.Open, Executive, KernelMode, FALSE, nullptr);
-        InterlockedExchange(&Gate.Waking, 0);
-        if (Mutex_Spin(Mutex))
-            break;
-    }
-    InterlockedDecrement(&Gate.Sleepers);
-}
-
-// At DISPATCH_LEVEL at most. A sleeper counts itself before it tries the mutex for the last time: it got the
-// mutex, or is seen here; and if another is on the way already, that one gives the mutex back in its turn.
-inline void Mutex_Give(KEVENT& Mutex, Mutex_Gate& Gate)
-{
-    Mutex_Give(Mutex);
-    if (Gate.Sleepers > 0 && InterlockedExchange(&Gate.Waking, 1) == 0)
-        KeSetEvent(&Gate.Open, IO_NO_INCREMENT, FALSE);
-}
-
-// A mutex with its gate.
-struct Busy_Mutex {
-    KEVENT Free;
-    Mutex_Gate Gate;
-};
-
-inline void Mutex_Init(Busy_Mutex& Mutex)
-{
-    Mutex_Init(Mutex.Free);
-    Gate_Init(Mutex.Gate);
+    return Mutex.Sleepers == 0 && Mutex_Try(Mutex.Free);
 }
 
 inline void Mutex_Take(Busy_Mutex& Mutex)
 {
-    Mutex_Take(Mutex.Free, Mutex.Gate);
+    if (Mutex_Spin(Mutex.Free))
+        return;
+    InterlockedIncrement(&Mutex.Sleepers);
+    while (!Mutex_Try(Mutex.Free)) {
+        KeWaitForSingleObject(&Mutex.Open, Executive, KernelMode, FALSE, nullptr);
+        InterlockedExchange(&Mutex.Waking, 0);
+        if (Mutex_Spin(Mutex.Free))
+            break;
+    }
+    InterlockedDecrement(&Mutex.Sleepers);
 }
 
+// At DISPATCH_LEVEL at most.
 inline void Mutex_Give(Busy_Mutex& Mutex)
 {
-    Mutex_Give(Mutex.Free, Mutex.Gate);
+    Mutex_Give(Mutex.Free);
+    if (Mutex.Sleepers > 0 && InterlockedExchange(&Mutex.Waking, 1) == 0)
+        KeSetEvent(&Mutex.Open, IO_NO_INCREMENT, FALSE);
 }
 
 // Holds a mutex for a scope; PASSIVE_LEVEL.
@@ -129,6 +121,10 @@ public:
     ~Mutex_Guard() { Mutex_Give(Held_); }
     Mutex_Guard(const Mutex_Guard&) = delete;
     Mutex_Guard& operator=(const Mutex_Guard&) = delete;
+
+    // For a part of the scope that others may run in.
+    void Let_Go() { Mutex_Give(Held_); }
+    void Take_Again() { Mutex_Take(Held_); }
 
 private:
     Mutex& Held_;

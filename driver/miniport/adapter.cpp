@@ -72,8 +72,7 @@ static ULONG NTAPI HwFindAdapter(PVOID HwDeviceExtension, PVOID, PVOID, PCHAR Ar
         Bus_Change_Timer(HwDeviceExtension);
     auto pExt = static_cast<Hw_Ext*>(HwDeviceExtension);
     pExt->pChan_Irp = nullptr;
-    KeInitializeEvent(&pExt->Chan_Free, SynchronizationEvent, FALSE);
-    Gate_Init(pExt->Chan_Gate);
+    Mutex_Init(pExt->Chan_Free, false);
     Fill_Configuration(pConfig);
     return SP_RETURN_FOUND;
 }
@@ -168,7 +167,7 @@ static BOOLEAN NTAPI HwInitialize(PVOID HwDeviceExtension)
     }
     Hook_Scsi_Dispatch();
     Prepare_Channel(pExt);
-    Mutex_Give(pExt->Chan_Free, pExt->Chan_Gate);
+    Mutex_Give(pExt->Chan_Free);
     pNotice_Adapter = pExt;
     return TRUE;
 }

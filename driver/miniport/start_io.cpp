@@ -35,19 +35,23 @@ RW_Req* Fill_Record(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb)
     return pReq;
 }
 
-// Whether the delay-load rule holds this transfer back; a large write to LUN 0 ends the delay.
-bool Held_Back(Hw_Ext* pExt, const RW_Req* pReq)
+bool Delayed(ULONG Lun)
 {
-    if (Delay_Cnt == Delay_Over)
-        return false;
-    if (pReq->Lun != 0)
-        return (Boot_Param.Disks[pReq->Lun].Disk_Flags & formats::disk_flag_delay_load) != 0;
-    if (pReq->Write && pReq->Bytes == Delay_Trigger_Bytes) {
-        Delay_Cnt = Delay_Over;
-        DbgPrint("\nQRN SCSI: BusChangeDetected For Delay Load\n");
-        ScsiPortNotification(BusChangeDetected, pExt, 0);
-    }
-    return false;
+    return Delay_Cnt != Delay_Over && Lun != 0 &&
+           (Boot_Param.Disks[Lun].Disk_Flags & formats::disk_flag_delay_load) != 0;
+}
+
+// The first large write to LUN 0 tells that the system is up: delayed disks may show themselves.
+void End_Delay(Hw_Ext* pExt)
+{
+    Delay_Cnt = Delay_Over;
+    DbgPrint("\nQRN SCSI: BusChangeDetected For Delay Load\n");
+    ScsiPortNotification(BusChangeDetected, pExt, 0);
+}
+
+bool Ends_Delay(const RW_Req* pReq)
+{
+    return Delay_Cnt != Delay_Over && pReq->Lun == 0 && pReq->Write && pReq->Bytes == Delay_Trigger_Bytes;
 }
 
 Outcome Fail(PSCSI_REQUEST_BLOCK Srb, Sense_Index Index)
@@ -73,8 +77,10 @@ Outcome Transfer(Hw_Ext* pExt, PSCSI_REQUEST_BLOCK Srb)
     pReq->pBuffer = static_cast<UCHAR*>(Srb->DataBuffer);
     pReq->Sector = Lba + 1;
     Srb->SrbStatus = SRB_STATUS_PENDING;
-    if (Held_Back(pExt, pReq))
+    if (Delayed(pReq->Lun))
         return Fail(Srb, Sense_Out_Of_Range);
+    if (Ends_Delay(pReq))
+        End_Delay(pExt);
     InterlockedIncrement(&Lun_Stats[Srb->Lun].Queued);
     Req_Queue(pReq);
     return Outcome::Pending;

@@ -329,9 +329,7 @@ public:
     explicit Run_Mark(RW_Entry* pEntry)
         : Hdr_(pEntry->Hdr), Worker_Byte_(Hdr_.Worker_Byte), Pkt_Index_(Hdr_.Pkt_Index)
     {
-        if (pEntry->pData < pEntry->Bounce || pEntry->pData >= pEntry->Bounce + Bounce_Bytes)
-            return;
-        auto Secs = static_cast<ULONG>(pEntry->pData - pEntry->Bounce) / formats::sector_bytes;
+        ULONG Secs = pEntry->Sec_In_Chunk();
         Hdr_.Worker_Byte = static_cast<UCHAR>(Worker_Byte_ + Secs * formats::worker_sector_unit);
         if (!Is_Write(pEntry))
             Hdr_.Pkt_Index = static_cast<UCHAR>(Pkt_Index_ + (Secs & ~formats::worker_sector_mask));

@@ -7,7 +7,7 @@ static NTSTATUS NTAPI Chan_Done(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
 {
     IoReuseIrp(Irp, STATUS_UNSUCCESSFUL);
     auto pExt = static_cast<Hw_Ext*>(Context);
-    Mutex_Give(pExt->Chan_Free, pExt->Chan_Gate);
+    Mutex_Give(pExt->Chan_Free);
     return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
@@ -15,8 +15,8 @@ static NTSTATUS NTAPI Chan_Done(PDEVICE_OBJECT, PIRP Irp, PVOID Context)
 static bool Take_Channel(Hw_Ext* pExt, bool Wait)
 {
     if (!Wait)
-        return pExt->Chan_Gate.Sleepers == 0 && Mutex_Try(pExt->Chan_Free);
-    Mutex_Take(pExt->Chan_Free, pExt->Chan_Gate);
+        return Mutex_Try(pExt->Chan_Free);
+    Mutex_Take(pExt->Chan_Free);
     return true;
 }
 

@@ -10,12 +10,11 @@
 // The miniport device extension: one per adapter, allocated by the port driver.
 struct Hw_Ext {
     PDEVICE_OBJECT pPort_Dev;  // the port driver's controller device; completion notices go to it
-    KEVENT Chan_Free;          // synchronization: signalled while the channel is idle
+    Busy_Mutex Chan_Free;      // held while a notice is under way, and until there is an IRP for one
     PIRP pChan_Irp;            // the channel's one IRP, used again for every notice and never freed
     // Written only by the thread that holds the channel.
     SCSI_REQUEST_BLOCK Chan_Srb;
     SRB_IO_CONTROL Chan_Ioctl;  // the data of Chan_Srb
-    Mutex_Gate Chan_Gate;       // of Chan_Free
 };
 
 // The adapter, once notices can go out; null before. Time-outs of what no request asked for are told there.

@@ -13,7 +13,7 @@ static bool Shared()
 {
     ULONG Disks = 0;
     for (ULONG Lun = 0; Lun < formats::disk_count_max; ++Lun)
-        Disks += Disk_Set_Up(Lun);
+        Disks += Local_Cache[Lun].Set_Up;
     return Disks > 1 && RW_Count > 1;
 }
 

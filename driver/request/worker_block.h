@@ -63,6 +63,15 @@ struct RW_Entry {
     alignas(8) UCHAR Bounce[Bounce_Bytes];
 
     ULONG Index() const { return Hdr.Worker_Byte & formats::worker_index_mask; }
+
+    // Where in its chunk the data at pData lies, in sectors; 0 for what is no part of the chunk, as a block
+    // of a RAM cache that makes room for it. A chunk's data is in Bounce while the chunk is carried out.
+    ULONG Sec_In_Chunk() const
+    {
+        return pData >= Bounce && pData < Bounce + Bounce_Bytes
+                   ? static_cast<ULONG>(pData - Bounce) / formats::sector_bytes
+                   : 0;
+    }
 };
 
 // Index of the slot block that the entry's write chunk holds, or the worker's own when it holds none.

@@ -68,7 +68,7 @@ static void Disk_Init(ULONG Lun)
     DbgPrint("\nQRN SCSI: Lun:%d %X(%dM) Local:%X %d", Lun, Sectors, Sectors / 2048, Disk.Disk_Flags,
              Local_Cache[Lun].State);
     Set_Slots(Disk, Lun);
-    Set_Disk_Set_Up(Lun);
+    Local_Cache[Lun].Set_Up = true;
 }
 
 void Lun_Init(PUNICODE_STRING pService_Key)

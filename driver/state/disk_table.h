@@ -36,15 +36,12 @@ struct Local_Cache_Record {
     KEVENT Lock;  // synchronization event used as a mutex; signalled: free
     volatile LONG State;
     QRNH_OBJ_RW* pMC_Write;
-    LONG Spent;  // Lock: time-outs of a negotiation that was put off
+    LONG Spent;   // Lock: time-outs of a negotiation that was put off
+    bool Set_Up;  // the disk existed at start-up, so requests for it can take its slots; never changes then
 };
 
 extern Lun_Counters Lun_Stats[formats::disk_count_max];
 extern Local_Cache_Record Local_Cache[formats::disk_count_max];
-
-// The disk existed at start-up, so requests for it can take its slots.
-bool Disk_Set_Up(ULONG Lun);
-void Set_Disk_Set_Up(ULONG Lun);
 
 constexpr LONG Delay_Over = -1;
 

@@ -95,7 +95,7 @@ struct Start {
         EXPECT_GE(source.open(Img_Modify | Img_Must_Exist), 0);
         disk = std::make_unique<QRNH_IMG_RW>(&local, 0);
         server_disk = std::make_unique<QRNH_IMG_RW>(&source, 0);
-        disk->Serves = Img_Serves::Nothing;
+        disk->Trust.Await_Check();
     }
     ULONG run()
     {
@@ -174,7 +174,7 @@ void check_unchecked(const Area& bytes, Server& server)
     MemoryArea area(bytes, 1);
     ASSERT_EQ(area.open(0), 0);
     QRNH_IMG_RW disk(&area, 0);
-    disk.Serves = Img_Serves::Nothing;
+    disk.Trust.Await_Check();
     expect_all(disk, {}, false, "not yet checked");
     ASSERT_TRUE(Serve_Unchecked(&disk));
     const auto state = server.history.find(area.Header.Sync_Tag.get());
@@ -241,7 +241,7 @@ TEST(Synchronisation, Image_of_another_server_is_given_up_whole)
         server.write(128, 1);
         Start second(first.local.now, server, 2);
         std::vector<UCHAR> data(512);
-        second.disk->Serves = Img_Serves::All;
+        second.disk->Trust.Check_Passed();
         EXPECT_EQ(second.disk->Read(0, 1, data.data(), 512), 512) << "fills the cache with the old map";
         second.local.after_write = [&] {
             const Area bytes = second.local.after_power_cut();
@@ -350,7 +350,7 @@ TEST(Synchronisation, Last_chunk_is_served_without_a_server_when_the_image_is_wh
             area.Header.Sync_Pos.set(row.handled - 1);
             area.Header.Sync_Tag.set(area.Header.ModifyTag.get() - row.tags_behind);
             QRNH_IMG_RW disk(&area, 0);
-            disk.Serves = Img_Serves::Nothing;
+            disk.Trust.Await_Check();
             ASSERT_TRUE(Serve_Unchecked(&disk));
             EXPECT_FALSE(Serve_Unchecked(&disk)) << "once";
             EXPECT_EQ(expect_read(disk, server.content, 130, 1, "copied"), 1u);
