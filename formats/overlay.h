@@ -36,6 +36,16 @@ struct OverlayHeader {
     Le32 Checksum;
 };
 
+// Over all of the header before its checksum.
+inline std::uint32_t overlay_checksum(const OverlayHeader& header)
+{
+    std::uint32_t hash = 0x811C9DC5;
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&header);
+    for (std::size_t i = 0; i < offsetof(OverlayHeader, Checksum); ++i)
+        hash = (hash ^ bytes[i]) * 0x01000193;
+    return hash;
+}
+
 static_assert(sizeof(OverlayHeader) == 512);
 static_assert(offsetof(OverlayHeader, Version) == 8);
 static_assert(offsetof(OverlayHeader, Block_Bytes) == 12);

@@ -250,7 +250,33 @@ def transport_frames():
     seed("transport_frames", "disks", step(0x13, datagram(answer)))
 
 
-for make in (boot_transfer, receive, server, exchange, negotiation, boot_record, status_poll, images, nbd, boot_program,
+def fleet_input():
+    config = b"""[server]
+listen = "0.0.0.0:8520"
+advertise = "10.0.0.2"
+state = "/s"
+allow = ["10.0.0.0/24"]
+http = "10.0.0.2:8521"
+[images.w]
+path = "w"
+[groups.g]
+disks = [{ image = "w", at_boot = "keep", sync = "interval", id = "51520009" }, { image = "w", mode = "readonly" }]
+[workstations.p]
+hardware = "52:54:00:12:34:56"
+group = "g"
+[unknown]
+policy = "group"
+group = "g"
+"""
+    seed("fleet_input", "config", b"\0", config)
+    for block_bytes in (512, 4096):
+        header = struct.pack("<8sIIQQQQ16s256s", b"QRNOVLAY", 1, block_bytes, 32768, 4096, 8192, 12288, bytes(16), b"w@1")
+        seed("fleet_input", f"overlay_{block_bytes}", b"\1", header.ljust(512, b"\0"))
+    for path in ("", "api", "metrics", "x"):
+        seed("fleet_input", f"web_{path or 'page'}", b"\2", f"GET /{path} HTTP/1.1\r\nHost: h\r\n\r\n".encode())
+
+
+for make in (fleet_input, boot_transfer, receive, server, exchange, negotiation, boot_record, status_poll, images, nbd, boot_program,
              transport_frames):
     make()
 driver_file(sys.argv[1:])

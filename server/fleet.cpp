@@ -370,11 +370,11 @@ std::string Fleet::flush_all(unsigned wait_ms)
     for (const auto& [name, lane] : lanes)
         outcome->waiting[name] = 0;
     for (const auto& [name, lane] : lanes)
-        lane->flush([outcome, name](int error) {
+        lane->flush([outcome, disk = name](int error) {
             std::lock_guard guard(outcome->lock);
-            outcome->waiting.erase(name);
+            outcome->waiting.erase(disk);
             if (error != 0)
-                outcome->failed[name] = error;
+                outcome->failed[disk] = error;
             outcome->changed.notify_all();
         });
     std::unique_lock lock(outcome->lock);

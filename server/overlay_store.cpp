@@ -17,15 +17,6 @@ namespace {
 
 constexpr std::uint64_t words_per_page = overlay_page_bytes / sizeof(std::uint64_t);
 
-std::uint32_t checksum(const OverlayHeader& header)
-{
-    std::uint32_t hash = 0x811C9DC5;
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&header);
-    for (std::size_t i = 0; i < offsetof(OverlayHeader, Checksum); ++i)
-        hash = (hash ^ bytes[i]) * 0x01000193;
-    return hash;
-}
-
 OverlayHeader make_header(const OverlayShape& shape, const Session& session)
 {
     OverlayHeader header{};
@@ -38,7 +29,7 @@ OverlayHeader make_header(const OverlayShape& shape, const Session& session)
     header.Data_Offset.set(shape.data_offset());
     std::ranges::copy(session, header.Session);
     std::copy_n(shape.base.begin(), std::min(shape.base.size(), sizeof header.Base - 1), header.Base);
-    header.Checksum.set(checksum(header));
+    header.Checksum.set(formats::overlay_checksum(header));
     return header;
 }
 
@@ -58,7 +49,7 @@ OverlayHeader read_header(BlockStore& file)
     if (file.size_bytes() < overlay_page_bytes || !file.read(0, bytes_of(header)) ||
         std::memcmp(header.Signature, formats::overlay_signature, sizeof header.Signature) != 0)
         refuse("is no overlay");
-    if (header.Checksum.get() != checksum(header))
+    if (header.Checksum.get() != formats::overlay_checksum(header))
         refuse("the header of the overlay is damaged");
     if (header.Version.get() != formats::overlay_version)
         refuse(fmt::format("is an overlay of version {}, and this is version {}", header.Version.get(),
