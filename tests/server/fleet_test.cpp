@@ -81,9 +81,22 @@ public:
     }
 };
 
+unsigned flushes = 0;  // of all images
+
+class CountedStore : public server::StoreAround {
+public:
+    using StoreAround::StoreAround;
+    bool flush() override
+    {
+        ++flushes;
+        return StoreAround::flush();
+    }
+};
+
 std::shared_ptr<server::BlockStore> open_for_test(const std::string& path, bool readonly)
 {
-    std::shared_ptr<server::BlockStore> file = server::open_file_store(path, readonly);
+    std::shared_ptr<server::BlockStore> file =
+        std::make_shared<CountedStore>(server::open_file_store(path, readonly));
     return path.ends_with("slow") ? std::make_shared<SlowStore>(file) : file;
 }
 
@@ -126,7 +139,7 @@ struct Room {
 
     static constexpr std::size_t image_bytes = 256 * 1024;
     const ScratchFolder folder;
-    const std::string text;
+    std::string text;
     std::uint64_t now_ms = 1000;
     Network network;
     WorkPool pool;
@@ -352,6 +365,59 @@ TEST(A_fleet, Suffers_from_a_store_that_hangs_only_where_that_is_used)
             pcs[i].collect(hanging[i]);
             return hanging[i].complete();
         }));
+}
+
+TEST(A_fleet, Flushes_as_each_disk_is_said_to_be_synced)
+{
+    const struct {
+        const char* sync;
+        unsigned after_writes, after_seconds, after_shutdown;
+    } cases[] = {{"none", 0, 0, 1}, {"interval", 0, 1, 2}, {"always", 3, 3, 4}};
+    for (const auto& [sync, after_writes, after_seconds, after_shutdown] : cases) {
+        SCOPED_TRACE(sync);
+        Room room(std::string("{ image = \"golden\", mode = \"exclusive\", sync = \"") + sync + "\" }");
+        Pc pc(room, 0);
+        pc.boot(1);
+        room.fleet->tick();
+        room.pool.run_all();
+        flushes = 0;
+        for (std::uint64_t sector = 0; sector < 3; ++sector)
+            ASSERT_TRUE(pc.write(sector, 512, sector));
+        EXPECT_EQ(flushes, after_writes);
+        for (unsigned second = 0; second < 12; ++second, room.now_ms += 1000) {
+            room.fleet->tick();
+            room.pool.run_all();
+        }
+        EXPECT_EQ(flushes, after_seconds) << "and none when nothing was written";
+        ASSERT_TRUE(pc.write(5, 512, 5));
+        flushes = after_seconds;
+        pc.shut_down();
+        EXPECT_EQ(flushes, after_shutdown);
+    }
+}
+
+TEST(A_fleet, Lets_an_unknown_workstation_in_when_the_administrator_says_so)
+{
+    Room room("{ image = \"golden\" }", 0, "");
+    std::string waiting = room.text;
+    waiting.replace(waiting.find("policy = \"group\""), 16, "policy = \"wait\"");
+    room.text = waiting;
+    room.open();
+    Pc pc(room, 3);
+    const auto refused = pc.boot(1);
+    EXPECT_EQ(refused.Kind, formats::boot_kind_refusal);
+    EXPECT_STREQ(refused.Text, "pc-020000000003 waits for the administrator's approval");
+    EXPECT_EQ(room.command("list")["workstations"][0]["state"], "waits for approval");
+    room.open();
+    EXPECT_FALSE(room.command("add", {{"name", "desk"}, {"hardware", "02:00:00:00:00:03"}, {"group", "g"}})
+                     .contains("error"));
+    EXPECT_EQ(pc.boot(2).Kind, formats::boot_kind_answer);
+    ASSERT_NO_FATAL_FAILURE(pc.expect_own_content());
+    EXPECT_EQ(room.command("show", {{"name", "02:00:00:00:00:03"}})["name"], "desk");
+    EXPECT_TRUE(room.command("remove", {{"name", "desk"}}).contains("error")) << "it runs";
+    pc.shut_down();
+    EXPECT_FALSE(room.command("remove", {{"name", "desk"}}).contains("error"));
+    EXPECT_TRUE(std::filesystem::is_empty(room.folder / "state/overlays"));
 }
 
 TEST(A_fleet, Commands_that_make_no_sense_are_refused_with_the_reason)
