@@ -91,8 +91,10 @@ FleetServer::FleetServer(const std::string& config_path)
     fleet_.emplace(config_, config_path_, self, *pool_, open_disk_store, now_ms);
     if (!config_.control.empty())
         control_.emplace(config_.control, [this](const std::string& line) { return answer(line); });
-    if (config_.http)
+    if (config_.http) {
         web_.emplace(*config_.http, [this] { return fleet_->status(); });
+        log(LogLevel::notice, fmt::format("the page is at http://{}/", to_text(web_->address())));
+    }
 }
 
 std::string FleetServer::answer(const std::string& line)

@@ -183,19 +183,22 @@ std::string answer_with(const char* outcome, const char* type, const std::string
         outcome, type, body.size(), with_body ? body : "");
 }
 
-int listen_at(const formats::ServerRecord& address)
+// Port 0: one that is free, and told by then.
+int listen_at(formats::ServerRecord& address)
 {
     const int file = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in to_bind = formats::socket_address(address);
+    sockaddr_in to_bind = formats::socket_address(address);
+    socklen_t length = sizeof to_bind;
     const int on = 1;
     if (file >= 0)
         setsockopt(file, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (file < 0 || bind(file, reinterpret_cast<const sockaddr*>(&to_bind), sizeof to_bind) != 0 ||
-        listen(file, 16) != 0) {
+        listen(file, 16) != 0 || getsockname(file, reinterpret_cast<sockaddr*>(&to_bind), &length) != 0) {
         const int error = errno;
         close(file);
         throw std::system_error(error, std::generic_category(), "http " + to_text(address));
     }
+    address = formats::record_of(to_bind);
     return file;
 }
 
@@ -226,7 +229,7 @@ std::string web_answer(std::string_view request, const std::function<Json()>& st
 
 WebPage::WebPage(const formats::ServerRecord& address, std::function<Json()> status)
     : address_(address), status_(std::move(status)),
-      server_(listen_at(address), [this](int client) { serve(client); })
+      server_(listen_at(address_), [this](int client) { serve(client); })
 {
 }
 

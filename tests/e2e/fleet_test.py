@@ -113,6 +113,27 @@ allow = ["127.0.0.0/8"]
         report = json.loads(check.stdout)
         self.assertEqual(report["blocks_flushed"], report["blocks_live"], "an orderly end leaves nothing to lose")
 
+    def test_A_server_that_is_killed_under_load_loses_no_answered_write(self):
+        self.golden()
+        text = self.config('{ image = "golden", at_boot = "keep" }')
+        server = FleetServer(self, text)
+        stations = [FleetStation(self, server, f"pc{n}") for n in range(self.STATIONS)]
+        sources = [self.random_disk(f"source{n}", 8, seed=10 + n) for n in range(self.STATIONS)]
+        # Two seconds of writing, so that every life of the server sees some of it.
+        writers = [self.start_client("nbdkit", "-U", "-", "--filter=rate", "file", source, "rate=32M", "burstiness=0.1",
+                                     "--run", f'nbdcopy --flush "$uri" "{station.uri()}"')
+                   for source, station in zip(sources, stations)]
+        for life in range(2):
+            written = lambda: sum(one["disks"][0]["written_bytes"] for one in server.ctl("list")["workstations"])
+            self.wait_until(lambda: written() > MB, "writing is under way")
+            server.kill()
+            server = FleetServer(self, text.replace("127.0.0.1:0", f"127.0.0.1:{server.port}"), name=f"life{life}")
+        for writer in writers:
+            self.finish_client(writer)
+        for source, station in zip(sources, stations):
+            with open(source, "rb") as file:
+                self.assertEqual(self.read(station), file.read())
+
     def test_What_one_wrote_is_committed_rolled_back_reset_and_forgotten_at_boot(self):
         golden = self.golden()
         server = FleetServer(self, self.config('{ image = "golden" }'))
@@ -246,18 +267,16 @@ allow = ["127.0.0.0/8"]
 
     def test_A_page_shows_what_is_there_and_the_service_manager_hears_of_it(self):
         self.golden()
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            port = probe.getsockname()[1]
         manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.addCleanup(manager.close)
         manager.bind(self.path("notify"))
         manager.settimeout(20)
         os.environ["NOTIFY_SOCKET"], os.environ["WATCHDOG_USEC"] = self.path("notify"), "600000"
         try:
-            server = FleetServer(self, self.config('{ image = "golden" }', more=f'http = "127.0.0.1:{port}"'))
+            server = FleetServer(self, self.config('{ image = "golden" }', more='http = "127.0.0.1:0"'))
         finally:
             del os.environ["NOTIFY_SOCKET"], os.environ["WATCHDOG_USEC"]
+        port = int(server.output().split("the page is at http://127.0.0.1:")[1].split("/")[0])
         self.assertEqual(manager.recv(100), b"READY=1")
         self.assertEqual(manager.recv(100), b"WATCHDOG=1")
         FleetStation(self, server, "pc1")
