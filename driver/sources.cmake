@@ -41,6 +41,7 @@ set(QRN_DRIVER_SOURCES
     engine/worker.cpp
     engine/local_cache.cpp
     engine/chunk.cpp
+    engine/slots.cpp
     engine/route.cpp
     engine/image_route.cpp
     engine/status_poll.cpp

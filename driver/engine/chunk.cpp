@@ -2,6 +2,7 @@
 #include "driver/engine/chunk.h"
 
 #include "driver/engine/route.h"
+#include "driver/engine/slots.h"
 #include "driver/kernel/bytes.h"
 #include "driver/kernel/locks.h"
 #include "driver/net/exchange.h"
@@ -11,7 +12,6 @@
 #include "driver/request/holds.h"
 #include "driver/request/queues.h"
 #include "driver/request/request.h"
-#include "driver/state/local_boot.h"
 
 // Header bytes that a record brings to every worker that runs a chunk of it: all but the worker's own
 // Worker_Byte and the chunk's Pkt_Index.
@@ -25,55 +25,6 @@ static void Restore_Setup(RW_Entry* pEntry, const RW_Req* pReq)
     pEntry->Setup = pReq->Setup.Pkt;
     RtlCopyMemory(&pEntry->Hdr, pHdr, Hdr_Tagged_Bytes);
     RtlCopyMemory(pEntry->Hdr.Disk_Parm, pHdr->Disk_Parm, sizeof pHdr->Disk_Parm);
-}
-
-// Active_Lock: chunks with a slot on a workstation with local images, whose requests must not wait for the
-// network behind those that do.
-static LONG Slots_Held;
-
-// What the local images hold, and the first look at a server's image, go on without a slot.
-static bool Needs_Slot(const RW_Req* pReq)
-{
-    if (!pReq->pSrb)
-        return (pReq->Status & Req_Brief) == 0;
-    return !Images_Take_Part() || pReq->Setup.Past_Images != 0;
-}
-
-static bool Slot_Free(ULONG Lun)
-{
-    return Lun_Stats[Lun].Free_Slots > 0 &&
-           (!Images_Take_Part() || RW_Count < 2 || Slots_Held < RW_Count - 1);
-}
-
-static void Take_Slot(RW_Entry* pEntry, ULONG Lun)
-{
-    InterlockedDecrement(&Lun_Stats[Lun].Free_Slots);
-    ++Slots_Held;
-    pEntry->Has_Slot = true;
-}
-
-static void Give_Slot(RW_Entry* pEntry)
-{
-    if (!pEntry->Has_Slot)
-        return;
-    Spin_Guard Guard(Active_Lock);
-    InterlockedIncrement(&Lun_Stats[pEntry->Lun].Free_Slots);
-    --Slots_Held;
-    pEntry->Has_Slot = false;
-}
-
-bool Chunk_Goes_Past_Images(RW_Entry* pEntry, RW_Req* pReq)
-{
-    if (pEntry->Has_Slot)
-        return true;
-    Spin_Guard Guard(Active_Lock);
-    pReq->Setup.Past_Images = 1;
-    if (!Slot_Free(pEntry->Lun)) {
-        pEntry->Hold = Hold_Kind::Let_Go;
-        return false;
-    }
-    Take_Slot(pEntry, pEntry->Lun);
-    return true;
 }
 
 // The first record that can go on. An internal record waits until nothing stands behind it.

@@ -21,13 +21,9 @@ struct Chunk {
     Left Rest;
 };
 
-// Picks the next chunk of the first admitted record that may run, and is not of the disk numbered Not_Lun (-1:
-// of any), and sets the entry up for it. False when there is none.
+// Picks the next chunk of the first admitted record that may run, and is not of the disk numbered Not_Lun
+// (-1: of any), and sets the entry up for it. False when there is none.
 bool Chunk_Pick(RW_Entry* pEntry, Chunk& Picked, LONG Not_Lun);
-
-// The chunk in progress needs more than the local images hold, and so a slot. False: there is none, and the
-// chunk is to be run again when there is.
-bool Chunk_Goes_Past_Images(RW_Entry* pEntry, RW_Req* pReq);
 
 // Runs a picked chunk to its end; the worker that ends a record's last chunk completes the record. A chunk
 // whose worker other disks need goes back to its record and is picked again later.

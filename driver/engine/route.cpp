@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "driver/engine/route.h"
 
-#include "driver/engine/chunk.h"
 #include "driver/engine/image_route.h"
+#include "driver/engine/slots.h"
 #include "driver/net/exchange.h"
 #include "driver/net/packet.h"
 #include "driver/request/request.h"
@@ -52,7 +52,7 @@ LONG Route_Piece(RW_Entry* pEntry, RW_Req* pReq, LONG Left)
     LONG Done = Images ? Img_Route(pEntry, pReq, Left) : -Left;
     if (Done > 0)
         return Done;
-    if (Images && !Chunk_Goes_Past_Images(pEntry, pReq))
+    if (Images && !Slot_Past_Images(pEntry, pReq))
         return Left;
     if (pEntry->Setup.pMC_Write)
         Done = Route_Cache(pEntry, pReq, -Done);
