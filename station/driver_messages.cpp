@@ -5,23 +5,26 @@
 
 namespace station {
 
-void follow_driver_message(const std::string& text, AllLunStatistics& luns)
+void DriverMessages::follow(const std::string& text, const void* thread)
 {
-    thread_local unsigned last_lun = formats::disk_count_max;
-
+    std::lock_guard guard(lock_);
     unsigned worker, lun;
     if (std::sscanf(text.c_str(), "\nQRN SCSI: Time Out: %x %u", &worker, &lun) == 2) {
-        last_lun = lun;
-        if (lun < luns.size())
-            ++luns[lun].time_outs;
+        if (lun >= luns_.size()) {
+            last_lun_.erase(thread);
+            return;
+        }
+        last_lun_[thread] = lun;
+        ++luns_[lun].time_outs;
         return;
     }
-    if (last_lun >= luns.size())
+    const auto last = last_lun_.find(thread);
+    if (last == last_lun_.end())
         return;
     if (text.find("Main Server Error, Try Use Slave") != std::string::npos)
-        luns[last_lun].server = LunStatistics::Server::slave;
+        luns_[last->second].server = LunStatistics::Server::slave;
     else if (text.find("Slave Server Error") != std::string::npos)
-        luns[last_lun].server = LunStatistics::Server::main_alone;
+        luns_[last->second].server = LunStatistics::Server::main_alone;
 }
 
 }  // namespace station

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <array>
+#include <map>
+#include <mutex>
 #include <string>
 
 #include "formats/boot_block.h"
@@ -14,8 +16,18 @@ namespace station {
 
 using AllLunStatistics = std::array<LunStatistics, formats::disk_count_max>;
 
-// One message, in the thread that printed it: a change of servers is told right after the time-out
-// that led to it, without naming the disk again.
-void follow_driver_message(const std::string& text, AllLunStatistics& luns);
+class DriverMessages {
+public:
+    explicit DriverMessages(AllLunStatistics& luns) : luns_(luns) {}
+
+    // One message, of that kernel thread: a change of servers is told right after the time-out that led to
+    // it, without naming the disk again.
+    void follow(const std::string& text, const void* thread);
+
+private:
+    AllLunStatistics& luns_;
+    std::mutex lock_;
+    std::map<const void*, unsigned> last_lun_;  // that the thread named, of those that there are
+};
 
 }  // namespace station

@@ -99,7 +99,7 @@ Workstation::Workstation(const Options& options, StopSignal& stop)
     }
     machine_.log().set_sink(
         [this](const machine::DebugLog::Entry& entry) {
-            follow_driver_message(entry.text, luns_.statistics());
+            messages_.follow(entry.text, entry.thread);
             if (log_)
                 log_->write(entry.text);
         },

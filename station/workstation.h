@@ -56,6 +56,7 @@ private:
     machine::Machine machine_;
     BootLoader boot_loader_;
     ExportedLuns luns_;
+    DriverMessages messages_{luns_.statistics()};
     NbdServer server_;
     std::optional<Figures> figures_;
     std::optional<ServerRoll> servers_;

@@ -66,7 +66,7 @@ HostedDisk::HostedDisk(std::shared_ptr<DiskState> state) : state_(std::move(stat
         return;
     queue_ = std::make_shared<WorkQueue>(state_);
     for (unsigned index = 0; index < state_->options.workers; ++index)
-        scheduler().spawn("local disk " + std::to_string(index), [queue = queue_] { work(*queue); });
+        scheduler().spawn_for_host("local disk " + std::to_string(index), [queue = queue_] { work(*queue); });
 }
 
 NTSTATUS HostedDisk::start(const DiskRequest& request)

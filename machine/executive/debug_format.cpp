@@ -310,6 +310,6 @@ extern "C" ULONG __cdecl DbgPrint(PCSTR format, ...)
     std::string text = format_debug_text(format, arguments);
     va_end(arguments);
     wake_waiters();  // whoever reads the messages may not be there
-    executive().log.append(scheduler().now(), std::move(text));
+    executive().log.append(scheduler().now(), &self(), std::move(text));
     return STATUS_SUCCESS;
 }

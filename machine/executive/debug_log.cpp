@@ -5,9 +5,9 @@
 
 namespace machine {
 
-void DebugLog::append(Ticks time, std::string text)
+void DebugLog::append(Ticks time, const void* thread, std::string text)
 {
-    Entry entry{time, std::move(text)};
+    Entry entry{time, thread, std::move(text)};
     std::function<void(const Entry&)> sink;
     {
         std::lock_guard guard(lock_);

@@ -15,10 +15,11 @@ class DebugLog {
 public:
     struct Entry {
         Ticks time;
-        std::string text;  // one DbgPrint call, formatted, as printed (it begins with "\n")
+        const void* thread;  // tells the threads apart that print
+        std::string text;    // one DbgPrint call, formatted, as printed (it begins with "\n")
     };
 
-    void append(Ticks time, std::string text);
+    void append(Ticks time, const void* thread, std::string text);
 
     std::vector<Entry> entries() const;
     // Entries whose text contains the given piece.

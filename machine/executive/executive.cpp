@@ -61,7 +61,7 @@ std::int64_t boot_time_of(const ExecutiveConfig& config)
 ExecutiveState::ExecutiveState(const ExecutiveConfig& executive_config)
     : config(executive_config),
       scheduler(config.scheduler == SchedulerKind::real
-                    ? make_real_scheduler(kernel_entry())
+                    ? make_real_scheduler(config.host_processors, kernel_entry())
                     : make_simulated_scheduler(config.seed, config.processors, kernel_entry())),
       boot_time(boot_time_of(config)), memory(memory_layout(config)), page_lists(memory, config.strict),
       faults(config.seed), ports(config.reset_ports_work),

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <utility>
 #include <vector>
@@ -62,6 +63,8 @@ constexpr bool frames_are_small = true;
 constexpr std::uint8_t paint = 0xC7;
 constexpr std::size_t cached_stacks_max = 64;
 
+std::mutex stack_cache_lock;
+
 // Stacks that fibers gave back. A campaign makes thousands of machines one after another.
 std::vector<std::uint8_t*>& stack_cache()
 {
@@ -71,11 +74,14 @@ std::vector<std::uint8_t*>& stack_cache()
 
 std::uint8_t* take_stack()
 {
-    auto& cache = stack_cache();
-    if (!cache.empty()) {
-        std::uint8_t* stack = cache.back();
-        cache.pop_back();
-        return stack;
+    {
+        std::lock_guard guard(stack_cache_lock);
+        auto& cache = stack_cache();
+        if (!cache.empty()) {
+            std::uint8_t* stack = cache.back();
+            cache.pop_back();
+            return stack;
+        }
     }
     void* memory = mmap(nullptr, stack_bytes + page_bytes, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
@@ -90,6 +96,7 @@ void give_stack_back(std::uint8_t* stack)
 #if defined(__SANITIZE_ADDRESS__)
     __asan_unpoison_memory_region(stack + page_bytes, stack_bytes);
 #endif
+    std::lock_guard guard(stack_cache_lock);
     auto& cache = stack_cache();
     if (cache.size() < cached_stacks_max)
         cache.push_back(stack);
@@ -97,8 +104,18 @@ void give_stack_back(std::uint8_t* stack)
         munmap(stack, stack_bytes + page_bytes);
 }
 
-Fiber* switched_from = nullptr;
-Fiber* switched_to = nullptr;
+struct Switch {
+    Fiber* from = nullptr;
+    Fiber* to = nullptr;
+};
+thread_local Switch last_switch;
+
+// Of the calling host thread. Not inlined: behind a switch that may be another one than before it.
+[[gnu::noinline]] Switch& own_last_switch()
+{
+    asm volatile("");
+    return last_switch;
+}
 
 }  // namespace
 
@@ -150,14 +167,13 @@ void Fiber::switch_over(Fiber& from, Fiber& to)
     auto* live = reinterpret_cast<ExceptionState*>(abi::__cxa_get_globals());
     from.exceptions_ = *live;
     *live = to.exceptions_;
-    switched_from = &from;
-    switched_to = &to;
+    own_last_switch() = {&from, &to};
 #if defined(__SANITIZE_ADDRESS__)
     __sanitizer_start_switch_fiber(&from.sanitizer_state_, to.bottom_, to.bytes_);
 #endif
     machine_switch_stack(&from.stack_pointer_, to.stack_pointer_);
 #if defined(__SANITIZE_ADDRESS__)
-    Fiber& left = *switched_from;
+    Fiber& left = *own_last_switch().from;
     __sanitizer_finish_switch_fiber(from.sanitizer_state_, &left.bottom_, &left.bytes_);
 #endif
 }
@@ -165,10 +181,10 @@ void Fiber::switch_over(Fiber& from, Fiber& to)
 void Fiber::enter()
 {
 #if defined(__SANITIZE_ADDRESS__)
-    Fiber& left = *switched_from;
+    Fiber& left = *own_last_switch().from;
     __sanitizer_finish_switch_fiber(nullptr, &left.bottom_, &left.bytes_);
 #endif
-    Fiber& fiber = *switched_to;
+    Fiber& fiber = *own_last_switch().to;
     fiber.entry_(fiber.argument_);
     __builtin_trap();
 }

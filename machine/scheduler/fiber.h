@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// One fiber: a stack of its own and the switch between two of them, on one host thread. Used by the
-// simulated scheduler only.
+// One fiber: a stack of its own and the switch between two of them. It may go on on another host thread than
+// the one on which it was left, unless that one has not yet arrived on its next stack.
 #pragma once
 
 #include <cstddef>

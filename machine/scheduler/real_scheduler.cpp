@@ -37,11 +37,14 @@ struct RealScheduler::Run {
 
 thread_local RealScheduler::Adoption RealScheduler::adoption_;
 
-RealScheduler::RealScheduler(KernelEntry& entry)
+RealScheduler::RealScheduler(unsigned processors, KernelEntry& entry)
     : KernelScheduler(false, entry), origin_ns_(monotonic_ns()), timers_(*this, origin_ns_)
 {
     if (active_scheduler.exchange(this))
         violation("a second machine was started before the first one was destroyed");
+    if (processors != 0)
+        processors_ =
+            std::make_unique<Processors>(*this, dispatcher_, off_, hooks_, std::max(processors, 2u));
 }
 
 void RealScheduler::retire()
@@ -53,18 +56,33 @@ void RealScheduler::retire()
 
 Thread& RealScheduler::spawn(std::string name, std::function<void()> body)
 {
-    return start(std::move(name), std::move(body));
+    RealThread& thread = add(std::move(name), std::move(body));
+    if (processors_)
+        processors_->start(thread);
+    else
+        start(thread);
+    return thread;
 }
 
-RealScheduler::RealThread& RealScheduler::start(std::string name, std::function<void()> body)
+Thread& RealScheduler::spawn_for_host(std::string name, std::function<void()> body)
+{
+    RealThread& thread = add(std::move(name), std::move(body));
+    start(thread);
+    return thread;
+}
+
+RealThread& RealScheduler::add(std::string name, std::function<void()> body)
 {
     auto owned = std::make_unique<RealThread>(Thread::Kind::spawned, std::move(name), this);
     RealThread& thread = *owned;
     thread.body = std::move(body);
-    {
-        std::lock_guard guard(threads_lock_);
-        threads_.push_back(std::move(owned));
-    }
+    std::lock_guard guard(threads_lock_);
+    threads_.push_back(std::move(owned));
+    return thread;
+}
+
+void RealScheduler::start(RealThread& thread)
+{
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, stack_bytes);
@@ -76,14 +94,14 @@ RealScheduler::RealThread& RealScheduler::start(std::string name, std::function<
         thread.gone = true;
         throw std::system_error(error, std::generic_category(), "cannot start a host thread");
     }
-    return thread;
 }
 
 void* RealScheduler::host_thread_main(void* argument)
 {
     auto& thread = *static_cast<RealThread*>(argument);
     this_thread = &thread;
-    thread.owner.load()->entry().run_thread(thread, thread.body);
+    if (KernelScheduler* const owner = thread.owner)  // null: the machine is off already
+        owner->entry().run_thread(thread, thread.body);
     thread.body = nullptr;
     this_thread = nullptr;
     thread.gone = true;
@@ -128,27 +146,32 @@ void RealScheduler::lock_dispatcher()
 void RealScheduler::unlock_dispatcher()
 {
     const std::size_t count = to_wake_count_;
-    if (count == 0) {
+    const bool kicks = processors_ && processors_->kick_due();
+    if (count == 0 && !kicks) {
         dispatcher_.unlock();
         return;
     }
+    Processors::Kick kick = kicks ? processors_->take_kick() : Processors::Kick(nullptr);
     std::array<RealThread*, 16> threads;
     std::copy_n(to_wake_.begin(), count, threads.begin());
     to_wake_count_ = 0;
     dispatcher_.unlock();
     for (std::size_t index = 0; index < count; ++index)
         signal(*threads[index]);
+    kick.give();
 }
 
 void RealScheduler::signal(RealThread& thread)
 {
-    if (thread.sleep.exchange(woken, std::memory_order_acq_rel) == asleep)
+    if (thread.sleep.exchange(RealThread::woken, std::memory_order_acq_rel) == RealThread::asleep)
         futex_wake_one(thread.sleep);
 }
 
 void RealScheduler::wake(Thread& sleeper)
 {
     auto& thread = static_cast<RealThread&>(sleeper);
+    if (thread.fiber)
+        return processors_->wake(thread);
     thread.wake_requested = true;
     if (to_wake_count_ < to_wake_.size())
         to_wake_[to_wake_count_++] = &thread;
@@ -164,31 +187,69 @@ bool RealScheduler::block(Ticks deadline)
     }
     auto& thread = static_cast<RealThread&>(*this_thread);
     thread.wake_requested = false;
-    thread.sleep.store(awake, std::memory_order_relaxed);
+    thread.sleep.store(RealThread::awake, std::memory_order_relaxed);
     unlock_dispatcher();
     for (const auto& hook : hooks_)
         hook();
+    if (thread.fiber)
+        return block_fiber(thread, deadline);
     thread.blocked.store(true, std::memory_order_release);
 
     const std::int64_t until_ns =
         deadline >= never / 100 ? -1 : std::max<std::int64_t>(0, origin_ns_ + deadline * 100);
     for (;;) {
-        std::int32_t state = awake;
-        if (thread.sleep.compare_exchange_strong(state, asleep, std::memory_order_acq_rel))
-            futex_wait(thread.sleep, asleep, until_ns);
-        dispatcher_.lock();
-        if (off_.load(std::memory_order_relaxed)) {
-            dispatcher_.unlock();
-            park();
-        }
+        std::int32_t state = RealThread::awake;
+        if (thread.sleep.compare_exchange_strong(state, RealThread::asleep, std::memory_order_acq_rel))
+            futex_wait(thread.sleep, RealThread::asleep, until_ns);
+        take_dispatcher();
         if (thread.wake_requested || (until_ns >= 0 && now() >= deadline)) {
             thread.blocked.store(false, std::memory_order_relaxed);
             return thread.wake_requested;
         }
         // A late signal of an earlier wait, or an early return of the host.
-        thread.sleep.store(awake, std::memory_order_relaxed);
+        thread.sleep.store(RealThread::awake, std::memory_order_relaxed);
         unlock_dispatcher();
     }
+}
+
+// Once the machine is off, it does not return.
+void RealScheduler::take_dispatcher()
+{
+    dispatcher_.lock();
+    if (off_.load(std::memory_order_relaxed)) {
+        dispatcher_.unlock();
+        park();
+    }
+}
+
+bool RealScheduler::block_fiber(RealThread& thread, Ticks deadline)
+{
+    take_dispatcher();
+    if (!thread.wake_requested) {
+        processors_->wait(thread, deadline);
+        if (off_.load(std::memory_order_relaxed)) {
+            dispatcher_.unlock();
+            park();
+        }
+    }
+    return thread.wake_requested;
+}
+
+bool RealScheduler::wait_readable(int descriptor)
+{
+    auto& thread = static_cast<RealThread&>(self());
+    if (!thread.fiber)
+        return false;
+    for (const auto& hook : hooks_)
+        hook();
+    take_dispatcher();
+    processors_->wait_readable(thread, descriptor);
+    if (off_.load(std::memory_order_relaxed)) {
+        dispatcher_.unlock();
+        park();
+    }
+    unlock_dispatcher();
+    return true;
 }
 
 void RealScheduler::spin()
@@ -225,7 +286,7 @@ bool RealScheduler::run(std::function<void()> body)
             return false;
         runs_.push_back(end);
     }
-    start("run", [end, body = std::move(body)] {
+    spawn_for_host("run", [end, body = std::move(body)] {
         std::exception_ptr failure;
         try {
             body();
@@ -270,6 +331,8 @@ void RealScheduler::switch_off()
             run->end(&Run::machine_off);
     }
     timers_.stop();
+    if (processors_)
+        processors_->stop();
     if (caller.kind == Thread::Kind::adopted)
         wait_until_quiet();
 }
@@ -291,10 +354,10 @@ void RealScheduler::wait_until_quiet()
     }
 }
 
-OwnedScheduler make_real_scheduler(KernelEntry& entry)
+OwnedScheduler make_real_scheduler(unsigned processors, KernelEntry& entry)
 {
     static auto& kept = *new std::vector<RealScheduler*>;  // where leak checkers find them
-    return OwnedScheduler(kept.emplace_back(new RealScheduler(entry)));
+    return OwnedScheduler(kept.emplace_back(new RealScheduler(processors, entry)));
 }
 
 }  // namespace machine

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
-// The real scheduler: kernel threads are host threads, in parallel on the wall clock. The dispatcher
-// lock is one short lock; a thread sleeps on a futex of its own and is woken after that lock was
-// released.
+// The real scheduler: kernel threads run in parallel on the wall clock. Each is a host thread, or most of
+// them are fibers of a few host threads, the machine's processors (Processors); then only those that wait for
+// the host, and those that call in from it, are host threads. The dispatcher lock is one short lock; a host
+// thread sleeps on a futex of its own and is woken after that lock was released.
 //
 // No other lock is taken under the dispatcher lock.
 //
@@ -17,23 +18,26 @@
 
 #include "machine/scheduler/futex.h"
 #include "machine/scheduler/kernel_scheduler.h"
+#include "machine/scheduler/processors.h"
+#include "machine/scheduler/real_thread.h"
 #include "machine/scheduler/timer_thread.h"
 
 namespace machine {
 
 class RealScheduler final : public KernelScheduler {
 public:
-    explicit RealScheduler(KernelEntry& entry);
+    RealScheduler(unsigned processors, KernelEntry& entry);
 
     bool simulated() const override { return false; }
     Ticks now() override { return (monotonic_ns() - origin_ns_) / 100; }
     Thread& spawn(std::string name, std::function<void()> body) override;
+    Thread& spawn_for_host(std::string name, std::function<void()> body) override;
     Thread* current() override { return &self(); }
     Thread& context() override;
     void lock_dispatcher() override;
     void unlock_dispatcher() override;
     bool block(Ticks deadline) override;
-    bool defers_wakes() const override { return true; }
+    bool defers_wakes() const override { return !processors_; }
     std::uint64_t cycles() override { return __builtin_ia32_rdtsc(); }
     void wake(Thread& thread) override;
     void preempt() override {}
@@ -41,22 +45,12 @@ public:
     TimerId call_at(Ticks when, std::function<void()> callback) override;
     bool cancel(TimerId id) override;
     void add_block_hook(std::function<void()> hook) override;
+    bool wait_readable(int descriptor) override;
     bool run(std::function<void()> body) override;
     void switch_off() override;
     void retire() override;
 
 private:
-    enum Sleep : std::int32_t { awake = 0, woken = 1, asleep = -1 };
-
-    struct RealThread : Thread {
-        using Thread::Thread;
-        bool wake_requested = false;  // dispatcher lock
-        std::atomic<std::int32_t> sleep = awake;
-        // Between the block hooks and the return under the dispatcher lock.
-        std::atomic<bool> blocked = false;
-        std::function<void()> body;
-    };
-
     struct Adoption {  // a host thread's membership, given back when it ends
         RealThread* thread = nullptr;
         RealScheduler* scheduler = nullptr;
@@ -70,7 +64,10 @@ private:
     static void signal(RealThread& thread);
     [[noreturn]] void park();
     void wait_until_quiet();
-    RealThread& start(std::string name, std::function<void()> body);
+    RealThread& add(std::string name, std::function<void()> body);
+    bool block_fiber(RealThread& thread, Ticks deadline);
+    void take_dispatcher();
+    void start(RealThread& thread);
 
     static thread_local Adoption adoption_;
 
@@ -89,6 +86,7 @@ private:
 
     TimerThread timers_;
     std::vector<std::function<void()>> hooks_;  // filled before threads run
+    std::unique_ptr<Processors> processors_;    // null: every thread is a host thread
 };
 
 }  // namespace machine

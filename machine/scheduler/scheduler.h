@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Threads and time of the machine. Two implementations stand behind this interface:
 //
-//   real       kernel threads are host threads and run in parallel on the wall clock;
+//   real       kernel threads are host threads, or fibers of a few, and run in parallel on the wall clock;
 //   simulated  one fiber at a time, a virtual clock that jumps to the next deadline, and the next
 //              thread drawn from a seed at every preemption point. A seed replays a run exactly.
 //
@@ -38,6 +38,13 @@ public:
     // still run are dropped where they stand and never resume; their stacks are not unwound.
     virtual Thread& spawn(std::string name, std::function<void()> body) = 0;
 
+    // The same for a thread that waits for the host, for its disk, say, or for other programs: on the real
+    // scheduler it has a host thread of its own.
+    virtual Thread& spawn_for_host(std::string name, std::function<void()> body)
+    {
+        return spawn(std::move(name), std::move(body));
+    }
+
     // The calling thread. On the real scheduler a host thread that calls for the first time (a test,
     // a network client's thread) becomes a kernel thread by this; on the simulated one it is null
     // outside every fiber, that is inside a timer callback.
@@ -68,6 +75,11 @@ public:
     // the thread leaves now, such as packets waiting to be sent in one system call.
     virtual void add_block_hook(std::function<void()> hook) = 0;
 
+    // Waits until the descriptor may have something to read; the caller has read all that there was, and goes
+    // on to read again. The descriptor stays open as long as the machine is on. Returns false at once where
+    // the thread can as well wait in the host itself.
+    virtual bool wait_readable([[maybe_unused]] int descriptor) { return false; }
+
     // Runs body as a thread and returns when it has ended or nothing can ever run again. On the
     // simulated scheduler this call is what drives all fibers. Returns false when body did not end:
     // every thread is blocked for ever and no timer is set (simulated only), or the machine stopped.
@@ -96,7 +108,9 @@ struct RetireScheduler {
 };
 using OwnedScheduler = std::unique_ptr<Scheduler, RetireScheduler>;
 
-OwnedScheduler make_real_scheduler(KernelEntry& entry);
+// processors: so many host threads run the kernel threads as fibers, at least two; 0: each kernel thread is a
+// host thread.
+OwnedScheduler make_real_scheduler(unsigned processors, KernelEntry& entry);
 OwnedScheduler make_simulated_scheduler(std::uint64_t seed, unsigned processors, KernelEntry& entry);
 
 }  // namespace machine

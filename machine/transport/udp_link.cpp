@@ -31,9 +31,10 @@ formats::ServerRecord record_of(const sockaddr_in& address)
 }  // namespace
 
 struct UdpLink::Parts {
-    explicit Parts(const std::string& local_address)
+    Parts(Scheduler& scheduler, const std::string& local_address)
         : socket(std::make_shared<UdpSocket>(local_address, receive_timeout)),
-          sender(std::make_shared<UdpSender>(socket)), receiver(std::make_shared<UdpReceiver>(socket))
+          sender(std::make_shared<UdpSender>(socket)),
+          receiver(std::make_shared<UdpReceiver>(scheduler, socket))
     {
     }
 
@@ -45,7 +46,7 @@ struct UdpLink::Parts {
 };
 
 UdpLink::UdpLink(Scheduler& scheduler, const std::string& local_address)
-    : parts_(std::make_unique<Parts>(local_address))
+    : parts_(std::make_unique<Parts>(scheduler, local_address))
 {
     scheduler.add_block_hook([sender = parts_->sender] { sender->flush(); });
 }

@@ -13,6 +13,7 @@
 #include <system_error>
 #include <utility>
 
+#include "machine/scheduler/scheduler.h"
 #include "machine/scheduler/violation.h"
 
 namespace machine {
@@ -43,8 +44,8 @@ struct UdpReceiver::Batch {
     }
 };
 
-UdpReceiver::UdpReceiver(std::shared_ptr<const UdpSocket> socket)
-    : socket_(std::move(socket)), batch_(std::make_unique<Batch>())
+UdpReceiver::UdpReceiver(Scheduler& scheduler, std::shared_ptr<const UdpSocket> socket)
+    : scheduler_(scheduler), socket_(std::move(socket)), batch_(std::make_unique<Batch>())
 {
     // Without receive offload packets simply come one to a buffer.
     const int on = 1;
@@ -137,9 +138,12 @@ bool UdpReceiver::wait()
     const unsigned prepared = prepare_batch();
     if (prepared == 0)
         violation("transport: the packets of " + std::to_string(buffer_count) + " buffers are not released");
-    const int count = stopped_ ? 0
-                               : recvmmsg(socket_->descriptor(), batch_->messages.data(), prepared,
-                                          MSG_WAITFORONE, nullptr);
+    int flags = MSG_DONTWAIT;
+    if (drained_ && !stopped_ && !scheduler_.wait_readable(socket_->descriptor()))
+        flags = MSG_WAITFORONE;
+    const int count =
+        stopped_ ? 0 : recvmmsg(socket_->descriptor(), batch_->messages.data(), prepared, flags, nullptr);
+    drained_ = count < static_cast<int>(prepared);
     calls_.fetch_add(1, std::memory_order_relaxed);
     accept_batch(count > 0 ? static_cast<unsigned>(count) : 0, prepared);
     return !stopped_;

@@ -21,9 +21,11 @@
 
 namespace machine {
 
+class Scheduler;
+
 class UdpReceiver {
 public:
-    explicit UdpReceiver(std::shared_ptr<const UdpSocket> socket);
+    UdpReceiver(Scheduler& scheduler, std::shared_ptr<const UdpSocket> socket);
     ~UdpReceiver();
 
     // The next packet that has arrived, with room for formats::poll_buffer_bytes; returns its length,
@@ -31,7 +33,8 @@ public:
     std::uint32_t next(void** packet);
     // Where the packet that next() gave last came from.
     const sockaddr_in& sender() const { return sender_; }
-    // Waits for packets, no longer than the socket's receive time-out. Returns false after stop().
+    // Waits for packets, where it waits in the host no longer than the socket's receive time-out. Returns
+    // false after stop().
     bool wait();
     void release(void* packet);
     void stop() { stopped_ = true; }
@@ -73,6 +76,7 @@ private:
     unsigned prepare_batch();
     void accept_batch(unsigned count, unsigned prepared);
 
+    Scheduler& scheduler_;
     const std::shared_ptr<const UdpSocket> socket_;
     std::atomic<bool> stopped_ = false;
     std::uint8_t* arena_ = nullptr;
@@ -83,6 +87,7 @@ private:
     std::unique_ptr<Batch> batch_;
     sockaddr_in sender_{};
     std::array<Arrived, batch_max> arrived_;
+    bool drained_ = false;  // nothing was left when packets were taken last
     unsigned arrived_count_ = 0, arrived_next_ = 0;
 
     std::mutex free_lock_;  // guards the two free lists

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include <pthread.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -12,9 +15,17 @@
 namespace machine::test {
 namespace {
 
-constexpr MachineConfig real{{.scheduler = SchedulerKind::real}};
+// On host threads, and as fibers of two processors.
+class Real_scheduler : public testing::TestWithParam<unsigned> {
+protected:
+    const MachineConfig real{{.scheduler = SchedulerKind::real, .host_processors = GetParam()}};
+};
+using Real_schedulerDeathTest = Real_scheduler;
 
-TEST(Real_scheduler, Eight_threads_pass_items_through_a_queue_and_none_is_lost)
+INSTANTIATE_TEST_SUITE_P(Threads, Real_scheduler, testing::Values(0, 2));
+INSTANTIATE_TEST_SUITE_P(Threads, Real_schedulerDeathTest, testing::Values(0, 2));
+
+TEST_P(Real_scheduler, Eight_threads_pass_items_through_a_queue_and_none_is_lost)
 {
     struct Item {
         LIST_ENTRY link;
@@ -59,7 +70,7 @@ TEST(Real_scheduler, Eight_threads_pass_items_through_a_queue_and_none_is_lost)
     EXPECT_EQ(sum, count * (count - 1) / 2);
 }
 
-TEST(Real_scheduler, Timers_keep_wall_clock_time_and_order)
+TEST_P(Real_scheduler, Timers_keep_wall_clock_time_and_order)
 {
     in_machine(
         [](Machine& machine) {
@@ -85,7 +96,7 @@ TEST(Real_scheduler, Timers_keep_wall_clock_time_and_order)
         real);
 }
 
-TEST(Real_scheduler, Signals_that_race_with_timeouts_are_neither_lost_nor_end_a_later_wait)
+TEST_P(Real_scheduler, Signals_that_race_with_timeouts_are_neither_lost_nor_end_a_later_wait)
 {
     constexpr int signals = 3'000;
     constexpr Ticks pause = 30 * ticks_per_us;
@@ -117,7 +128,7 @@ TEST(Real_scheduler, Signals_that_race_with_timeouts_are_neither_lost_nor_end_a_
         real);
 }
 
-TEST(Real_scheduler, A_signal_of_the_host_does_not_end_a_wait)
+TEST_P(Real_scheduler, A_signal_of_the_host_does_not_end_a_wait)
 {
     struct sigaction action = {};
     action.sa_handler = [](int) {};
@@ -141,7 +152,7 @@ TEST(Real_scheduler, A_signal_of_the_host_does_not_end_a_wait)
         real);
 }
 
-TEST(Real_scheduler, Switch_off_parks_blocked_and_running_threads_and_the_next_machine_is_untouched)
+TEST_P(Real_scheduler, Switch_off_parks_blocked_and_running_threads_and_the_next_machine_is_untouched)
 {
     static std::atomic<int> steps = 0, unwound = 0;
     static KEVENT never_set;
@@ -172,7 +183,7 @@ TEST(Real_scheduler, Switch_off_parks_blocked_and_running_threads_and_the_next_m
     EXPECT_EQ(unwound, 0);
 }
 
-TEST(Real_schedulerDeathTest, A_broken_rule_stops_the_process_with_its_message)
+TEST_P(Real_schedulerDeathTest, A_broken_rule_stops_the_process_with_its_message)
 {
     const auto sleep_at_dispatch_level = [](Machine& machine) {
         KeRaiseIrqlToDpcLevel();
@@ -181,10 +192,51 @@ TEST(Real_schedulerDeathTest, A_broken_rule_stops_the_process_with_its_message)
     EXPECT_DEATH(in_machine(sleep_at_dispatch_level, real), "rule broken: KeDelayExecutionThread at IRQL 2");
 }
 
-// The reader of the messages takes the next one only when the thread has run that was just woken.
-TEST(Real_scheduler, A_thread_that_waits_for_the_host_has_no_wake_up_in_its_hands)
+// One processor is always held; the other one has to see to what becomes ready, to time, and to the host.
+TEST_P(Real_scheduler, A_thread_that_never_waits_holds_up_nobody)
 {
-    Machine machine({{.scheduler = SchedulerKind::real}});
+    constexpr int datagrams = 50;
+    int sockets[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0, sockets), 0);
+    int received = 0;
+    in_machine(
+        [&](Machine& machine) {
+            std::atomic<bool> done = false;
+            PKTHREAD busy = start_thread([&] {
+                while (!done)
+                    KeGetCurrentIrql();
+            });
+            PKTHREAD reader = start_thread([&] {
+                while (received < datagrams) {
+                    char byte;
+                    if (recv(sockets[0], &byte, 1, 0) == 1)
+                        ++received;
+                    else if (errno == EAGAIN && !machine.scheduler().wait_readable(sockets[0]))
+                        machine.sleep_ms(1);
+                }
+            });
+            PKTHREAD writer = start_thread([&] {
+                for (int sent = 0; sent < datagrams; ++sent) {
+                    EXPECT_EQ(send(sockets[1], "x", 1, 0), 1);
+                    if (sent % 10 == 0)
+                        machine.sleep_ms(1);
+                }
+            });
+            EXPECT_EQ(wait_ms(writer), STATUS_SUCCESS);
+            EXPECT_EQ(wait_ms(reader), STATUS_SUCCESS);
+            done = true;
+            EXPECT_EQ(wait_ms(busy), STATUS_SUCCESS);
+        },
+        real);
+    EXPECT_EQ(received, datagrams);
+    close(sockets[0]);
+    close(sockets[1]);
+}
+
+// The reader of the messages takes the next one only when the thread has run that was just woken.
+TEST_P(Real_scheduler, A_thread_that_waits_for_the_host_has_no_wake_up_in_its_hands)
+{
+    Machine machine(real);
     std::mutex lock;
     std::condition_variable changed;
     bool worked = false, in_time = false;

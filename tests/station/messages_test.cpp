@@ -2,8 +2,6 @@
 // What the station makes of the driver's messages.
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "station/driver_messages.h"
 
 using namespace station;
@@ -21,29 +19,33 @@ const std::string slave_lost = "\nQRN SCSI: Slave Server Error";
 TEST(DriverMessages, Time_outs_are_counted_for_the_lun_that_they_name)
 {
     AllLunStatistics luns;
-    follow_driver_message(time_out_lun_2, luns);
-    follow_driver_message(time_out_lun_2, luns);
-    follow_driver_message(time_out_lun_0, luns);
-    follow_driver_message("\nQRN SCSI: Time End: 03 2 5C00, 0 1", luns);
-    follow_driver_message("\nQRN SCSI: Time Out: 00 4 5C00 00000001", luns);  // no such LUN
+    DriverMessages messages(luns);
+    const int thread = 0;
+    for (const std::string& text :
+         {time_out_lun_2, time_out_lun_2, time_out_lun_0, std::string("\nQRN SCSI: Time End: 03 2 5C00, 0 1"),
+          std::string("\nQRN SCSI: Time Out: 00 4 5C00 00000001")})  // the last one: no such LUN
+        messages.follow(text, &thread);
+    messages.follow(main_lost, &thread);
     EXPECT_EQ(luns[0].time_outs, 1u);
     EXPECT_EQ(luns[1].time_outs, 0u);
     EXPECT_EQ(luns[2].time_outs, 2u);
+    for (const LunStatistics& lun : luns)
+        EXPECT_EQ(lun.server, Server::main);
 }
 
 TEST(DriverMessages, Change_of_servers_belongs_to_the_time_out_before_it_in_the_same_thread)
 {
     AllLunStatistics luns;
-    follow_driver_message(time_out_lun_2, luns);
-    std::thread([&] { follow_driver_message(time_out_lun_0, luns); }).join();
-    follow_driver_message(main_lost, luns);
+    DriverMessages messages(luns);
+    const int one = 0, other = 0, third = 0;
+    messages.follow(time_out_lun_2, &one);
+    messages.follow(time_out_lun_0, &other);
+    messages.follow(main_lost, &one);
     EXPECT_EQ(luns[2].server, Server::slave);
     EXPECT_EQ(luns[0].server, Server::main);
-    std::thread([&] {
-        follow_driver_message(slave_lost, luns);  // nothing before it: nobody's
-        follow_driver_message(time_out_lun_0, luns);
-        follow_driver_message(slave_lost, luns);
-    }).join();
+    messages.follow(slave_lost, &third);  // nothing before it: nobody's
+    messages.follow(time_out_lun_0, &third);
+    messages.follow(slave_lost, &third);
     EXPECT_EQ(luns[0].server, Server::main_alone);
     EXPECT_EQ(luns[2].server, Server::slave);
 }
