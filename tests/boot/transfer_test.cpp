@@ -9,6 +9,7 @@
 #include "boot/medium.h"
 #include "boot/pc.h"
 #include "boot/transfer.h"
+#include "tests/seeds.h"
 #include "tests/server/workstation_model.h"
 
 using namespace boot;
@@ -161,7 +162,7 @@ TEST_F(Transfer, Reads_and_writes_of_any_length_to_any_address_are_whole)
 
 TEST_F(Transfer, Losses_doubles_and_changed_places_cost_little_more_than_the_lost_packets)
 {
-    for (std::uint32_t seed = 1; seed <= 40; ++seed) {
+    for (std::uint32_t seed = 1; seed <= seeds_of(40); ++seed) {
         World bad{seed};
         world = &bad;
         bad.loss = seed % 2 == 0 ? 0.0067 : 0.05;

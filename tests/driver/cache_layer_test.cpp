@@ -14,6 +14,7 @@
 #include "machine/scheduler/random.h"
 #include "tests/driver/driver_test.h"
 #include "tests/machine/kernel_test.h"
+#include "tests/seeds.h"
 
 namespace {
 
@@ -423,13 +424,13 @@ void run_load(std::uint64_t seed, const Load& load)
 
 TEST(CacheLayer, Every_read_returns_the_newest_content_with_a_few_blocks)
 {
-    for (std::uint64_t seed = 1; seed <= 25; ++seed)
+    for (std::uint64_t seed = 1; seed <= seeds_of(25); ++seed)
         run_load(seed, {1 + static_cast<unsigned>(seed % 2), 6, 12, 64, 4, 6000, 120, seed % 3 == 0});
 }
 
 TEST(CacheLayer, Every_read_returns_the_newest_content_with_more_chunks_than_windows)
 {
-    for (std::uint64_t seed = 1; seed <= 3; ++seed)
+    for (std::uint64_t seed = 1; seed <= seeds_of(3); ++seed)
         run_load(seed, {2, 8, 0, 64, 48, 70000, 400, seed == 3});
 }
 

@@ -9,6 +9,7 @@
 
 #include "driver/block/sector_flags.h"
 #include "tests/image/memory_area.h"
+#include "tests/seeds.h"
 
 using namespace image_test;
 
@@ -446,7 +447,7 @@ TEST(Synchronisation, Image_is_true_or_silent_at_every_moment)
 {
     // In two of these a cut of power leaves one sector of a new header and one of the old.
     std::vector<std::uint64_t> seeds{163, 603};
-    for (std::uint64_t seed = 1; seed <= (std::getenv("QRN_LONG_TESTS") ? 700 : 16); ++seed)
+    for (std::uint64_t seed = 1; seed <= seeds_of(16); ++seed)
         seeds.push_back(seed);
     std::map<ULONG, unsigned> ends;
     std::uint64_t came = 0;
@@ -468,10 +469,10 @@ TEST(Synchronisation, Image_is_true_or_silent_at_every_moment)
             came += workstation.came;
         });
     }
-    EXPECT_GT(ends[Sync_Running], 20u);
-    EXPECT_GT(ends[Sync_Stopped], 3u);
-    EXPECT_GT(ends[Sync_Failed], 3u);
-    EXPECT_GT(came, 1000u) << "sectors read beside runs";
+    EXPECT_GT(ends[Sync_Running], seeds.size());
+    EXPECT_GT(ends[Sync_Stopped], seeds.size() / 8);
+    EXPECT_GT(ends[Sync_Failed], seeds.size() / 8);
+    EXPECT_GT(came, 50 * seeds.size()) << "sectors read beside runs";
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "machine/executive/wide_text.h"
 #include "tests/machine/kernel_test.h"
 #include "tests/scratch_folder.h"
+#include "tests/seeds.h"
 
 namespace machine::test {
 namespace {
@@ -232,7 +233,7 @@ std::set<std::vector<int>> outcomes_of_cuts(const LocalDiskOptions& options,
                                             std::size_t sectors)
 {
     std::set<std::vector<int>> outcomes;
-    for (std::uint64_t seed = 1; seed <= 400; ++seed) {
+    for (std::uint64_t seed = 1; seed <= seeds_of(400); ++seed) {
         LocalDiskOptions seeded = options;
         seeded.seed = seed;
         LocalDisk disk(16, seeded);

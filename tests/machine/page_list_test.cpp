@@ -6,6 +6,7 @@
 
 #include "machine/executive/page_allocator.h"
 #include "tests/machine/kernel_test.h"
+#include "tests/seeds.h"
 
 namespace machine::test {
 namespace {
@@ -232,7 +233,7 @@ TEST(Page_list, Failures_leave_nothing_behind)
 TEST(Page_allocator, Gives_every_free_page_of_a_range_once)
 {
     constexpr std::uint64_t first = 256, pages = 600;
-    for (unsigned seed = 1; seed <= 50; ++seed) {
+    for (unsigned seed = 1; seed <= seeds_of(50); ++seed) {
         std::mt19937 random(seed);
         PageAllocator allocator({{first * page_bytes, 200 * page_bytes},
                                  {(first + 100) * page_bytes, 300 * page_bytes},

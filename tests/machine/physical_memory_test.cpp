@@ -6,6 +6,7 @@
 #include <set>
 
 #include "tests/machine/kernel_test.h"
+#include "tests/seeds.h"
 
 namespace machine::test {
 namespace {
@@ -149,7 +150,7 @@ TEST(Physical_memory, Mappings_take_neighbours_among_the_page_table_entries_that
 
 TEST(System_ptes, Each_entry_is_given_once_and_comes_back)
 {
-    for (unsigned seed = 1; seed <= 50; ++seed) {
+    for (unsigned seed = 1; seed <= seeds_of(50); ++seed) {
         std::mt19937 random(seed);
         const std::uint32_t total = 500 + random() % 500, largest = 1 + random() % total;
         SystemPtes ptes(total, largest, seed);

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "tests/scenario/traffic.h"
+#include "tests/seeds.h"
 
 namespace scenario {
 namespace {
@@ -210,7 +211,7 @@ void expect_packets_told_apart(const Rig& rig)
 // server away now and then.
 TEST(Cache, Content_survives_misses_fills_and_write_backs_while_the_server_fails)
 {
-    for (std::uint64_t seed = 1; seed <= 8; ++seed) {
+    for (std::uint64_t seed = 1; seed <= seeds_of(8); ++seed) {
         Plan plan = cached_disk(4);
         plan.seed = seed;
         plan.disks[0].write_kb = static_cast<unsigned>(4 + seed);

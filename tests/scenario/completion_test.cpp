@@ -8,6 +8,7 @@
 
 #include "tests/scenario/dispatch_tap.h"
 #include "tests/scenario/traffic.h"
+#include "tests/seeds.h"
 
 namespace scenario {
 namespace {
@@ -59,7 +60,7 @@ TEST(Completion, Notice_is_an_IO_CONTROL_of_28_bytes_through_any_queue)
 
 TEST(Completion, Workers_that_finish_together_take_turns)
 {
-    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    for (std::uint64_t seed = 1; seed <= seeds_of(20); ++seed) {
         Rig rig({.seed = seed, .disks = {{.flags = 0x08}}});
         DispatchTap tap(rig);
         std::vector<SeenPacket> waiting;

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "tests/scenario/traffic.h"
+#include "tests/seeds.h"
 
 namespace scenario {
 namespace {
@@ -167,7 +168,7 @@ TEST(Failover, Lost_slave_is_left_behind)
 
 TEST(Failover, Of_many_workers_at_once_is_one)
 {
-    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    for (std::uint64_t seed = 1; seed <= seeds_of(20); ++seed) {
         Rig rig(mirrored(static_cast<unsigned>(seed % 3), seed));
         rig.run([&] {
             rig.main.stop();
@@ -209,7 +210,7 @@ TEST(Failover, Read_under_way_takes_nothing_from_the_server_that_is_left)
 // makes the slave the main server. The copy must follow it there.
 TEST(Failover, During_the_slave_copy_of_a_write_does_not_lose_the_copy)
 {
-    for (std::uint64_t seed = 1; seed <= 20; ++seed)
+    for (std::uint64_t seed = 1; seed <= seeds_of(20); ++seed)
         for (int write_later_ms : {0, 300, 700}) {
             Rig rig(mirrored(1, seed));
             rig.drop = [&](const SeenPacket& packet) {

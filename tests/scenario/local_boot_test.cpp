@@ -176,7 +176,8 @@ TEST(LocalBoot, Shutdown_reaches_a_disk_whose_only_worker_waits_for_the_run)
 {
     machine::LocalDisk disk(8000);
     partition(disk);
-    LocalBoot start(disk, server_image(1, {1, 1, 0, 1}), {.flags = formats::disk_flag_one_slot, .retry_mins = 0}, 1);
+    LocalBoot start(disk, server_image(1, {1, 1, 0, 1}),
+                    {.flags = formats::disk_flag_one_slot, .retry_mins = 0}, 1);
     start.drop = [](const SeenPacket& packet) {
         return packet.header().Kind == formats::kind_sync_read &&
                packet.header().Byte_Offset.get() >= (first_data + 1) * 512;

@@ -8,6 +8,7 @@
 
 #include "tests/scenario/dispatch_tap.h"
 #include "tests/scenario/traffic.h"
+#include "tests/seeds.h"
 
 namespace scenario {
 namespace {
@@ -28,7 +29,7 @@ std::uint8_t status_of(Rig& rig, std::vector<std::uint8_t> cdb, Bytes& data, ULO
 
 TEST(PortDriver, Start_again_while_notices_are_under_way_changes_nothing)
 {
-    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    for (std::uint64_t seed = 1; seed <= seeds_of(20); ++seed) {
         Rig rig({.seed = seed});
         DispatchTap tap(rig);
         rig.run([&] {
@@ -159,7 +160,7 @@ TEST(PortDriver, Transfers_that_must_not_disconnect_complete)
 // The port driver sends nothing down for some seconds then, completion notices included.
 TEST(PortDriver, Bus_resets_delay_what_is_under_way_and_fail_nothing)
 {
-    for (std::uint64_t seed = 1; seed <= 10; ++seed) {
+    for (std::uint64_t seed = 1; seed <= seeds_of(10); ++seed) {
         Rig rig({.seed = seed, .disks = std::vector<DiskPlan>(2)});
         rig.run([&] {
             Traffic traffic(rig, seed, {.operations_each = 60});

@@ -9,6 +9,7 @@
 #include <set>
 
 #include "tests/scenario/traffic.h"
+#include "tests/seeds.h"
 
 namespace scenario {
 namespace {
@@ -201,7 +202,7 @@ TEST(Requests, Without_a_byte_complete_without_a_packet)
 // without jitter chunks of several disks end at once often enough for that.
 TEST(Requests, Keep_one_tag_for_each_read_even_when_every_slot_number_is_lent_out)
 {
-    for (std::uint64_t seed = 1; seed <= 30; ++seed) {
+    for (std::uint64_t seed = 1; seed <= seeds_of(30); ++seed) {
         DiskPlan disk{.sectors = 1200, .flags = 0x01, .read_kb = 1, .write_kb = 1};
         Rig rig({.seed = seed, .disks = {disk, disk, disk, disk}, .settings = {{"RW_THREADS", 2}}});
         unsigned reads = 0;

@@ -6,6 +6,7 @@
 #include <set>
 
 #include "tests/scenario/traffic.h"
+#include "tests/seeds.h"
 
 namespace scenario {
 namespace {
@@ -41,7 +42,7 @@ TEST(Sharing, Silent_disks_leave_a_worker_to_the_others)
     };
     for (const Row& row : {Row{"eight slots", 0x08, 8, false}, Row{"two slots, two workers", 0x02, 2, false},
                            Row{"writes", 0x24, 4, true}, Row{"writes as one chunk", 0x04, 4, true}})
-        for (std::uint64_t seed = 1; seed <= 5; ++seed) {
+        for (std::uint64_t seed = 1; seed <= seeds_of(5); ++seed) {
             SCOPED_TRACE(testing::Message() << row.what << " seed " << seed);
             Rig rig({.seed = seed,
                      .disks = {{}, {.flags = row.flags}, {.flags = row.flags}},
@@ -117,7 +118,7 @@ TEST(Sharing, A_single_disk_has_all_workers_and_dead_disks_fail_in_time)
 TEST(Sharing, Silent_disks_take_turns)
 {
     for (unsigned workers : {2u, 4u})
-        for (std::uint64_t seed = 1; seed <= 10; ++seed) {
+        for (std::uint64_t seed = 1; seed <= seeds_of(10); ++seed) {
             SCOPED_TRACE(testing::Message() << workers << " workers, seed " << seed);
             Rig rig({.seed = seed,
                      .disks = std::vector<DiskPlan>(3, DiskPlan{.flags = static_cast<std::uint8_t>(workers)}),
@@ -152,7 +153,7 @@ TEST(Sharing, Silent_disks_take_turns)
 
 TEST(Sharing, Negotiation_holds_up_its_own_disk_only)
 {
-    for (std::uint64_t seed = 1; seed <= 10; ++seed)
+    for (std::uint64_t seed = 1; seed <= seeds_of(10); ++seed)
         for (std::uint8_t retry_mins : {std::uint8_t{0}, std::uint8_t{1}}) {
             Rig rig({.seed = seed, .disks = {{}, {.flags = disk_flag_one_slot, .retry_mins = retry_mins}}});
             bool silent = true;

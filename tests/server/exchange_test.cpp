@@ -6,6 +6,7 @@
 #include <map>
 #include <random>
 
+#include "tests/seeds.h"
 #include "tests/server/workstation_model.h"
 
 using namespace server_test;
@@ -215,7 +216,7 @@ private:
 TEST(Exchange, Keeps_every_promise_over_a_bad_network)
 {
     const Weather weathers[] = {{0.01, 0.01, 0.01, 300}, {0.10, 0.10, 0.10, 3000}, {0.25, 0.05, 0.2, 1000}};
-    for (unsigned seed = 1; seed <= 3; ++seed)
+    for (unsigned seed = 1; seed <= seeds_of(3); ++seed)
         for (const Weather& weather : weathers) {
             SCOPED_TRACE(testing::Message() << "seed " << seed << ", loss " << weather.loss);
             Exchange(seed, weather).run();

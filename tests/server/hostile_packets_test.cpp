@@ -3,6 +3,7 @@
 
 #include <random>
 
+#include "tests/seeds.h"
 #include "tests/server/workstation_model.h"
 
 using namespace server_test;
@@ -118,7 +119,7 @@ TEST(Hostile_packets, Writes_to_a_readonly_disk_are_dropped)
 // sent that is too long, and every packet is either served or counted.
 TEST(Hostile_packets, Random_changes_never_leave_the_bounds)
 {
-    for (unsigned seed = 1; seed <= 5; ++seed) {
+    for (unsigned seed = 1; seed <= seeds_of(5); ++seed) {
         SCOPED_TRACE(seed);
         std::mt19937 random(seed);
         const auto below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };

@@ -12,6 +12,7 @@
 #include "server/overlay_file.h"
 #include "server/overlay_store.h"
 #include "tests/scratch_folder.h"
+#include "tests/seeds.h"
 #include "tests/server/workstation_model.h"
 
 using namespace server_test;
@@ -247,7 +248,7 @@ private:
 
 TEST(Overlay, Keeps_every_promise_through_kills_power_cuts_and_failing_writes)
 {
-    for (unsigned seed = 0; seed < 60; ++seed) {
+    for (unsigned seed = 0; seed < seeds_of(60); ++seed) {
         SCOPED_TRACE(seed);
         Life life(seed, 512u << seed % 6);
         for (unsigned i = 0; i < 120; ++i) {

@@ -5,6 +5,7 @@
 
 #include <random>
 
+#include "tests/seeds.h"
 #include "tests/station/memory_device.h"
 #include "tests/station/nbd_client_bytes.h"
 
@@ -226,7 +227,7 @@ TEST(NbdHandshake, Client_that_never_chooses_is_dropped_after_256_options)
 TEST(NbdHandshake, Random_changes_of_dialogues_end_within_the_bounds)
 {
     const auto known = dialogues();
-    for (unsigned seed = 1; seed <= 3000; ++seed) {
+    for (unsigned seed = 1; seed <= seeds_of(3000); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         std::mt19937 random(seed);
         Bytes input = known[random() % known.size()].input;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <random>
 
+#include "tests/seeds.h"
 #include "tests/station/nbd_client_bytes.h"
 
 using namespace station;
@@ -178,7 +179,7 @@ TEST(NbdReceiver, Wrong_magic_breaks_the_stream_for_good)
 
 TEST(NbdReceiver, Random_streams_never_leave_the_buffers)
 {
-    for (unsigned seed = 1; seed <= 2000; ++seed) {
+    for (unsigned seed = 1; seed <= seeds_of(2000); ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         std::mt19937 random(seed);
         Writer stream;

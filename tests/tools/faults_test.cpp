@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // Areas that are not as they should be.
+#include "tests/seeds.h"
 #include "tests/tools/tool_test.h"
 
 namespace tools_test {
@@ -128,6 +129,8 @@ TEST_F(Faults, Many_faults_of_a_kind_are_counted_and_not_all_listed)
 TEST_F(Faults, Truncated_areas_are_told_at_every_length)
 {
     for (std::uint64_t sectors = 568; sectors-- > 0;) {
+        if (sanitized && sectors > 40 && sectors % 8 != 0)
+            continue;
         std::filesystem::resize_file(path("area"), sectors * 512);
         SCOPED_TRACE(sectors);
         expect("check @area", 1,
@@ -144,7 +147,7 @@ TEST_F(Faults, Damaged_bytes_never_mislead_the_walk)
 {
     const std::uint64_t size = good_.size();
     const std::uint64_t blocks[] = {0, 512, root, level1, level2, leaf, 296 * 512, last_leaf};
-    for (unsigned seed = 0; seed < 1500; ++seed) {
+    for (unsigned seed = 0; seed < seeds_of(1500); ++seed) {
         SCOPED_TRACE(seed);
         random_.seed(seed);
         for (unsigned changes = 1 + random_() % 4; changes != 0; --changes) {
