@@ -7,7 +7,7 @@ bin="$root/build/bin"
 # What it takes to build everything, and the clients by which it is tried.
 build_packages=(g++ g++-multilib cmake ninja-build mingw-w64-common g++-mingw-w64-i686 libgtest-dev
                 libcli11-dev libfmt-dev libnbd-dev libtomlplusplus-dev libspdlog-dev nlohmann-json3-dev python3)
-client_packages=(libnbd-bin nbdkit qemu-utils fio e2fsprogs)
+client_packages=(libnbd-bin nbdkit qemu-utils qemu-system-common fio e2fsprogs)
 # For the manuals and the Windows media of the packages, and the tests of those.
 package_packages=(scdoc mtools xorriso dpkg-dev file)
 # The clients, and a linker that is three times as fast: some seventy test programs, twice.

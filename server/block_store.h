@@ -10,6 +10,14 @@
 
 namespace server {
 
+// One of several reads that are about to be asked for.
+struct ReadAhead {
+    std::uint64_t offset;
+    std::span<std::uint8_t> out;
+    bool done = false;
+};
+constexpr std::size_t reads_ahead_max = 8;
+
 class BlockStore {
 public:
     virtual ~BlockStore() = default;
@@ -22,13 +30,16 @@ public:
     virtual bool flush() = 0;
     // True only when the range certainly reads as zeros without being read (a hole).
     virtual bool hole(std::uint64_t offset, std::uint64_t bytes) = 0;
+    // At most reads_ahead_max of them: a store that would wait for one after the other lets them run at once.
+    // Those that it has read by then are done; the others are still to be read.
+    virtual void read_ahead(std::span<ReadAhead>) {}
 };
 
 // Throws std::system_error or std::runtime_error with a message that names the path.
 std::unique_ptr<BlockStore> open_file_store(const std::string& path, bool readonly);
 
-// The same for a file of the server's own that holds a disk and more: of any size, and zeros written to it always
-// make holes. Opened for reading only it is not locked.
+// The same for a file of the server's own that holds a disk and more: of any size, and zeros written to it
+// always make holes. Opened for reading only it is not locked.
 std::unique_ptr<BlockStore> open_sparse_file(const std::string& path, bool readonly);
 
 // All zeros at first; for tests and simulations.

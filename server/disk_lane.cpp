@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "server/log.h"
+#include "server/protocol_parts.h"
 
 namespace server {
 
@@ -23,6 +24,7 @@ struct DiskLane::Parts {
         options.cache_mb = setup.disk.cache_mb;
         if (setup.disk.sync == SyncMode::always)
             setup.store = std::make_shared<SyncedStore>(setup.store);
+        setup.store = ahead = std::make_shared<AheadStore>(setup.store);
         protocol.add_disk(options, *setup.store, setup.area.get());
         protocol.set_failure_listener([this](const StoreFailure& failure) { tell(failure); });
     }
@@ -35,13 +37,16 @@ struct DiskLane::Parts {
         shut_down = header.Kind == formats::kind_shutdown && header.Sub_Code == formats::sub_request;
         heard = true;
     }
-    void end_turn(std::mutex& lock, LaneStatus& status);
+    void begin_turn(std::span<const Strand::Item> items);
+    std::uint64_t end_turn(std::mutex& lock, LaneStatus& status);
     void tell(const StoreFailure& failure);
 
     LaneSetup setup;
     Clock clock;
     PoolSink sink;
     Protocol protocol;
+    std::shared_ptr<AheadStore> ahead;
+    std::uint64_t paid_bytes = 0;  // of what was transferred
     std::set<std::pair<StoreFailure::Operation, int>> told;
     std::string last_error;
     bool shut_down = false, heard = false, refused = false;
@@ -67,21 +72,39 @@ void DiskLane::Parts::tell(const StoreFailure& failure)
                         setup.lun, setup.image, last_error, failure.error));
 }
 
-void DiskLane::Parts::end_turn(std::mutex& lock, LaneStatus& status)
+void DiskLane::Parts::begin_turn(std::span<const Strand::Item> items)
+{
+    ahead->begin();
+    for (const auto& [from, packet] : items) {
+        formats::WireHeader header{};
+        std::memcpy(&header, packet.data(), std::min(packet.size(), sizeof header));
+        if (header.Kind == formats::kind_read && header.Sub_Code == formats::sub_request &&
+            header.Length.get() != 0 && range_valid(header, *ahead))
+            ahead->add(store_offset(header), header.Length.get());
+    }
+    ahead->fetch();
+}
+
+std::uint64_t DiskLane::Parts::end_turn(std::mutex& lock, LaneStatus& status)
 {
     if (std::exchange(refused, false))
         protocol.send_retry_limit(0);
     if (shut_down && setup.owner)
         setup.owner->release(setup.workstation);
     const std::uint64_t held = setup.held_bytes ? setup.held_bytes() : 0;
+    const DiskCounters& counters = protocol.counters(0);
+    const std::uint64_t bytes = counters.read_bytes + counters.written_bytes + counters.sync_bytes;
+    const std::uint64_t rest_ms = setup.allowance ? setup.allowance->take(bytes - paid_bytes, clock()) : 0;
+    paid_bytes = bytes;
     std::lock_guard guard(lock);
-    status.counters = protocol.counters(0);
+    status.counters = counters;
     status.dropped = protocol.dropped();
     status.shut_down = shut_down;
     status.held_bytes = held;
     status.last_error = last_error;
     if (std::exchange(heard, false))
         status.last_seen_ms = clock();
+    return rest_ms;
 }
 
 DiskLane::DiskLane(WorkPool& pool, LaneSetup setup, Clock clock)
@@ -98,7 +121,8 @@ DiskLane::DiskLane(WorkPool& pool, LaneSetup setup, Clock clock)
         pool,
         Strand::Handlers{
             [parts](const Peer& from, std::span<const std::uint8_t> packet) { parts->receive(from, packet); },
-            [parts, lock = status_lock_, status = status_] { parts->end_turn(*lock, *status); }});
+            [parts](std::span<const Strand::Item> items) { parts->begin_turn(items); },
+            [parts, lock = status_lock_, status = status_] { return parts->end_turn(*lock, *status); }});
 }
 
 std::uint64_t DiskLane::key_of(const std::uint8_t* id, const std::uint8_t* parm)

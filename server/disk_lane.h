@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "server/allowance.h"
 #include "server/fleet_config.h"
 #include "server/fleet_stores.h"
 #include "server/strand.h"
@@ -25,6 +26,7 @@ struct LaneSetup {
     std::shared_ptr<BlockStore> store;
     std::shared_ptr<BlockStore> area;           // null: none
     std::shared_ptr<DiskOwner> owner;           // of an exclusive disk
+    std::shared_ptr<Allowance> allowance;       // of the workstation; null: no limit
     std::function<std::uint64_t()> held_bytes;  // by the overlay; null: none
 };
 

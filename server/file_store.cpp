@@ -83,6 +83,13 @@ public:
     }
     bool flush() override { return fdatasync(file_) == 0; }
     bool hole(std::uint64_t offset, std::uint64_t bytes) override;
+    // The medium works on all of them while the first is waited for.
+    void read_ahead(std::span<ReadAhead> reads) override
+    {
+        for (const ReadAhead& read : reads)
+            posix_fadvise(file_, static_cast<off_t>(read.offset), static_cast<off_t>(read.out.size()),
+                          POSIX_FADV_WILLNEED);
+    }
 
 private:
     std::uint64_t measure(const std::string& path, Use use);

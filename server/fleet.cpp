@@ -60,7 +60,7 @@ Fleet::Fleet(const FleetConfig& config, const std::string& config_path, const Pe
                                     boot_from_ = from;
                                     boot_service_.receive(from, packet);
                                 },
-                                nullptr});
+                                nullptr, nullptr});
     for (auto& [name, workstation] : workstations_)
         if (workstation.booted)
             begin(workstation, false);
@@ -215,10 +215,26 @@ BootDecision Fleet::decide_boot(const BootRequest& request, const Peer& from)
     return {block_of(*workstation), fmt::format("disks of {}", workstation->name)};
 }
 
+unsigned Fleet::limit_of(const Workstation& workstation) const
+{
+    std::string group = workstation.group;
+    if (workstation.in_config) {
+        const auto written =
+            std::ranges::find(config_.workstations, workstation.name, &FleetWorkstation::name);
+        if (written->limit_mb_s != 0)
+            return written->limit_mb_s;
+        group = written->group;
+    }
+    const FleetGroup* const found = config_.group(group);
+    return found ? found->limit_mb_s : 0;
+}
+
 // All disks or none.
 void Fleet::begin(Workstation& workstation, bool new_boot)
 {
     workstation.trouble.clear();
+    const unsigned limit_mb_s = limit_of(workstation);
+    workstation.allowance = limit_mb_s != 0 ? std::make_shared<Allowance>(limit_mb_s) : nullptr;
     std::vector<std::shared_ptr<DiskLane>> lanes;
     try {
         for (unsigned lun = 0; lun < workstation.disks.size(); ++lun)
@@ -234,17 +250,19 @@ void Fleet::begin(Workstation& workstation, bool new_boot)
         routes_[lane->key()] = lane;
 }
 
-// False: a disk is still at work after the wait. Its packets go nowhere from here on all the same.
+// False: a disk is still at work after the wait, which is for all of them, and once. Its packets go nowhere
+// from here on all the same.
 bool Fleet::end(Workstation& workstation, unsigned wait_ms)
 {
+    bool first = false;
     {
         std::unique_lock guard(routes_lock_);
         for (const auto& lane : workstation.lanes)
-            routes_.erase(lane->key());
+            first = routes_.erase(lane->key()) != 0 || first;
     }
     bool ended = true;
     for (const auto& lane : workstation.lanes)
-        ended = lane->close(wait_ms) && ended;
+        ended = lane->close(first && ended ? wait_ms : 0) && ended;
     if (ended)
         workstation.lanes.clear();
     return ended;
@@ -274,6 +292,7 @@ std::shared_ptr<DiskLane> Fleet::open_lane(Workstation& workstation, unsigned lu
                     .store = nullptr,
                     .area = nullptr,
                     .owner = nullptr,
+                    .allowance = workstation.allowance,
                     .held_bytes = nullptr};
     if (disk.mode == DiskMode::exclusive) {
         setup.owner = image->owner;

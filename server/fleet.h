@@ -78,6 +78,7 @@ private:
         std::vector<FleetDisk> disks;    // as of its last boot
         std::vector<unsigned> versions;  // of their images
         std::vector<std::shared_ptr<DiskLane>> lanes;
+        std::shared_ptr<Allowance> allowance;
         std::string trouble;  // why its disks are not open
     };
 
@@ -87,6 +88,7 @@ private:
     Workstation* find(const std::string& name);
     Workstation& add(const std::string& name, const HardwareAddress& hardware);
     const std::vector<FleetDisk>* disks_of(const Workstation& workstation) const;
+    unsigned limit_of(const Workstation& workstation) const;  // MB/s; 0: none
     void begin(Workstation& workstation, bool new_boot);
     bool end(Workstation& workstation, unsigned wait_ms);
     std::shared_ptr<DiskLane> open_lane(Workstation& workstation, unsigned lun, bool new_boot);

@@ -25,6 +25,8 @@ namespace server {
 
 namespace {
 
+constexpr unsigned window_ms_max = 100;  // workstations wait 110 ms before they ask again
+
 constexpr unsigned faults_told_max = 20;
 
 class Parser {
@@ -61,6 +63,7 @@ private:
     void read_group(const toml::key& key, const toml::node& node);
     void read_workstation(const toml::key& key, const toml::node& node);
     std::vector<FleetDisk> read_disks(const toml::table& parent);
+    unsigned read_limit(const toml::table& table, const std::vector<FleetDisk>& disks);
     FleetDisk read_disk(const toml::table& table, unsigned lun);
     void check_whole();
 
@@ -227,8 +230,10 @@ void Parser::read_group(const toml::key& key, const toml::node& node)
     const toml::table* const table = node.as_table();
     if (!table)
         return fault(node, fmt::format("[groups.{}] is expected", key.str()));
-    only(*table, fmt::format("[groups.{}]", key.str()), {"disks"});
-    config_.groups.push_back({std::string(key.str()), read_disks(*table)});
+    only(*table, fmt::format("[groups.{}]", key.str()), {"disks", "limit_mb_s"});
+    FleetGroup group{std::string(key.str()), read_disks(*table)};
+    group.limit_mb_s = read_limit(*table, group.disks);
+    config_.groups.push_back(std::move(group));
 }
 
 void Parser::read_workstation(const toml::key& key, const toml::node& node)
@@ -238,7 +243,7 @@ void Parser::read_workstation(const toml::key& key, const toml::node& node)
     const toml::table* const table = node.as_table();
     if (!table)
         return fault(node, fmt::format("[workstations.{}] is expected", key.str()));
-    only(*table, fmt::format("[workstations.{}]", key.str()), {"hardware", "group", "disks"});
+    only(*table, fmt::format("[workstations.{}]", key.str()), {"hardware", "group", "disks", "limit_mb_s"});
     FleetWorkstation workstation{std::string(key.str()), {}, text(*table, "group").value_or(""), {}};
     const auto hardware = hardware_of(text(*table, "hardware").value_or(""));
     if (!hardware)
@@ -252,6 +257,8 @@ void Parser::read_workstation(const toml::key& key, const toml::node& node)
         workstation.disks = read_disks(*table);
     else if (const toml::node* const group = table->get("group"); group && !config_.group(workstation.group))
         fault(*group, fmt::format("there is no [groups.{}]", workstation.group));
+    const FleetGroup* const of_group = config_.group(workstation.group);
+    workstation.limit_mb_s = read_limit(*table, of_group ? of_group->disks : workstation.disks);
     for (const FleetWorkstation& other : config_.workstations)
         if (hardware && other.hardware == *hardware)
             fault(node, fmt::format("has the hardware address of '{}'", other.name));
@@ -279,6 +286,22 @@ std::vector<FleetDisk> Parser::read_disks(const toml::table& parent)
             if (disks[i].id && disks[i].id == disks[j].id)
                 fault(*node, "two disks of one workstation have the same 'id'");
     return disks;
+}
+
+// One so low that a full window of requests takes longer than a workstation waits would have it ask again.
+unsigned Parser::read_limit(const toml::table& table, const std::vector<FleetDisk>& disks)
+{
+    unsigned limit = 0, window_kb = 0;
+    number(table, "limit_mb_s", 1, 4000, limit);
+    for (const FleetDisk& disk : disks)
+        window_kb += disk.slots * std::max(disk.read_kb, disk.write_kb);
+    const unsigned lowest = (window_kb * 1024 * (1000 / window_ms_max) + 999'999) / 1'000'000;
+    if (limit != 0 && limit < lowest)
+        fault(*table.get("limit_mb_s"),
+              fmt::format("'limit_mb_s' must be at least {} for these disks, or workstations ask again while "
+                          "they wait",
+                          lowest));
+    return limit;
 }
 
 FleetDisk Parser::read_disk(const toml::table& table, unsigned lun)

@@ -43,6 +43,7 @@ struct FleetImage {
 struct FleetGroup {
     std::string name;
     std::vector<FleetDisk> disks;
+    unsigned limit_mb_s = 0;  // of each of its workstations; 0: none
 };
 
 struct FleetWorkstation {
@@ -50,6 +51,7 @@ struct FleetWorkstation {
     HardwareAddress hardware;
     std::string group;  // empty: disks of its own
     std::vector<FleetDisk> disks;
+    unsigned limit_mb_s = 0;  // 0: its group's
 };
 
 enum class UnknownPolicy { refuse, wait, serve };

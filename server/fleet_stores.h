@@ -2,11 +2,15 @@
 // Block stores around others: one that flushes every write, and one that only its owner may write to.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
+#include "formats/wire.h"
 #include "server/block_store.h"
 
 namespace server {
@@ -25,6 +29,7 @@ public:
     }
     bool flush() override { return inner_->flush(); }
     bool hole(std::uint64_t offset, std::uint64_t bytes) override { return inner_->hole(offset, bytes); }
+    void read_ahead(std::span<ReadAhead> reads) override { inner_->read_ahead(reads); }
 
 private:
     std::shared_ptr<BlockStore> inner_;
@@ -38,6 +43,49 @@ public:
     {
         return StoreAround::write(offset, data) && StoreAround::flush();
     }
+};
+
+// Reads that wait for their turn together are in flight together.
+class AheadStore : public StoreAround {
+public:
+    using StoreAround::StoreAround;
+
+    // Forgets what it had.
+    void begin() { count_ = 0; }
+    void add(std::uint64_t offset, std::size_t bytes)
+    {
+        if (count_ == reads_ahead_max || bytes > formats::packet_bytes_max)
+            return;
+        if (buffer_.empty())
+            buffer_.resize(reads_ahead_max * formats::packet_bytes_max);
+        reads_[count_] = {offset, std::span(buffer_).subspan(count_ * formats::packet_bytes_max, bytes)};
+        ++count_;
+    }
+    void fetch()
+    {
+        if (count_ > 1)
+            read_ahead(std::span(reads_).first(count_));
+    }
+
+    bool read(std::uint64_t offset, std::span<std::uint8_t> out) override
+    {
+        for (const ReadAhead& read : std::span(reads_).first(count_))
+            if (read.done && read.offset == offset && read.out.size() == out.size()) {
+                std::ranges::copy(read.out, out.begin());
+                return true;
+            }
+        return StoreAround::read(offset, out);
+    }
+    bool write(std::uint64_t offset, std::span<const std::uint8_t> data) override
+    {
+        begin();
+        return StoreAround::write(offset, data);
+    }
+
+private:
+    std::vector<std::uint8_t> buffer_;
+    std::array<ReadAhead, reads_ahead_max> reads_{};
+    std::size_t count_ = 0;
 };
 
 // Which workstation writes to an exclusive disk: the first that does, until it lets go. Any thread.

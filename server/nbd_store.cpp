@@ -7,9 +7,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include <libnbd.h>
 
@@ -28,6 +30,13 @@ constexpr auto first_wait = std::chrono::milliseconds(100);
 constexpr auto longest_wait = std::chrono::milliseconds(2000);
 constexpr std::size_t zeros_bytes_min = 4096;
 
+using Time = std::chrono::steady_clock::time_point;
+
+Time now()
+{
+    return std::chrono::steady_clock::now();
+}
+
 struct Close {
     void operator()(nbd_handle* handle) const { nbd_close(handle); }
 };
@@ -37,11 +46,20 @@ struct Connection {
     std::unique_ptr<nbd_handle, Close> handle;
 };
 
+// Commands of one transfer are in flight together.
+struct Command {
+    std::function<std::int64_t(nbd_handle*)> start;
+    std::int64_t cookie = -1;
+    bool ended = false;
+    int error = 0;
+};
+
 class NbdStore : public BlockStore {
 public:
-    NbdStore(const std::string& uri, bool readonly) : uri_(uri), readonly_(readonly)
+    NbdStore(const std::string& uri, bool readonly, const NbdPatience& patience)
+        : uri_(uri), patience_(patience)
     {
-        std::string reason = connect(connections_[0]);
+        const std::string reason = connect(connections_[0]);
         if (!reason.empty())
             throw std::runtime_error(fmt::format("{}: {}", uri_, reason));
         nbd_handle* const handle = connections_[0].handle.get();
@@ -60,50 +78,56 @@ public:
     std::uint64_t size_bytes() const override { return size_bytes_; }
     bool read(std::uint64_t offset, std::span<std::uint8_t> out) override
     {
-        return with_connection(
-            [&](nbd_handle* handle) { return nbd_pread(handle, out.data(), out.size(), offset, 0); });
+        return transfer([&](nbd_handle* handle) {
+            return nbd_aio_pread(handle, out.data(), out.size(), offset, NBD_NULL_COMPLETION, 0);
+        });
     }
     bool write(std::uint64_t offset, std::span<const std::uint8_t> data) override
     {
         const bool zeros = can_zero_ && data.size() >= zeros_bytes_min && data[0] == 0 &&
                            std::memcmp(data.data(), data.data() + 1, data.size() - 1) == 0;
-        return with_connection([&](nbd_handle* handle) {
-            return zeros ? nbd_zero(handle, data.size(), offset, 0)
-                         : nbd_pwrite(handle, data.data(), data.size(), offset, 0);
+        return transfer([&](nbd_handle* handle) {
+            return zeros ? nbd_aio_zero(handle, data.size(), offset, NBD_NULL_COMPLETION, 0)
+                         : nbd_aio_pwrite(handle, data.data(), data.size(), offset, NBD_NULL_COMPLETION, 0);
         });
     }
     bool flush() override
     {
-        return !can_flush_ || with_connection([](nbd_handle* handle) { return nbd_flush(handle, 0); });
+        return !can_flush_ ||
+               transfer([](nbd_handle* handle) { return nbd_aio_flush(handle, NBD_NULL_COMPLETION, 0); });
     }
     bool hole(std::uint64_t, std::uint64_t) override { return false; }
+    void read_ahead(std::span<ReadAhead> reads) override
+    {
+        std::vector<Command> commands;
+        for (const ReadAhead& read : reads)
+            commands.push_back({[&read](nbd_handle* handle) {
+                return nbd_aio_pread(handle, read.out.data(), read.out.size(), read.offset,
+                                     NBD_NULL_COMPLETION, 0);
+            }});
+        transfer(commands);
+        for (std::size_t i = 0; i < reads.size(); ++i)
+            reads[i].done = commands[i].error == 0;
+    }
 
 private:
     std::string connect(Connection& connection) const;
     void connect_again(Connection& connection);
     Connection& choose(std::unique_lock<std::mutex>& held);
-
-    template <typename Request>
-    bool with_connection(Request request)
+    // Returns when all have ended, however often the connection goes meanwhile: reads and writes of the same
+    // bytes may be repeated.
+    void transfer(std::span<Command> commands);
+    bool transfer(std::function<std::int64_t(nbd_handle*)> start)
     {
-        std::unique_lock<std::mutex> held;
-        Connection& connection = choose(held);
-        for (;;) {
-            if (!connection.handle || nbd_aio_is_ready(connection.handle.get()) != 1)
-                connect_again(connection);
-            if (request(connection.handle.get()) == 0)
-                return true;
-            const int error = nbd_get_errno();
-            // Asked again when the connection has gone: reads and writes of the same bytes may be repeated.
-            if (nbd_aio_is_ready(connection.handle.get()) == 1) {
-                errno = error != 0 ? error : EIO;
-                return false;
-            }
-        }
+        Command command{std::move(start)};
+        transfer({&command, 1});
+        errno = command.error;
+        return command.error == 0;
     }
+    bool await(nbd_handle* handle, std::span<Command> commands) const;
 
     const std::string uri_;
-    const bool readonly_;
+    const NbdPatience patience_;
     std::uint64_t size_bytes_ = 0;
     bool can_zero_ = false, can_flush_ = false;
     std::array<Connection, 4> connections_;
@@ -112,14 +136,32 @@ private:
     std::atomic<bool> away_{false};  // and told
 };
 
+std::string last_error()
+{
+    const char* const reason = nbd_get_error();
+    return reason ? reason : "no connection";
+}
+
+bool usable(nbd_handle* handle)
+{
+    return nbd_aio_is_ready(handle) == 1 || nbd_aio_is_processing(handle) == 1;
+}
+
 // Empty: it is there. Otherwise why not.
 std::string NbdStore::connect(Connection& connection) const
 {
     connection.handle.reset(nbd_create());
-    if (connection.handle && nbd_connect_uri(connection.handle.get(), uri_.c_str()) == 0)
-        return "";
-    const char* const reason = nbd_get_error();
-    return reason ? reason : "no connection";
+    nbd_handle* const handle = connection.handle.get();
+    if (!handle || nbd_aio_connect_uri(handle, uri_.c_str()) != 0)
+        return last_error();
+    const Time until = now() + patience_.connect;
+    while (nbd_aio_is_connecting(handle) == 1) {
+        if (nbd_poll(handle, 100) < 0)
+            return last_error();
+        if (now() > until)
+            return "does not answer";
+    }
+    return nbd_aio_is_ready(handle) == 1 ? "" : last_error();
 }
 
 void NbdStore::connect_again(Connection& connection)
@@ -140,6 +182,64 @@ void NbdStore::connect_again(Connection& connection)
     }
 }
 
+// False: the connection is of no use any more. A machine that vanished does not close it, so that silence
+// counts.
+bool NbdStore::await(nbd_handle* handle, std::span<Command> commands) const
+{
+    Time heard = now();
+    for (;;) {
+        bool waits = false;
+        for (Command& command : commands) {
+            if (command.ended)
+                continue;
+            const int state = nbd_aio_command_completed(handle, static_cast<std::uint64_t>(command.cookie));
+            const int error = state < 0 ? nbd_get_errno() : 0;
+            // A server that ends tells so before it closes.
+            if (state < 0 && (!usable(handle) || error == ESHUTDOWN))
+                return false;
+            if (state != 0) {
+                command.ended = true;
+                command.error = state > 0 ? 0 : error != 0 ? error : EIO;
+                heard = now();
+            }
+            waits = waits || !command.ended;
+        }
+        if (!waits)
+            return true;
+        if (!usable(handle) || nbd_poll(handle, static_cast<int>(patience_.answer.count() / 4)) < 0 || now() - heard > patience_.answer)
+            return false;
+    }
+}
+
+void NbdStore::transfer(std::span<Command> commands)
+{
+    std::unique_lock<std::mutex> held;
+    Connection& connection = choose(held);
+    for (bool good = true;; good = false) {
+        if (!good || !connection.handle || !usable(connection.handle.get()))
+            connect_again(connection);
+        nbd_handle* const handle = connection.handle.get();
+        for (Command& command : commands) {
+            if (command.ended)
+                continue;
+            command.cookie = command.start(handle);
+            if (command.cookie >= 0)
+                continue;
+            const int error = nbd_get_errno();
+            if (!usable(handle))
+                break;
+            command.ended = true;
+            command.error = error != 0 ? error : EIO;
+        }
+        const bool started = std::ranges::all_of(
+            commands, [](const Command& command) { return command.ended || command.cookie >= 0; });
+        if (started && await(handle, commands))
+            return;
+        for (Command& command : commands)
+            command.cookie = -1;
+    }
+}
+
 Connection& NbdStore::choose(std::unique_lock<std::mutex>& held)
 {
     const unsigned first = next_++;
@@ -156,9 +256,9 @@ Connection& NbdStore::choose(std::unique_lock<std::mutex>& held)
 
 }  // namespace
 
-std::shared_ptr<BlockStore> open_nbd_store(const std::string& uri, bool readonly)
+std::shared_ptr<BlockStore> open_nbd_store(const std::string& uri, bool readonly, const NbdPatience& patience)
 {
-    return std::make_shared<NbdStore>(uri, readonly);
+    return std::make_shared<NbdStore>(uri, readonly, patience);
 }
 
 std::shared_ptr<BlockStore> open_disk_store(const std::string& path, bool readonly)

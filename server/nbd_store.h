@@ -3,6 +3,7 @@
 // that may wait use it. Any of them may at any time.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -14,6 +15,12 @@ namespace server {
 // names the path; a file that is no raw disk is refused.
 std::shared_ptr<BlockStore> open_disk_store(const std::string& path, bool readonly);
 
-std::shared_ptr<BlockStore> open_nbd_store(const std::string& uri, bool readonly);
+// How long it may be silent until it counts as gone.
+struct NbdPatience {
+    std::chrono::milliseconds connect{2000};
+    std::chrono::milliseconds answer{20000};
+};
+std::shared_ptr<BlockStore> open_nbd_store(const std::string& uri, bool readonly,
+                                           const NbdPatience& patience = {});
 
 }  // namespace server

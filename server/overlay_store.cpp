@@ -2,6 +2,7 @@
 #include "server/overlay_store.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstring>
 #include <stdexcept>
@@ -192,6 +193,28 @@ bool OverlayStore::hole(std::uint64_t offset, std::uint64_t bytes)
         offset += run;
     }
     return true;
+}
+
+// Those that lie in the image or in the file as a whole.
+void OverlayStore::read_ahead(std::span<ReadAhead> reads)
+{
+    for (const bool in_file : {false, true}) {
+        std::array<ReadAhead, reads_ahead_max> there{};
+        std::array<ReadAhead*, reads_ahead_max> asked{};
+        std::size_t count = 0;
+        for (ReadAhead& read : reads) {
+            const std::uint64_t end = read.offset + read.out.size();
+            if (holds(read.offset / shape_.block_bytes) != in_file || run_end(read.offset, end) != end)
+                continue;
+            there[count] = {read.offset + (in_file ? shape_.data_offset() : 0), read.out};
+            asked[count++] = &read;
+        }
+        if (count == 0)
+            continue;
+        (in_file ? *file_ : *base_).read_ahead(std::span(there).first(count));
+        for (std::size_t i = 0; i < count; ++i)
+            asked[i]->done = there[i].done;
+    }
 }
 
 bool OverlayStore::base_has_zeros(std::uint64_t offset, std::uint64_t bytes)

@@ -49,6 +49,7 @@ public:
     bool write(std::uint64_t offset, std::span<const std::uint8_t> data) override;
     bool flush() override;
     bool hole(std::uint64_t offset, std::uint64_t bytes) override;
+    void read_ahead(std::span<ReadAhead> reads) override;
 
     std::uint64_t blocks_held() const { return blocks_held_; }
     const OverlayShape& shape() const { return shape_; }

@@ -12,6 +12,13 @@ namespace {
 
 thread_local PacketSink* thread_sink = nullptr;
 
+std::uint64_t steady_ms()
+{
+    using namespace std::chrono;
+    return static_cast<std::uint64_t>(
+        duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
+}
+
 template <typename Value>
 void append(std::vector<std::uint8_t>& to, const Value& value)
 {
@@ -34,18 +41,23 @@ struct WorkPool::Shared {
     MakeSink make_sink;
     std::mutex lock;
     std::condition_variable changed;
+    Clock clock;
     std::deque<std::shared_ptr<Strand>> ready;
+    std::multimap<std::uint64_t, std::shared_ptr<Strand>> resting;  // by the time when they go on
     std::uint64_t taken = 0;
     unsigned threads = 0;
     unsigned idle = 0;
     bool stopping = false;
 
     void work();
+    void wait(std::unique_lock<std::mutex>& held);
+    void wake_rested();
 };
 
-WorkPool::WorkPool(unsigned threads, MakeSink make_sink) : shared_(std::make_shared<Shared>())
+WorkPool::WorkPool(unsigned threads, MakeSink make_sink, Clock clock) : shared_(std::make_shared<Shared>())
 {
     shared_->make_sink = std::move(make_sink);
+    shared_->clock = clock ? std::move(clock) : steady_ms;
     std::lock_guard guard(shared_->lock);
     for (unsigned i = 0; i < threads; ++i)
         add_thread();
@@ -99,6 +111,15 @@ void WorkPool::enqueue(std::shared_ptr<Strand> strand)
         shared_->changed.notify_one();
 }
 
+void WorkPool::enqueue_later(std::shared_ptr<Strand> strand, std::uint64_t rest_ms)
+{
+    {
+        std::lock_guard guard(shared_->lock);
+        shared_->resting.emplace(shared_->clock() + rest_ms, std::move(strand));
+    }
+    shared_->changed.notify_one();
+}
+
 void WorkPool::grow_if_stuck()
 {
     std::lock_guard guard(shared_->lock);
@@ -108,6 +129,34 @@ void WorkPool::grow_if_stuck()
     taken_before_ = shared_->taken;
 }
 
+// All under the lock.
+void WorkPool::Shared::wake_rested()
+{
+    if (resting.empty())
+        return;
+    const std::uint64_t now = clock();
+    while (!resting.empty() && (resting.begin()->first <= now || stopping)) {
+        ready.push_back(std::move(resting.begin()->second));
+        resting.erase(resting.begin());
+    }
+}
+
+void WorkPool::Shared::wait(std::unique_lock<std::mutex>& held)
+{
+    for (;;) {
+        wake_rested();
+        if (stopping || !ready.empty())
+            return;
+        if (resting.empty()) {
+            changed.wait(held);
+            continue;
+        }
+        const std::uint64_t now = clock(), due = resting.begin()->first;
+        if (due > now)
+            changed.wait_for(held, std::chrono::milliseconds(due - now));
+    }
+}
+
 void WorkPool::Shared::work()
 {
     const std::unique_ptr<PacketSink> sink = make_sink();
@@ -115,7 +164,7 @@ void WorkPool::Shared::work()
     std::unique_lock guard(lock);
     for (;;) {
         ++idle;
-        changed.wait(guard, [this] { return stopping || !ready.empty(); });
+        wait(guard);
         --idle;
         if (ready.empty())
             break;
@@ -140,6 +189,7 @@ void WorkPool::run_all()
         std::shared_ptr<Strand> strand;
         {
             std::lock_guard guard(shared_->lock);
+            shared_->wake_rested();
             if (shared_->ready.empty())
                 break;
             strand = std::move(shared_->ready.front());
@@ -181,30 +231,39 @@ bool Strand::post(std::function<void()> task)
     return true;
 }
 
-// One turn: what has gathered until now.
+// One turn: some of what has gathered, and the tasks that came with the last of it.
 void Strand::run()
 {
-    std::vector<std::function<void()>> tasks;
-    {
+    if (turn_at_ == packets_in_turn_.size()) {
+        packets_in_turn_.clear();
+        turn_at_ = 0;
         std::lock_guard guard(lock_);
         packets_.swap(packets_in_turn_);
-        tasks.swap(tasks_);
+        tasks_.swap(tasks_in_turn_);
     }
-    for (std::span<const std::uint8_t> rest = packets_in_turn_; !rest.empty();) {
+    items_.clear();
+    std::span<const std::uint8_t> rest = std::span(packets_in_turn_).subspan(turn_at_);
+    while (!rest.empty() && items_.size() < turn_packets_max) {
         const Peer from = take<Peer>(rest);
         const auto bytes = take<std::uint32_t>(rest);
-        handlers_.packet(from, rest.first(bytes));
+        items_.push_back({from, rest.first(bytes)});
         rest = rest.subspan(bytes);
     }
-    packets_in_turn_.clear();
-    for (const auto& task : tasks)
-        task();
-    tasks.clear();
-    if (handlers_.end_of_turn)
-        handlers_.end_of_turn();
+    turn_at_ = packets_in_turn_.size() - rest.size();
+    if (handlers_.begin_of_turn)
+        handlers_.begin_of_turn(items_);
+    for (const Item& item : items_)
+        handlers_.packet(item.from, item.packet);
+    if (rest.empty()) {
+        for (const auto& task : std::exchange(tasks_in_turn_, {}))
+            task();
+    }
+    const std::uint64_t rest_ms = handlers_.end_of_turn ? handlers_.end_of_turn() : 0;
+    if (rest_ms != 0)
+        return pool_.enqueue_later(shared_from_this(), rest_ms);
     {
         std::lock_guard guard(lock_);
-        if (packets_.empty() && tasks_.empty()) {
+        if (rest.empty() && packets_.empty() && tasks_.empty()) {
             queued_ = false;
             if (closed_)
                 handlers_ = {};

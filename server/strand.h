@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Work that waits for storage, off the threads that receive. A strand is a row of packets and tasks of which
-// one runs at a time; a pool of threads takes strands in turn, each for what has gathered, so that a busy one
-// cannot starve the others. A strand that hangs in its storage holds one thread, and the pool grows in its
-// stead.
+// one runs at a time; a pool of threads takes strands in turn, each for some of what has gathered, so that a
+// busy one cannot starve the others. A strand that hangs in its storage holds one thread, and the pool grows
+// in its stead.
 //
 // Locks: a strand's, or the pool's, never both.
 #pragma once
@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -25,9 +26,11 @@ class Strand;
 class WorkPool {
 public:
     using MakeSink = std::function<std::unique_ptr<PacketSink>()>;
+    using Clock = std::function<std::uint64_t()>;  // milliseconds
 
-    // Each thread sends by a sink of its own. Without threads, run_all() does the work.
-    WorkPool(unsigned threads, MakeSink make_sink);
+    // Each thread sends by a sink of its own. Without threads, run_all() does the work. The clock is of
+    // strands that rest; none: the kernel's.
+    WorkPool(unsigned threads, MakeSink make_sink, Clock clock = nullptr);
     ~WorkPool();
 
     // Ends the threads when nothing is left to do; those that hang are left alone.
@@ -47,6 +50,7 @@ public:
 private:
     friend Strand;
     void enqueue(std::shared_ptr<Strand> strand);
+    void enqueue_later(std::shared_ptr<Strand> strand, std::uint64_t rest_ms);
     void add_thread();  // under the lock
 
     struct Shared;
@@ -68,10 +72,17 @@ public:
 
 class Strand : public std::enable_shared_from_this<Strand> {
 public:
+    struct Item {
+        Peer from;
+        std::span<const std::uint8_t> packet;
+    };
+    // All but the first may be null.
     struct Handlers {
         std::function<void(const Peer& from, std::span<const std::uint8_t> packet)> packet;
-        std::function<void()> end_of_turn;  // may be null
+        std::function<void(std::span<const Item>)> begin_of_turn;
+        std::function<std::uint64_t()> end_of_turn;  // returns how long the strand rests, in milliseconds
     };
+    static constexpr std::size_t turn_packets_max = 64;
     static constexpr std::size_t waiting_bytes_max = 1 << 20;
 
     // The handlers, and what they hold, go when the strand is closed and at rest.
@@ -93,7 +104,9 @@ private:
     std::mutex lock_;
     std::condition_variable rests_;
     std::vector<std::uint8_t> packets_, packets_in_turn_;  // each a peer, a size and the bytes
-    std::vector<std::function<void()>> tasks_;
+    std::size_t turn_at_ = 0;                              // in packets_in_turn_: what has been worked on
+    std::vector<Item> items_;                              // of the turn
+    std::vector<std::function<void()>> tasks_, tasks_in_turn_;
     bool queued_ = false;  // waits for a thread, or has one
     bool closed_ = false;
 };

@@ -5,6 +5,7 @@ import hashlib
 import json
 import os
 import random
+import signal
 import socket
 import struct
 import subprocess
@@ -240,11 +241,14 @@ allow = ["127.0.0.0/8"]
         def serve_raw():
             return self.start_client("nbdkit", "-f", "-U", sockets[0], "file", self.path("golden"))
         def serve_qcow2():
-            return self.start_client("qemu-nbd", "-t", "-f", "qcow2", "-k", sockets[1], self.path("golden.qcow2"))
+            return self.start_client("qemu-storage-daemon", "--blockdev",
+                                     f"driver=qcow2,node-name=disk,file.driver=file,file.filename={self.path('golden.qcow2')}",
+                                     "--nbd-server", f"addr.type=unix,addr.path={sockets[1]}",
+                                     "--export", "type=nbd,id=disk,node-name=disk,name=disk,writable=on")
         kit, other = serve_raw(), serve_qcow2()
         self.wait_until(lambda: all(os.path.exists(path) for path in sockets), "NBD servers")
         server = FleetServer(self, self.config('{ image = "raw" }, { image = "cow", mode = "exclusive" }', images={
-            "raw": f"nbd+unix:///?socket={sockets[0]}", "cow": f"nbd+unix:///?socket={sockets[1]}"}))
+            "raw": f"nbd+unix:///?socket={sockets[0]}", "cow": f"nbd+unix:///disk?socket={sockets[1]}"}))
         station = FleetStation(self, server, "pc0")
         self.assertEqual(self.read(station), golden)
         self.write(station, 4096, b"over" * 1024)
@@ -262,6 +266,34 @@ allow = ["127.0.0.0/8"]
         with open(self.path("golden"), "rb") as file:
             golden[:] = file.read()
         golden[4096:8192] = b"over" * 1024
+        with open(self.path("late"), "rb") as file:
+            self.assertEqual(file.read(), golden)
+
+    def test_A_store_that_stalls_hurts_its_disks_alone_and_reads_of_it_run_together(self):
+        golden = self.golden()
+        paths = self.path("kit"), self.path("kit.log")
+        kit = self.start_client("nbdkit", "-f", "-U", paths[0], "--filter=log", "--filter=delay", "file",
+                                self.path("golden"), f"logfile={paths[1]}", "rdelay=3ms")
+        self.wait_until(lambda: os.path.exists(paths[0]), "the NBD server")
+        text = self.config('{ image = "raw" }', images={"raw": f"nbd+unix:///?socket={paths[0]}", "golden": self.path("golden")})
+        server = FleetServer(self, text.replace('52:54:00:00:00:01"\ngroup = "room"',
+                                                '52:54:00:00:00:01"\ndisks = [{ image = "golden" }]'))
+        station = FleetStation(self, server, "pc0")
+        self.assertEqual(self.read(station), golden)
+        most = waiting = 0
+        with open(paths[1]) as file:
+            for line in file:
+                waiting += (" Read " in line) - ("...Read " in line)
+                most = max(most, waiting)
+        self.assertGreater(most, 1, "reads in flight at the NBD server")
+        kit.send_signal(signal.SIGSTOP)
+        reader = self.start_client("nbdcopy", station.uri(), self.path("late"))
+        self.wait_until(lambda: server.ctl("show", "pc0")["disks"][0]["read_requests"] > 0, "reading")
+        other = FleetStation(self, server, "pc1")
+        self.assertEqual(self.read(other), golden, "boots and reads while the other's storage stalls")
+        self.assertIsNone(reader.poll())
+        kit.send_signal(signal.SIGCONT)
+        self.finish_client(reader)
         with open(self.path("late"), "rb") as file:
             self.assertEqual(file.read(), golden)
 

@@ -94,6 +94,10 @@ TEST(Fleet_config, Faults_are_told_with_line_and_expectation)
         {with("path = \"windows.img\"", "pfad = \"windows.img\""),
          "s.toml:7: 'pfad' is unknown in [images.windows]; expected: path, area"},
         {with("slots = 8", "slots = 9"), "s.toml:12: 'slots' must be a number from 1 to 8"},
+        {with("policy = \"group\"",
+              "policy = \"group\"\n[groups.last]\nlimit_mb_s = 2\ndisks = [{ image = \"data\", slots = 8 "
+              "}, { image = \"data\", slots = 8 }]"),
+         "'limit_mb_s' must be at least 3 for these disks"},
         {with("slots = 8", "slots = \"8\""), "s.toml:12: 'slots' must be a number"},
         {with("\"keep\"", "\"kept\""), "s.toml:12: 'at_boot' is \"kept\"; expected: \"discard\", \"keep\""},
         {with("\"exclusive\"", "\"readonly\""), "s.toml:13: 'mirror' is for mode"},
