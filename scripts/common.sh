@@ -12,7 +12,7 @@ client_packages=(libnbd-bin nbdkit qemu-utils qemu-system-common fio e2fsprogs)
 package_packages=(scdoc mtools xorriso dpkg-dev file)
 # The clients, and a linker that is three times as fast: some seventy test programs, twice.
 test_packages=("${client_packages[@]}" lld)
-long_packages=(tshark debootstrap "${package_packages[@]}")
+long_packages=(tshark debootstrap chromium "${package_packages[@]}")
 fuzz_packages=(clang libclang-rt-dev)
 
 # One line per argument.
