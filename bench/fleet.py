@@ -2,14 +2,15 @@
 # SPDX-License-Identifier: MIT
 """Several stations at once on one server: all that they read in a second, and what a read of 4 KB waits.
 
-usage: bench/fleet.py [STATIONS...]      default: 1 4 10; 40 takes 8 GB of memory
+usage: bench/fleet.py [STATIONS...]      default: 1 4 10; 40 takes 4 GB of memory
 
-Each row beside the same stations, each on a server of its own with the disk on the command line, and one client
-beside nbdkit with the same file.
+Each row beside the same stations, each on a server of its own with the disk on the command line, and beside as many
+clients of nbdkit and, where it is installed and one is root, of tgt with the same file.
 """
 import json
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import sys
@@ -36,11 +37,25 @@ class Programs:
             time.sleep(0.02)
         return pathlib.Path(output).read_text().split("ready ")[1].split()[0]
 
+    def start_quietly(self, *arguments):
+        self.running.append(subprocess.Popen([str(a) for a in arguments], stdout=subprocess.DEVNULL,
+                                             stderr=subprocess.DEVNULL))
+
+    def wait_for(self, path):
+        while not path.exists():
+            if self.running[-1].poll() is not None:
+                sys.exit(f"{self.running[-1].args} has ended")
+            time.sleep(0.02)
+
     def stop(self):
         for process in reversed(self.running):
             process.send_signal(signal.SIGTERM)
         for process in self.running:
-            process.wait()
+            try:
+                process.wait(timeout=5)
+            except subprocess.TimeoutExpired:  # tgtd stays
+                process.kill()
+                process.wait()
         self.running = []
 
 
@@ -68,7 +83,7 @@ def stations(programs, folder, blocks):
     for number, block in enumerate(blocks):
         path = folder / f"s{number}.nbd"
         programs.start(folder / f"s{number}.out", BIN / "qrn-station" if isinstance(BIN, pathlib.Path) else f"{BIN}/qrn-station",
-                       "--boot-block", block, "--nbd", f"unix:{path}", "--memory", "128")
+                       "--boot-block", block, "--nbd", f"unix:{path}", "--memory", "64")
         uris.append(f"nbd+unix:///lun0?socket={path}")
     return uris
 
@@ -100,37 +115,55 @@ def alone(programs, folder, count):
     return stations(programs, folder, blocks)
 
 
-def nbdkit(folder):
+def nbdkit(programs, folder, count):
     path = folder / "kit"
-    process = subprocess.Popen(["nbdkit", "-f", "-r", "-U", path, "file", folder / "image"])
-    while not path.exists():
-        time.sleep(0.02)
-    return process, [f"nbd+unix:///?socket={path}"]
+    programs.start_quietly("nbdkit", "-f", "-r", "-U", path, "file", folder / "image")
+    programs.wait_for(path)
+    return [f"nbd+unix:///?socket={path}"] * count
+
+
+def tgt(programs, folder, count):
+    """Each client speaks NBD to an iSCSI initiator of its own, as to a station."""
+    control, port = "77", 32601
+    programs.start_quietly("tgtd", "-f", "-C", control, "--iscsi", f"portal=127.0.0.1:{port}")
+    tell = ["tgtadm", "-C", control, "--lld", "iscsi", "--op"]
+    while subprocess.run([*tell, "show", "--mode", "target"], stdout=subprocess.DEVNULL,
+                         stderr=subprocess.DEVNULL).returncode != 0:
+        time.sleep(0.1)
+    for command in (("new", "--mode", "target", "--tid", "1", "-T", "iqn.2026-01.bench:image"),
+                    ("new", "--mode", "logicalunit", "--tid", "1", "--lun", "1", "-b", folder / "image"),
+                    ("bind", "--mode", "target", "--tid", "1", "-I", "ALL")):
+        subprocess.run([*tell, *command], check=True)
+    uris = []
+    for number in range(count):
+        path = folder / f"t{number}.nbd"
+        programs.start_quietly(
+            "qemu-storage-daemon", "--blockdev", "driver=iscsi,node-name=disk,transport=tcp,cache.direct=on,read-only=on,"
+            f"portal=127.0.0.1:{port},target=iqn.2026-01.bench:image,lun=1,initiator-name=iqn.2026-01.bench:c{number}",
+            "--nbd-server", f"addr.type=unix,addr.path={path}", "--export", "type=nbd,id=disk,node-name=disk,name=disk")
+        programs.wait_for(path)
+        uris.append(f"nbd+unix:///disk?socket={path}")
+    return uris
 
 
 def main():
     counts = [int(a) for a in sys.argv[1:]] or [1, 4, 10]
     print(f"{'':<34}{'MB/s':>8}{'p99 4 KB us':>13}{'reads/s':>9}")
-
-    def row(name, figures):
-        print(f"{name:<34}{figures[0]:>8.0f}{figures[1]:>13.0f}{figures[2]:>9.0f}", flush=True)
-
+    kinds = [("stations, a server for each", alone),
+             ("stations, one server, read-only", lambda *a: fleet(*a, "readonly")),
+             ("stations, one server, overlays", lambda *a: fleet(*a, "overlay")), ("clients, nbdkit", nbdkit)]
+    if shutil.which("tgtd") and os.geteuid() == 0:
+        kinds.append(("clients, tgt", tgt))
     for count in counts:
-        for name, start in (("a server for each", alone), ("one server, read-only", lambda *a: fleet(*a, "readonly")),
-                            ("one server, overlays", lambda *a: fleet(*a, "overlay"))):
+        for name, start in kinds:
             with tempfile.TemporaryDirectory(prefix="qrn-fleet-") as name_of_folder:
                 folder, programs = pathlib.Path(name_of_folder), Programs()
                 (folder / "image").write_bytes(os.urandom(IMAGE_MB * MB))
                 try:
-                    row(f"{count} stations, {name}", measure(start(programs, folder, count), folder))
+                    figures = measure(start(programs, folder, count), folder)
                 finally:
                     programs.stop()
-    with tempfile.TemporaryDirectory(prefix="qrn-fleet-") as name_of_folder:
-        folder = pathlib.Path(name_of_folder)
-        (folder / "image").write_bytes(os.urandom(IMAGE_MB * MB))
-        process, uris = nbdkit(folder)
-        row("1 client, nbdkit", measure(uris, folder))
-        process.terminate()
+                print(f"{f'{count} {name}':<34}{figures[0]:>8.0f}{figures[1]:>13.0f}{figures[2]:>9.0f}", flush=True)
 
 
 if __name__ == "__main__":
