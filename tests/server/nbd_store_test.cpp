@@ -46,22 +46,29 @@ public:
         shutdown(listening_, SHUT_RDWR);
         thread_.join();
         close(listening_);
-        for (const pid_t process : processes_) {
+        all(SIGKILL);
+        for (const pid_t process : stopped_) {
             kill(process, SIGKILL);
             waitpid(process, nullptr, 0);
         }
     }
     std::string uri() const { return "nbd+unix:///?socket=" + path_; }
+    // Returns when none of them runs any more.
     void all(int signal)
     {
         std::lock_guard guard(lock_);
-        for (const pid_t process : processes_)
+        for (const pid_t process : running_) {
             kill(process, signal);
+            waitpid(process, nullptr, WUNTRACED);
+            if (signal == SIGSTOP)
+                stopped_.push_back(process);
+        }
+        running_.clear();
     }
-    std::size_t connections()
+    unsigned connections()
     {
         std::lock_guard guard(lock_);
-        return processes_.size();
+        return connections_;
     }
 
 private:
@@ -79,16 +86,18 @@ private:
             pid_t process = -1;
             if (posix_spawnp(&process, "nbdkit", &actions, nullptr, arguments, environ) != 0)
                 ADD_FAILURE() << "nbdkit does not start";
+            else
+                running_.push_back(process);
             posix_spawn_file_actions_destroy(&actions);
-            if (process > 0)
-                processes_.push_back(process);
+            ++connections_;
         }
     }
 
     const std::string path_, disk_;
     int listening_ = -1;
     std::mutex lock_;
-    std::vector<pid_t> processes_;
+    std::vector<pid_t> running_, stopped_;
+    unsigned connections_ = 0;
     std::thread thread_;
 };
 
@@ -105,7 +114,7 @@ TEST(Nbd_store, Goes_on_over_another_connection_when_one_ends_or_falls_silent)
         constexpr unsigned used = 4;
         for (unsigned i = 0; i < used; ++i)
             ASSERT_TRUE(store->read(512, got));
-        const std::size_t before = exporter.connections();
+        const unsigned before = exporter.connections();
         exporter.all(signal);
         for (unsigned i = 0; i < used; ++i) {
             std::ranges::fill(got, 0);
