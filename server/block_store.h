@@ -33,6 +33,8 @@ public:
     // At most reads_ahead_max of them: a store that would wait for one after the other lets them run at once.
     // Those that it has read by then are done; the others are still to be read.
     virtual void read_ahead(std::span<ReadAhead>) {}
+    // True: it is read, and the medium was not waited for. Otherwise it is still to be read.
+    virtual bool read_now(std::uint64_t, std::span<std::uint8_t>) { return false; }
 };
 
 // Throws std::system_error or std::runtime_error with a message that names the path.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <set>
 #include <system_error>
 #include <utility>
@@ -38,6 +39,7 @@ struct DiskLane::Parts {
         heard = true;
     }
     void begin_turn(std::span<const Strand::Item> items);
+    void announce(std::span<const std::uint8_t> packet);
     std::uint64_t end_turn(std::mutex& lock, LaneStatus& status);
     void tell(const StoreFailure& failure);
 
@@ -75,14 +77,19 @@ void DiskLane::Parts::tell(const StoreFailure& failure)
 void DiskLane::Parts::begin_turn(std::span<const Strand::Item> items)
 {
     ahead->begin();
-    for (const auto& [from, packet] : items) {
-        formats::WireHeader header{};
-        std::memcpy(&header, packet.data(), std::min(packet.size(), sizeof header));
-        if (header.Kind == formats::kind_read && header.Sub_Code == formats::sub_request &&
-            header.Length.get() != 0 && range_valid(header, *ahead))
-            ahead->add(store_offset(header), header.Length.get());
-    }
+    for (const auto& [from, packet] : items)
+        announce(packet);
     ahead->fetch();
+}
+
+// A read, to the store.
+void DiskLane::Parts::announce(std::span<const std::uint8_t> packet)
+{
+    formats::WireHeader header{};
+    std::memcpy(&header, packet.data(), std::min(packet.size(), sizeof header));
+    if (header.Kind == formats::kind_read && header.Sub_Code == formats::sub_request &&
+        header.Length.get() != 0 && range_valid(header, *ahead))
+        ahead->add(store_offset(header), header.Length.get());
 }
 
 std::uint64_t DiskLane::Parts::end_turn(std::mutex& lock, LaneStatus& status)
@@ -122,6 +129,15 @@ DiskLane::DiskLane(WorkPool& pool, LaneSetup setup, Clock clock)
         Strand::Handlers{
             [parts](const Peer& from, std::span<const std::uint8_t> packet) { parts->receive(from, packet); },
             [parts](std::span<const Strand::Item> items) { parts->begin_turn(items); },
+            [parts, lock = status_lock_, status = status_](
+                const Peer& from, std::span<const std::uint8_t> packet) -> std::optional<std::uint64_t> {
+                parts->ahead->begin();
+                parts->announce(packet);
+                if (!parts->ahead->fetch_now())
+                    return std::nullopt;
+                parts->receive(from, packet);
+                return parts->end_turn(*lock, *status);
+            },
             [parts, lock = status_lock_, status = status_] { return parts->end_turn(*lock, *status); }});
 }
 

@@ -6,6 +6,7 @@
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -83,6 +84,14 @@ public:
     }
     bool flush() override { return fdatasync(file_) == 0; }
     bool hole(std::uint64_t offset, std::uint64_t bytes) override;
+    bool read_now(std::uint64_t offset, std::span<std::uint8_t> out) override
+    {
+        if (may_have_holes_ && !known_data(offset))
+            return false;
+        const iovec all{out.data(), out.size()};
+        return preadv2(file_, &all, 1, static_cast<off_t>(offset), RWF_NOWAIT) ==
+               static_cast<ssize_t>(out.size());
+    }
     // The medium works on all of them while the first is waited for.
     void read_ahead(std::span<ReadAhead> reads) override
     {

@@ -60,7 +60,7 @@ Fleet::Fleet(const FleetConfig& config, const std::string& config_path, const Pe
                                     boot_from_ = from;
                                     boot_service_.receive(from, packet);
                                 },
-                                nullptr, nullptr});
+                                nullptr, nullptr, nullptr});
     for (auto& [name, workstation] : workstations_)
         if (workstation.booted)
             begin(workstation, false);

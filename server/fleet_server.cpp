@@ -110,6 +110,7 @@ void FleetServer::receive_from(UdpSocket& socket)
     const UdpSocket::Handler handler = [this](const Peer& from, std::span<const std::uint8_t> packet) {
         fleet_->receive(from, packet);
     };
+    WorkPool::set_sink(&socket);
     while (!stopping_) {
         socket.receive(handler);
         ++receiving_;

@@ -30,6 +30,10 @@ public:
     bool flush() override { return inner_->flush(); }
     bool hole(std::uint64_t offset, std::uint64_t bytes) override { return inner_->hole(offset, bytes); }
     void read_ahead(std::span<ReadAhead> reads) override { inner_->read_ahead(reads); }
+    bool read_now(std::uint64_t offset, std::span<std::uint8_t> out) override
+    {
+        return inner_->read_now(offset, out);
+    }
 
 private:
     std::shared_ptr<BlockStore> inner_;
@@ -65,6 +69,11 @@ public:
     {
         if (count_ > 1)
             read_ahead(std::span(reads_).first(count_));
+    }
+    // True: the one read that was added needs no waiting.
+    bool fetch_now()
+    {
+        return count_ == 1 && (reads_[0].done = StoreAround::read_now(reads_[0].offset, reads_[0].out));
     }
 
     bool read(std::uint64_t offset, std::span<std::uint8_t> out) override

@@ -206,7 +206,8 @@ bool NbdStore::await(nbd_handle* handle, std::span<Command> commands) const
         }
         if (!waits)
             return true;
-        if (!usable(handle) || nbd_poll(handle, static_cast<int>(patience_.answer.count() / 4)) < 0 || now() - heard > patience_.answer)
+        if (!usable(handle) || nbd_poll(handle, static_cast<int>(patience_.answer.count() / 4)) < 0 ||
+            now() - heard > patience_.answer)
             return false;
     }
 }

@@ -217,6 +217,15 @@ void OverlayStore::read_ahead(std::span<ReadAhead> reads)
     }
 }
 
+bool OverlayStore::read_now(std::uint64_t offset, std::span<std::uint8_t> out)
+{
+    const std::uint64_t end = offset + out.size();
+    if (run_end(offset, end) != end)
+        return false;
+    return holds(offset / shape_.block_bytes) ? file_->read_now(shape_.data_offset() + offset, out)
+                                              : base_->read_now(offset, out);
+}
+
 bool OverlayStore::base_has_zeros(std::uint64_t offset, std::uint64_t bytes)
 {
     return run_end(offset, offset + bytes) == offset + bytes && !holds(offset / shape_.block_bytes) &&

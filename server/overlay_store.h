@@ -50,6 +50,7 @@ public:
     bool flush() override;
     bool hole(std::uint64_t offset, std::uint64_t bytes) override;
     void read_ahead(std::span<ReadAhead> reads) override;
+    bool read_now(std::uint64_t offset, std::span<std::uint8_t> out) override;
 
     std::uint64_t blocks_held() const { return blocks_held_; }
     const OverlayShape& shape() const { return shape_; }

@@ -99,6 +99,11 @@ PacketSink& WorkPool::sink()
     return *thread_sink;
 }
 
+void WorkPool::set_sink(PacketSink* sink)
+{
+    thread_sink = sink;
+}
+
 void WorkPool::enqueue(std::shared_ptr<Strand> strand)
 {
     bool wakes;
@@ -207,14 +212,32 @@ bool Strand::add_packet(const Peer& from, std::span<const std::uint8_t> packet)
         std::lock_guard guard(lock_);
         if (closed_ || packets_.size() + packet.size() > waiting_bytes_max)
             return false;
-        append(packets_, from);
-        append(packets_, static_cast<std::uint32_t>(packet.size()));
-        packets_.insert(packets_.end(), packet.begin(), packet.end());
-        if (std::exchange(queued_, true))
-            return true;
+        if (queued_ || !thread_sink || !handlers_.now) {
+            append_packet(from, packet);
+            if (std::exchange(queued_, true))
+                return true;
+            return pool_.enqueue(shared_from_this()), true;
+        }
+        queued_ = true;
+    }
+    if (const auto rest_ms = handlers_.now(from, packet)) {
+        end_turn(*rest_ms, true);
+        return true;
+    }
+    {
+        std::lock_guard guard(lock_);
+        append_packet(from, packet);
     }
     pool_.enqueue(shared_from_this());
     return true;
+}
+
+// Under the lock.
+void Strand::append_packet(const Peer& from, std::span<const std::uint8_t> packet)
+{
+    append(packets_, from);
+    append(packets_, static_cast<std::uint32_t>(packet.size()));
+    packets_.insert(packets_.end(), packet.begin(), packet.end());
 }
 
 bool Strand::post(std::function<void()> task)
@@ -258,12 +281,16 @@ void Strand::run()
         for (const auto& task : std::exchange(tasks_in_turn_, {}))
             task();
     }
-    const std::uint64_t rest_ms = handlers_.end_of_turn ? handlers_.end_of_turn() : 0;
+    end_turn(handlers_.end_of_turn ? handlers_.end_of_turn() : 0, rest.empty());
+}
+
+void Strand::end_turn(std::uint64_t rest_ms, bool done)
+{
     if (rest_ms != 0)
         return pool_.enqueue_later(shared_from_this(), rest_ms);
     {
         std::lock_guard guard(lock_);
-        if (rest.empty() && packets_.empty() && tasks_.empty()) {
+        if (done && packets_.empty() && tasks_.empty()) {
             queued_ = false;
             if (closed_)
                 handlers_ = {};

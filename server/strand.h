@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -44,8 +45,10 @@ public:
 
     void run_all();
 
-    // The sink of the thread that this is called in.
+    // The sink of the thread that this is called in. A thread that receives may have one of its own: then
+    // strands that need not wait are worked on there. Null: none.
     static PacketSink& sink();
+    static void set_sink(PacketSink* sink);
 
 private:
     friend Strand;
@@ -80,6 +83,10 @@ public:
     struct Handlers {
         std::function<void(const Peer& from, std::span<const std::uint8_t> packet)> packet;
         std::function<void(std::span<const Item>)> begin_of_turn;
+        // A whole turn of one packet, in the thread that brings it. Nothing: it would have to wait, and
+        // nothing was done. Otherwise as end_of_turn.
+        std::function<std::optional<std::uint64_t>(const Peer& from, std::span<const std::uint8_t> packet)>
+            now;
         std::function<std::uint64_t()> end_of_turn;  // returns how long the strand rests, in milliseconds
     };
     static constexpr std::size_t turn_packets_max = 64;
@@ -98,6 +105,8 @@ public:
 private:
     friend WorkPool;
     void run();
+    void end_turn(std::uint64_t rest_ms, bool done);
+    void append_packet(const Peer& from, std::span<const std::uint8_t> packet);
 
     WorkPool& pool_;
     Handlers handlers_;

@@ -60,6 +60,37 @@ TEST(A_fleet_under_load, Gives_a_workstation_no_more_than_its_limit_and_lets_nob
     EXPECT_LT(longest_ms, 110u) << "it would ask again";
 }
 
+TEST(A_fleet_under_load, Answers_at_once_where_nothing_has_to_wait)
+{
+    Room room("{ image = \"golden\" }, { image = \"slow\" }");
+    Pc pc(room, 0);
+    pc.boot(1);
+    ASSERT_TRUE(pc.read(0, 512).complete()) << "the stretch of data is known from here on";
+    ASSERT_TRUE(pc.write(100, 8192, 3));
+    ASSERT_TRUE(pc.read(100, 8192).complete());
+    NetworkSink own(room.network);
+    WorkPool::set_sink(&own);
+    const auto ask = [&](unsigned sector, unsigned lun) {
+        Packet packet = pc.addressed(Packet(formats::kind_read, sector, 8192, ++pc.sequence), lun);
+        room.fleet->receive(pc.at, packet.request());
+        pc.collect(packet);
+        return packet;
+    };
+    const Packet of_overlay = ask(100, 0), slow = ask(0, 1);
+    ASSERT_TRUE(of_overlay.complete());
+    EXPECT_TRUE(std::equal(of_overlay.data.begin(), of_overlay.data.end(), pc.content.begin() + 100 * 512));
+    EXPECT_FALSE(slow.complete()) << "not in the thread that receives";
+    // What comes behind something that waits, waits.
+    Packet write = pc.addressed(make_write(100, 512, ++pc.sequence, 4));
+    for (const Bytes& fragment : write.send())
+        room.fleet->receive(pc.at, fragment);
+    EXPECT_FALSE(ask(100, 0).complete());
+    WorkPool::set_sink(nullptr);
+    room.pool.run_all();
+    pc.collect(write);
+    EXPECT_TRUE(write.complete());
+}
+
 TEST(A_fleet_under_load, Asks_its_storage_for_what_waits_all_at_once_and_in_order)
 {
     Room room("{ image = \"slow\" }");

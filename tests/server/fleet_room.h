@@ -84,6 +84,7 @@ public:
         errno = slow_error;
         return false;
     }
+    bool read_now(std::uint64_t, std::span<std::uint8_t>) override { return false; }
     void read_ahead(std::span<server::ReadAhead> reads) override
     {
         read_together_most = std::max(read_together_most, reads.size());
