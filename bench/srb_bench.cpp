@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Workloads through SRBs in the process, with a real block server behind UDP.
 //
-//     qrn-bench-srb [--eager] [--fibers] BOOT-BLOCK SECONDS [DRIVER]
+//     qrn-bench-srb [--eager] [--host-threads] BOOT-BLOCK SECONDS [DRIVER]
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -23,14 +23,14 @@ int main(int argc, char** argv)
     for (; argc >= 2 && argv[1][0] == '-'; ++argv, --argc) {
         if (std::strcmp(argv[1], "--eager") == 0)
             config.feeding = machine::Feeding::eager;
-        else if (std::strcmp(argv[1], "--fibers") == 0)
-            config.host_processors = 2;
+        else if (std::strcmp(argv[1], "--host-threads") == 0)
+            config.host_processors = 0;
         else
             argc = 0;
     }
     double seconds = argc >= 3 ? std::atof(argv[2]) : 0;
     if (argc > 4 || seconds <= 0) {
-        std::fprintf(stderr, "usage: qrn-bench-srb [--eager] [--fibers] BOOT-BLOCK SECONDS [DRIVER]\n");
+        std::fprintf(stderr, "usage: qrn-bench-srb [--eager] [--host-threads] BOOT-BLOCK SECONDS [DRIVER]\n");
         return 2;
     }
     try {

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "station/boot_loader.h"
 
+#include <algorithm>
 #include <stdexcept>
+#include <thread>
 
 #include "formats/boot_record.h"
 #include "machine/transport/transport.h"
@@ -20,6 +22,7 @@ machine::MachineConfig machine_config(const Options& options)
 {
     machine::MachineConfig config;
     config.scheduler = machine::SchedulerKind::real;
+    config.host_processors = std::max(2u, std::thread::hardware_concurrency());
     config.memory_ranges = {{megabyte, options.memory_mb * megabyte}};
     config.unmanaged_above_4g_bytes = options.above_4g_mb * megabyte;
     config.feeding = options.feed_eagerly ? machine::Feeding::eager : machine::Feeding::held_back;

@@ -19,6 +19,17 @@ IO_STATUS_BLOCK serve(DiskState& state, const DiskRequest& request)
     return result_of(state, request, fate, moved);
 }
 
+// One request, or a flush that its caller waits for.
+struct Flush {
+    KEVENT done;
+    bool flushed = false;
+};
+
+struct Work {
+    DiskRequest request;
+    Flush* flush = nullptr;
+};
+
 // The threads hold it beyond the end of the machine, parked.
 struct WorkQueue {
     explicit WorkQueue(std::shared_ptr<DiskState> disk) : state(std::move(disk))
@@ -28,21 +39,35 @@ struct WorkQueue {
 
     const std::shared_ptr<DiskState> state;
     KSEMAPHORE queued{};
-    std::mutex lock;  // a leaf; for requests
-    std::deque<DiskRequest> requests;
+    std::mutex lock;  // a leaf; for what follows
+    std::deque<Work> work;
+
+    void add(const Work& each)
+    {
+        {
+            std::lock_guard guard(lock);
+            work.push_back(each);
+        }
+        KeReleaseSemaphore(&queued, IO_NO_INCREMENT, 1, FALSE);
+    }
 };
 
 void work(WorkQueue& queue)
 {
     for (;;) {
         KeWaitForSingleObject(&queue.queued, Executive, KernelMode, FALSE, nullptr);
-        DiskRequest request;
+        Work next;
         {
             std::lock_guard guard(queue.lock);
-            request = queue.requests.front();
-            queue.requests.pop_front();
+            next = queue.work.front();
+            queue.work.pop_front();
         }
-        complete_disk_irp(request.irp, serve(*queue.state, request));
+        if (Flush* flush = next.flush) {
+            flush->flushed = queue.state->medium->flush();
+            KeSetEvent(&flush->done, IO_NO_INCREMENT, FALSE);
+        } else {
+            complete_disk_irp(next.request.irp, serve(*queue.state, next.request));
+        }
     }
 }
 
@@ -77,19 +102,23 @@ NTSTATUS HostedDisk::start(const DiskRequest& request)
     if (!queue)
         return complete_disk_irp(request.irp, serve(*state, request));
     IoMarkIrpPending(request.irp);
-    {
-        std::lock_guard guard(queue->lock);
-        queue->requests.push_back(request);
-    }
-    KeReleaseSemaphore(&queue->queued, IO_NO_INCREMENT, 1, FALSE);
+    queue->add({request});
     return STATUS_PENDING;
 }
 
 bool HostedDisk::flush()
 {
     const auto state = state_;  // this may be gone when the host is done
-    wake_waiters();             // this can take a while
-    return state->medium->flush();
+    const auto queue = queue_;
+    if (!queue) {
+        wake_waiters();  // this can take a while
+        return state->medium->flush();
+    }
+    Flush flush;
+    KeInitializeEvent(&flush.done, NotificationEvent, FALSE);
+    queue->add({{}, &flush});
+    KeWaitForSingleObject(&flush.done, Executive, KernelMode, FALSE, nullptr);
+    return flush.flushed;
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ struct ExecutiveConfig {
     unsigned processors = 2;
     // On the real scheduler: so many host threads run the kernel threads as fibers, at least two. 0: each kernel
     // thread is a host thread.
-    unsigned host_processors = 0;
+    unsigned host_processors = 2;
     // On the simulated scheduler the linked driver's atomic operations and YieldProcessor are points where
     // another thread may run. A driver file has none of them, so a seed runs the same in both only without.
     bool switch_at_atomics = false;
