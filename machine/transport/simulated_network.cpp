@@ -133,6 +133,7 @@ struct SimulatedNetwork::Parts {
     formats::ServerRecord workstation = simulated_address(workstation_host);
     Path paths[2];
     Observer observer;
+    Receiver receiver;
     std::map<AddressKey, Endpoint> endpoints;
     std::map<AddressKey, bool> partitioned;
     std::multimap<Ticks, UnderWay> under_way;  // by time of arrival; equal times in order of sending
@@ -202,7 +203,10 @@ struct SimulatedNetwork::Parts {
         }
         if (packet.direction == Direction::to_workstation) {
             ++counters.delivered;
-            queue_for_workstation(packet.packet);
+            if (receiver)
+                receiver(packet.server, packet.packet);
+            else
+                queue_for_workstation(packet.packet);
             return;
         }
         const auto endpoint = endpoints.find(key_of(packet.server));
@@ -265,6 +269,11 @@ void SimulatedNetwork::detach(const formats::ServerRecord& address)
 void SimulatedNetwork::partition(const formats::ServerRecord& address, bool on)
 {
     parts_->partitioned[key_of(address)] = on;
+}
+
+void SimulatedNetwork::set_receiver(Receiver receiver)
+{
+    parts_->receiver = std::move(receiver);
 }
 
 void SimulatedNetwork::send_from(const formats::ServerRecord& server, std::span<const std::uint8_t> packet)

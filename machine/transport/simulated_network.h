@@ -60,6 +60,10 @@ public:
     // Packets to and from this address vanish while partitioned.
     void partition(const formats::ServerRecord& address, bool on);
 
+    // Takes packets that arrive at the workstation instead of receive(), at DISPATCH_LEVEL; null: nobody.
+    using Receiver = std::function<void(const formats::ServerRecord& server, std::span<const std::uint8_t>)>;
+    void set_receiver(Receiver receiver);
+
     // A packet from a server to the workstation.
     void send_from(const formats::ServerRecord& server, std::span<const std::uint8_t> packet);
     // The same without delay and faults: handed to the receive queue at once.
