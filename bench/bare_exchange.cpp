@@ -128,6 +128,7 @@ void measure(const bench::Workload& workload, const formats::Boot_Param& block, 
 {
     UdpSocket socket(any_loopback_port());
     Asker asker(socket, block, workload);
+    const auto cost = bench::HostCost::now();
     auto start = bench::Clock::now();
     std::uint64_t before = 0;
     auto progress = start;
@@ -140,7 +141,7 @@ void measure(const bench::Workload& workload, const formats::Boot_Param& block, 
             throw std::runtime_error("the server stays silent, or packets were lost");
         }
     }
-    bench::report(workload, asker.done(), bench::seconds_since(start));
+    bench::report(workload, asker.done(), bench::seconds_since(start), bench::HostCost::now().since(cost));
 }
 
 }  // namespace

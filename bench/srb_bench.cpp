@@ -11,9 +11,11 @@
 static void measure_all(machine::ScsiPort& port, double seconds)
 {
     for (const bench::Workload& workload : bench::workloads()) {
+        const auto cost = bench::HostCost::now();
         auto start = bench::Clock::now();
         std::uint64_t requests = bench::Load(port, workload, port.luns()[0].sectors).run(seconds);
-        bench::report(workload, requests, std::min(seconds, bench::seconds_since(start)));
+        bench::report(workload, requests, std::min(seconds, bench::seconds_since(start)),
+                      bench::HostCost::now().since(cost));
     }
 }
 

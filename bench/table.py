@@ -23,6 +23,8 @@ WORKLOADS = [
     ("write 4K random depth 1", "randwrite", "4k", 1),
     ("write 4K random depth 8", "randwrite", "4k", 8),
 ]
+# What is measured beside them with SRBs alone.
+OTHER_DEPTHS = ["read 64K seq depth 1", "read 64K seq depth 32", "read 4K random depth 4", "read 4K random depth 32"]
 
 
 def progress(text):
@@ -56,7 +58,12 @@ def running(command, ready=None, log=None):
 
 def json_lines(command):
     output = subprocess.run(command, check=True, capture_output=True, text=True).stdout
-    return {row["workload"]: row["requests_per_s"] for row in map(json.loads, output.splitlines())}
+    result = {}
+    for row in map(json.loads, output.splitlines()):
+        result[row["workload"]] = row["requests_per_s"]
+        for cost in ("cpu_us_per_request", "switches_per_request"):
+            result[f"{row['workload']}, {cost}"] = row[cost]
+    return result
 
 
 def figures(command):
@@ -196,6 +203,19 @@ def print_table(rounds):
                       f"{describe(workload, theirs):>23}  {mine / theirs:6.2f}")
 
 
+def print_thread_table(rounds):
+    """The machine's threads as fibers, and as host threads; and what either costs the host for a request."""
+    ways = (("SRB", "fibers"), ("SRB, host threads", "host threads"), ("bare UDP", "bare UDP"))
+    print(f"\n{'threads of the machine':<26}{'fibers : bare':>14}{'host : bare':>14}"
+          + "".join(f"{name + ': CPU, switches':>30}" for _, name in ways))
+    for workload in [name for name, *_ in WORKLOADS] + OTHER_DEPTHS:
+        per_second = {way: median_of(rounds[way], workload) for way, _ in ways}
+        costs = "".join(f"{median_of(rounds[way], f'{workload}, cpu_us_per_request'):>21.1f} us"
+                        f"{median_of(rounds[way], f'{workload}, switches_per_request'):6.1f}" for way, _ in ways)
+        print(f"{workload:<26}{per_second['SRB'] / per_second['bare UDP']:>14.2f}"
+              f"{per_second['SRB, host threads'] / per_second['bare UDP']:>14.2f}{costs}")
+
+
 def print_feeding_table(rounds):
     """Disks that get their next request when one is complete or drawn, beside such that get all at once."""
     print(f"\n{'feeding of a disk':<26}{'held back':>26}{'eager':>27}{'ratio':>8}")
@@ -270,6 +290,7 @@ def main():
         measurements = {
             "bare UDP": lambda: driver.bare(seconds),
             "SRB": lambda: driver.through_srbs(seconds),
+            "SRB, host threads": lambda: driver.through_srbs(seconds, "--host-threads"),
             "SRB, fed eagerly": lambda: driver.through_srbs(seconds, "--eager"),
             "NBD": lambda: driver.through_nbd(seconds),
             "nbdkit file": lambda: plain_nbd(directory, seconds),
@@ -284,6 +305,7 @@ def main():
                 progress(f"round {number + 1} of {options.rounds}: {name}")
                 rounds[name].append(measure())
         print_table(rounds)
+        print_thread_table(rounds)
         print_feeding_table(rounds)
         print_cache_table(rounds)
         print_image_table(rounds)

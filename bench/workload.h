@@ -2,6 +2,8 @@
 // What the benchmark programs measure, and how they report it: one line of JSON each.
 #pragma once
 
+#include <sys/resource.h>
+
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -28,6 +30,8 @@ inline const std::vector<Workload>& workloads()
         {"read 64K seq depth 8", false, 65536, 8, false}, {"write 64K seq depth 8", true, 65536, 8, false},
         {"read 4K random depth 1", false, 4096, 1, true}, {"read 4K random depth 8", false, 4096, 8, true},
         {"write 4K random depth 1", true, 4096, 1, true}, {"write 4K random depth 8", true, 4096, 8, true},
+        {"read 64K seq depth 1", false, 65536, 1, false}, {"read 64K seq depth 32", false, 65536, 32, false},
+        {"read 4K random depth 4", false, 4096, 4, true}, {"read 4K random depth 32", false, 4096, 32, true},
     };
     return all;
 }
@@ -54,13 +58,32 @@ inline double seconds_since(Clock::time_point start)
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-inline void report(const Workload& workload, std::uint64_t requests, double seconds)
+// What the process has cost its host so far, or in between.
+struct HostCost {
+    double cpu_us;
+    double switches;  // of its threads, by waiting or by being preempted
+
+    static HostCost now()
+    {
+        rusage use;
+        getrusage(RUSAGE_SELF, &use);
+        const auto us = [](const timeval& time) {
+            return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_usec);
+        };
+        return {us(use.ru_utime) + us(use.ru_stime), static_cast<double>(use.ru_nvcsw + use.ru_nivcsw)};
+    }
+    HostCost since(const HostCost& start) const { return {cpu_us - start.cpu_us, switches - start.switches}; }
+};
+
+inline void report(const Workload& workload, std::uint64_t requests, double seconds,
+                   const HostCost& cost = {0, 0})
 {
     auto count = static_cast<double>(requests);
     std::printf(
-        "{\"workload\": \"%s\", \"mb_per_s\": %.1f, \"requests_per_s\": %.0f, \"us_per_request\": %.2f}\n",
+        "{\"workload\": \"%s\", \"mb_per_s\": %.1f, \"requests_per_s\": %.0f, \"us_per_request\": %.2f, "
+        "\"cpu_us_per_request\": %.2f, \"switches_per_request\": %.2f}\n",
         workload.name.c_str(), count * workload.request_bytes / 1e6 / seconds, count / seconds,
-        seconds * 1e6 * workload.depth / count);
+        seconds * 1e6 * workload.depth / count, cost.cpu_us / count, cost.switches / count);
     std::fflush(stdout);
 }
 
