@@ -15,15 +15,15 @@
 namespace machine::test {
 namespace {
 
-// On host threads, and as fibers of two processors.
+// On host threads, and as fibers of two processors and of more.
 class Real_scheduler : public testing::TestWithParam<unsigned> {
 protected:
     const MachineConfig real{{.scheduler = SchedulerKind::real, .host_processors = GetParam()}};
 };
 using Real_schedulerDeathTest = Real_scheduler;
 
-INSTANTIATE_TEST_SUITE_P(Threads, Real_scheduler, testing::Values(0, 2));
-INSTANTIATE_TEST_SUITE_P(Threads, Real_schedulerDeathTest, testing::Values(0, 2));
+INSTANTIATE_TEST_SUITE_P(Threads, Real_scheduler, testing::Values(0, 2, 4));
+INSTANTIATE_TEST_SUITE_P(Threads, Real_schedulerDeathTest, testing::Values(0, 2, 4));
 
 TEST_P(Real_scheduler, Eight_threads_pass_items_through_a_queue_and_none_is_lost)
 {
