@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# Builds qrndisk.sys beside the programs of this build, with the compiler of the Windows flavour in a
+# Builds qrndisk.sys and qrnnet.sys beside the programs of this build, with the compiler of the Windows flavour in a
 # build tree of its own.
 include(ExternalProject)
 
@@ -21,4 +21,4 @@ ExternalProject_Add(qrndisk_sys
     BUILD_ALWAYS ON
     BUILD_COMMAND ${CMAKE_COMMAND} --build <BINARY_DIR> --parallel 2
     INSTALL_COMMAND ""
-    BUILD_BYPRODUCTS ${QRN_OUTPUT_DIRECTORY}/qrndisk.sys)
+    BUILD_BYPRODUCTS ${QRN_OUTPUT_DIRECTORY}/qrndisk.sys ${QRN_OUTPUT_DIRECTORY}/qrnnet.sys)

@@ -8,7 +8,7 @@
 #include <span>
 #include <string_view>
 
-#include <nt.h>
+#include <ndis5.h>
 
 namespace machine {
 namespace {
@@ -45,6 +45,7 @@ const Export kernel[] = {
     ROUTINE(IoCreateSymbolicLink),
     ROUTINE(IoDeleteDevice),
     ROUTINE(IoFreeIrp),
+    ROUTINE(IoFreeMdl),
     ROUTINE(IoGetDeviceObjectPointer),
     ROUTINE(IoGetRelatedDeviceObject),
     ROUTINE(IoInitializeIrp),
@@ -109,9 +110,17 @@ const Export scsiport[] = {
     ROUTINE(ScsiPortNotification),
 };
 
+const Export ndis[] = {
+    ROUTINE(NdisAllocateBuffer),     ROUTINE(NdisAllocateBufferPool), ROUTINE(NdisAllocatePacket),
+    ROUTINE(NdisAllocatePacketPool), ROUTINE(NdisCloseAdapter),       ROUTINE(NdisFreeBufferPool),
+    ROUTINE(NdisFreePacket),         ROUTINE(NdisFreePacketPool),     ROUTINE(NdisOpenAdapter),
+    ROUTINE(NdisRegisterProtocol),   ROUTINE(NdisRequest),            ROUTINE(NdisSendPackets),
+    ROUTINE(NdisTransferData),
+};
+
 #undef ROUTINE
 
-const Module modules[] = {{"ntoskrnl.exe", kernel}, {"HAL.dll", hal}, {"SCSIPORT.SYS", scsiport}};
+const Module modules[] = {{"ntoskrnl.exe", kernel}, {"HAL.dll", hal}, {"SCSIPORT.SYS", scsiport}, {"NDIS.SYS", ndis}};
 
 }  // namespace
 

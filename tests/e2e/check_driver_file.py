@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""Looks at the finished qrndisk.sys as a kernel's loader would.
+"""Looks at the finished qrndisk.sys or qrnnet.sys as a kernel's loader would.
 
     check_driver_file.py FILE.sys
 
 Prints every fault found; exit status 1 when there is one.
 """
+import os
 import re
 import struct
 import subprocess
@@ -17,7 +18,7 @@ EXPORTED = {
     "ntoskrnl.exe": """
         DbgPrint ExAllocatePoolWithTag ExFreePool ExFreePoolWithTag ExSystemTimeToLocalTime
         ExfInterlockedInsertTailList ExfInterlockedRemoveHeadList IoAllocateIrp
-        IoBuildDeviceIoControlRequest IoBuildSynchronousFsdRequest IoCreateSymbolicLink
+        IoBuildDeviceIoControlRequest IoBuildSynchronousFsdRequest IoCreateDevice IoCreateSymbolicLink IoDeleteDevice IoFreeMdl
         IoGetDeviceObjectPointer IoGetRelatedDeviceObject IoRegisterBootDriverReinitialization
         IoReuseIrp IofCallDriver KeBugCheck KeClearEvent KeDelayExecutionThread KeGetCurrentThread
         KeInitializeEvent KeInitializeSemaphore KeQueryInterruptTime KeQuerySystemTime
@@ -26,7 +27,7 @@ EXPORTED = {
         MmAllocatePagesForMdl MmFreePagesFromMdl MmGetPhysicalMemoryRanges MmMapIoSpace
         MmMapLockedPagesSpecifyCache MmUnmapIoSpace MmUnmapLockedPages ObReferenceObjectByHandle
         ObfDereferenceObject PsCreateSystemThread PsTerminateSystemThread RtlAnsiStringToUnicodeString
-        RtlCompareMemory RtlFreeUnicodeString RtlInitAnsiString RtlInitString RtlInitUnicodeString
+        IofCompleteRequest RtlCompareMemory RtlFreeUnicodeString RtlInitAnsiString RtlInitString RtlInitUnicodeString
         ZwClose ZwCreateFile ZwOpenKey ZwQueryValueKey memcpy memmove memset
         """.split(),
     "hal.dll": """
@@ -34,7 +35,15 @@ EXPORTED = {
         KfReleaseSpinLock READ_PORT_UCHAR WRITE_PORT_UCHAR
         """.split(),
     "scsiport.sys": ["ScsiPortInitialize", "ScsiPortNotification"],
+    "ndis.sys": """
+        NdisAllocateBuffer NdisAllocateBufferPool NdisAllocatePacket NdisAllocatePacketPool NdisCloseAdapter
+        NdisFreeBufferPool NdisFreePacket NdisFreePacketPool NdisOpenAdapter NdisRegisterProtocol NdisRequest
+        NdisSendPackets NdisTransferData
+        """.split(),
 }
+DESCRIPTIONS = {"qrndisk.sys": "qrndisk SCSI miniport driver", "qrnnet.sys": "qrndisk transport driver"}
+# The library that only this driver may know.
+OWN_LIBRARY = {"scsiport.sys": "qrndisk.sys", "ndis.sys": "qrnnet.sys"}
 # What it may offer: data for whoever measures it.
 OFFERED = ["QRN_Cache_Stats", "QRN_Sync_Stats"]
 SECTIONS = [".text", ".data", ".rdata", ".bss", ".edata", ".idata", ".rsrc", ".reloc"]
@@ -196,10 +205,10 @@ def check_relocations(image):
     expect(count > 0, "no relocation entry")
 
 
-def check_imports(image):
+def check_imports(image, file_name):
     for module, name in image.imports():
         known = EXPORTED.get(module.lower())
-        if known is None:
+        if known is None or OWN_LIBRARY.get(module.lower(), file_name) != file_name:
             faults.append(f"imports from {module}")
         elif name is None:
             faults.append(f"imports from {module} by number")
@@ -221,7 +230,7 @@ def check_constructors(image):
     expect(empty_lists in image.data[raw:raw + size], "has static constructors, which nobody would run")
 
 
-def check_version(image):
+def check_version(image, file_name):
     version = image.version_resource()
     if version is None:
         faults.append("no version resource")
@@ -230,7 +239,7 @@ def check_version(image):
     expect(fixed > 0, "version resource without its fixed part")
     kind, subtype = struct.unpack_from("<II", version, fixed + 36)
     expect((kind, subtype) == (3, 7), f"version resource: file type {kind}, subtype {subtype}")
-    for text in ("qrndisk project", "qrndisk SCSI miniport driver", "qrndisk.sys"):
+    for text in ("qrndisk project", DESCRIPTIONS[file_name], file_name):
         expect(text.encode("utf-16-le") in version, f"version resource lacks '{text}'")
 
 
@@ -254,13 +263,14 @@ def main():
         sys.exit(__doc__)
     with open(sys.argv[1], "rb") as file:
         image = Image(file.read())
+    file_name = os.path.basename(sys.argv[1])
     check_headers(image)
     check_sections(image)
     check_relocations(image)
-    check_imports(image)
+    check_imports(image, file_name)
     check_exports(image)
     check_constructors(image)
-    check_version(image)
+    check_version(image, file_name)
     check_instructions(sys.argv[1])
     for fault in faults:
         print(f"{sys.argv[1]}: {fault}")

@@ -6,7 +6,7 @@
 
 namespace transport {
 
-Net_State Net;
+constinit Net_State Net{};  // a driver has nobody who would run a constructor
 
 namespace {
 
