@@ -70,9 +70,9 @@ void count_slots(Workstation& station, unsigned lun, FaultSchedule& faults)
     for (unsigned i = 0; i < requests; ++i) {
         reads.push_back(std::make_unique<machine::ScsiRequest>(station.scsi()));
         reads.back()->done = [&done](machine::ScsiRequest&) { ++done; };
-        reads.back()->set_read(static_cast<std::uint8_t>(lun), i * request_sectors,
-                               &data[i * request_sectors * formats::sector_bytes],
-                               request_sectors * formats::sector_bytes);
+        reads.back()->set_read(
+            static_cast<std::uint8_t>(lun), plan.disks[lun].first_lba + i * request_sectors,
+            &data[i * request_sectors * formats::sector_bytes], request_sectors * formats::sector_bytes);
         station.scsi().submit(*reads.back());
     }
     station.machine.sleep_ms(50);

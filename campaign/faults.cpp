@@ -41,7 +41,10 @@ FaultSchedule::FaultSchedule(Workstation& station) : station_(station), patience
 void FaultSchedule::prepare_boot()
 {
     machine::Faults& faults = station_.machine.faults();
-    if (station_.plan().flush_errors > 0) {
+    if (station_.world.plan.local.never_flushes) {
+        faults.fail(Operation::disk_flush, {}, 0, machine::Faults::until_cleared);
+        weakened_ = true;
+    } else if (station_.plan().flush_errors > 0) {
         faults.fail_randomly(Operation::disk_flush, station_.plan().flush_errors);
         weakened_ = true;
     }
@@ -132,6 +135,11 @@ void FaultSchedule::begin(const Fault& fault)
             world.main.protocol().send_retry_limit(lun);
         break;
     case FaultKind::allocation:
+    case FaultKind::store_error: {
+        const StoreError error = store_error_of(fault, world.plan.disks.size());
+        world.main.store(error.lun).set_failing(error.reads, error.writes);
+        break;
+    }
     case FaultKind::mapping:
     case FaultKind::pool_runs_out:
     case FaultKind::windows_run_out:
@@ -149,6 +157,12 @@ void FaultSchedule::remember(const Fault& fault)
     if (fault.kind == FaultKind::retry_limit)
         main_lost();
     if (fault.kind == FaultKind::network)
+    if (fault.kind == FaultKind::store_error) {
+        const unsigned lun = store_error_of(fault, station_.world.plan.disks.size()).lun;
+        patience_.away(ServerName::main, begin_ms, end_ms, lun);
+        if (lun == 0)
+            main_lost();
+    }
         patience_.bad_network(begin_ms, end_ms);
     else if (fault.kind >= FaultKind::main_crash && fault.kind <= FaultKind::main_partition)
         patience_.away(ServerName::main, begin_ms, end_ms), main_lost();
@@ -224,6 +238,9 @@ void FaultSchedule::end(const Fault& fault)
         station_.network.partition(world.slave.address(), false);
         break;
     case FaultKind::allocation:
+    case FaultKind::store_error:
+        world.main.store(store_error_of(fault, world.plan.disks.size()).lun).set_failing(false, false);
+        break;
     case FaultKind::pool_runs_out:
         faults.clear(Operation::pool_allocate);
         break;
@@ -288,6 +305,8 @@ void FaultSchedule::heal()
     patience_.all_well(station_.now_ms());
     station_.machine.faults().clear();
     machine::NetworkQuality quality = world.plan.network;
+    if (world.plan.local.never_flushes)
+        station_.machine.faults().fail(Operation::disk_flush, {}, 0, machine::Faults::until_cleared);
     quality.loss = 0;
     station_.network.set_quality(quality);
     if (world.local)
@@ -325,7 +344,7 @@ Kept FaultSchedule::kept(unsigned lun) const
     // A shutdown has less patience than a running system.
     const auto left = [&](ServerName server) {
         return patience_.may_leave(lun, server, now_ms) ||
-               (shutdown_ && patience_.may_miss(server, shutdown_ms_, now_ms));
+               (shutdown_ && patience_.may_miss(lun, server, shutdown_ms_, now_ms));
     };
     const bool main_left = left(ServerName::main), slave_left = left(ServerName::slave);
     if (main_left)

@@ -22,7 +22,7 @@ public:
 
     // Before the driver is loaded.
     void prepare_boot();
-    // Waits until that time and brings about what is due before.
+    // Waits until that time, which counts from the first call on, and brings about what is due before.
     void run_until(std::int64_t end_ms);
     // All faults are over, servers are back.
     void heal();

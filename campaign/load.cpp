@@ -52,6 +52,8 @@ struct Load::Client {
 
     World& world() { return owner.station_.world; }
     DiskModel& model() { return world().models[lun]; }
+    // Places count from here on.
+    std::uint32_t first_lba() { return world().plan.disks[lun].first_lba; }
     void begin();
     void draw_place();
     void submit();
@@ -107,7 +109,7 @@ void Load::Client::submit_read()
 {
     buffer.assign(std::size_t{sectors} * formats::sector_bytes, 0xEE);
     handle = model().read_begins();
-    request.set_read(static_cast<std::uint8_t>(lun), lba, buffer.data(),
+    request.set_read(static_cast<std::uint8_t>(lun), first_lba() + lba, buffer.data(),
                      static_cast<std::uint32_t>(buffer.size()));
     owner.station_.scsi().submit(request);
 }
@@ -132,7 +134,7 @@ void Load::Client::submit_write()
         std::ranges::copy(world().content({lun, lba + i}, generation),
                           buffer.begin() + static_cast<std::ptrdiff_t>(i * formats::sector_bytes));
     handle = model().write_begins(lba, sectors, generation);
-    request.set_write(static_cast<std::uint8_t>(lun), lba, buffer.data(),
+    request.set_write(static_cast<std::uint8_t>(lun), first_lba() + lba, buffer.data(),
                       static_cast<std::uint32_t>(buffer.size()));
     owner.station_.scsi().submit(request);
 }
@@ -269,8 +271,9 @@ bool Load::read(unsigned lun, std::uint32_t lba, std::uint32_t count)
     DiskModel& model = station_.world.models[lun];
     std::vector<std::uint8_t> data(std::size_t{count} * formats::sector_bytes, 0xEE);
     const DiskModel::Request handle = model.read_begins();
-    const bool ok = station_.scsi().read(static_cast<std::uint8_t>(lun), lba, data.data(),
-                                         static_cast<std::uint32_t>(data.size()));
+    const bool ok =
+        station_.scsi().read(static_cast<std::uint8_t>(lun), station_.world.plan.disks[lun].first_lba + lba,
+                             data.data(), static_cast<std::uint32_t>(data.size()));
     if (!ok) {
         model.read_failed(handle);
         return false;

@@ -27,9 +27,9 @@ std::size_t index(ServerName server)
 
 }  // namespace
 
-void Patience::away(ServerName server, std::int64_t begin_ms, std::int64_t end_ms)
+void Patience::away(ServerName server, std::int64_t begin_ms, std::int64_t end_ms, unsigned lun)
 {
-    away_[index(server)].push_back({begin_ms, end_ms});
+    away_[index(server)].push_back({begin_ms, end_ms, lun});
 }
 
 void Patience::bad_network(std::int64_t begin_ms, std::int64_t end_ms)
@@ -44,13 +44,16 @@ void Patience::all_well(std::int64_t now_ms)
             interval.end_ms = std::min(interval.end_ms, now_ms);
 }
 
-std::int64_t Patience::time_outs(ServerName server, std::int64_t from_ms, std::int64_t to_ms) const
+std::int64_t Patience::time_outs(unsigned lun, ServerName server, std::int64_t from_ms,
+                                 std::int64_t to_ms) const
 {
     Intervals all = away_[index(server)];
     all.insert(all.end(), bad_network_.begin(), bad_network_.end());
     std::ranges::sort(all, {}, &Interval::begin_ms);
     std::int64_t bad_ms = 0, seen_ms = from_ms;
     for (const Interval& interval : all) {
+        if (interval.lun != all_luns && interval.lun != lun)
+            continue;
         const std::int64_t begin_ms = std::max(interval.begin_ms, seen_ms);
         const std::int64_t end_ms = std::min(interval.end_ms + echo_ms, to_ms);
         bad_ms += std::max<std::int64_t>(0, end_ms - begin_ms);
@@ -69,19 +72,19 @@ std::int64_t Patience::hot_retries() const
 
 bool Patience::may_leave(unsigned lun, ServerName server, std::int64_t now_ms) const
 {
-    return plan_.disks[lun].mirrored && time_outs(server, 0, now_ms) > hot_retries();
+    return plan_.disks[lun].mirrored && time_outs(lun, server, 0, now_ms) > hot_retries();
 }
 
-bool Patience::may_miss(ServerName server, std::int64_t from_ms, std::int64_t to_ms) const
+bool Patience::may_miss(unsigned lun, ServerName server, std::int64_t from_ms, std::int64_t to_ms) const
 {
-    return time_outs(server, from_ms, to_ms) > 0;
+    return time_outs(lun, server, from_ms, to_ms) > 0;
 }
 
 bool Patience::may_end_in_shutdown(unsigned lun, std::int64_t shutdown_ms, std::int64_t now_ms) const
 {
-    std::int64_t most = time_outs(ServerName::main, shutdown_ms, now_ms);
+    std::int64_t most = time_outs(lun, ServerName::main, shutdown_ms, now_ms);
     if (plan_.disks[lun].mirrored)
-        most = std::max(most, time_outs(ServerName::slave, shutdown_ms, now_ms));
+        most = std::max(most, time_outs(lun, ServerName::slave, shutdown_ms, now_ms));
     return most >= limited_time_outs - 1;
 }
 
@@ -90,9 +93,9 @@ bool Patience::limit_reached(unsigned lun, std::int64_t since_ms, std::int64_t n
     return std::ranges::any_of(limits_ms_, [&](std::int64_t limit_ms) {
         if (since_ms > limit_ms + on_the_way_ms)
             return false;
-        std::int64_t most = time_outs(ServerName::main, limit_ms, now_ms);
+        std::int64_t most = time_outs(lun, ServerName::main, limit_ms, now_ms);
         if (plan_.disks[lun].mirrored)
-            most = std::max(most, time_outs(ServerName::slave, limit_ms, now_ms));
+            most = std::max(most, time_outs(lun, ServerName::slave, limit_ms, now_ms));
         return most >= limited_time_outs;
     });
 }
@@ -106,18 +109,19 @@ bool Patience::may_fail(unsigned lun, bool write_waits, std::int64_t since_ms, s
     if (system_disk && plan_.boot_mode == formats::boot_mode_network && !write_waits && !disk.ram_cache())
         return false;
     // An image that was not checked serves what it has, and lacks the rest.
-    if (system_disk && plan_.boots_locally() && time_outs(ServerName::main, 0, now_ms) >= brief_time_outs &&
-        time_outs(ServerName::main, from_ms, now_ms) > 0)
+    if (system_disk && plan_.boots_locally() &&
+        time_outs(lun, ServerName::main, 0, now_ms) >= brief_time_outs &&
+        time_outs(lun, ServerName::main, from_ms, now_ms) > 0)
         return true;
     if (limit_reached(lun, from_ms, now_ms))
         return true;
     if (disk.retry_mins == 0)
         return false;
     const std::int64_t budget = retries_per_minute * disk.retry_mins;
-    const std::int64_t of_main = time_outs(ServerName::main, from_ms, now_ms);
+    const std::int64_t of_main = time_outs(lun, ServerName::main, from_ms, now_ms);
     if (!disk.mirrored)
         return of_main >= budget;
-    const std::int64_t of_slave = time_outs(ServerName::slave, from_ms, now_ms);
+    const std::int64_t of_slave = time_outs(lun, ServerName::slave, from_ms, now_ms);
     const bool alone_with_slave = may_leave(lun, ServerName::main, now_ms);
     const bool alone_with_main = may_leave(lun, ServerName::slave, now_ms);
     return (alone_with_slave && of_slave >= budget - hot_retries() - 1) ||

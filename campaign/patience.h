@@ -19,7 +19,10 @@ class Patience {
 public:
     explicit Patience(const Plan& plan) : plan_(plan) {}
 
-    void away(ServerName server, std::int64_t begin_ms, std::int64_t end_ms);
+    static constexpr unsigned all_luns = ~0u;
+
+    // lun: when the server is silent on this one alone.
+    void away(ServerName server, std::int64_t begin_ms, std::int64_t end_ms, unsigned lun = all_luns);
     void bad_network(std::int64_t begin_ms, std::int64_t end_ms);
     void retry_limit(std::int64_t at_ms) { limits_ms_.push_back(at_ms); }
     // A setting may not have been read in this start.
@@ -34,17 +37,18 @@ public:
     bool may_end_in_shutdown(unsigned lun, std::int64_t shutdown_ms, std::int64_t now_ms) const;
     // Whether a mirrored disk may have left its main server, or given up its slave.
     bool may_leave(unsigned lun, ServerName server, std::int64_t now_ms) const;
-    // Whether a packet to this server may have timed out between the two.
-    bool may_miss(ServerName server, std::int64_t from_ms, std::int64_t to_ms) const;
+    // Whether a packet of this LUN to this server may have timed out between the two.
+    bool may_miss(unsigned lun, ServerName server, std::int64_t from_ms, std::int64_t to_ms) const;
 
 private:
     struct Interval {
         std::int64_t begin_ms, end_ms;
+        unsigned lun = all_luns;
     };
     using Intervals = std::vector<Interval>;
 
     // How many time-outs of a packet that goes to this server fit between the two.
-    std::int64_t time_outs(ServerName server, std::int64_t from_ms, std::int64_t to_ms) const;
+    std::int64_t time_outs(unsigned lun, ServerName server, std::int64_t from_ms, std::int64_t to_ms) const;
     std::int64_t hot_retries() const;
     bool limit_reached(unsigned lun, std::int64_t since_ms, std::int64_t now_ms) const;
 

@@ -196,6 +196,35 @@ void draw_running_short(Stream& stream, StartPlan& start)
     std::ranges::stable_sort(start.faults, {}, &Fault::at_ms);
 }
 
+// A disk of the server that goes bad, or is full, for a while.
+void draw_store_errors(Stream stream, StartPlan& start)
+{
+    if (!stream.chance(0.15))
+        return;
+    for (unsigned count = stream.between(1, 2); count != 0; --count)
+        start.faults.push_back(
+            {.kind = FaultKind::store_error,
+             .at_ms = stream.below(static_cast<std::uint32_t>(start.safety_ms)),
+             .for_ms = stream.chance(0.3) ? stream.between(20'000, 150'000) : stream.between(100, 15'000),
+             .strength = stream.fraction()});
+    std::ranges::stable_sort(start.faults, {}, &Fault::at_ms);
+}
+
+// Disks of which a part far out is used: around a place where 64 MB end, or up to sector 2^31 - 1.
+void move_out(Stream stream, Plan& plan)
+{
+    constexpr std::uint32_t sectors_of_64_mb = 1u << 17, end = 0x7FFFFFFF;
+    for (std::size_t lun = plan.boots_locally() ? 1 : 0; lun < plan.disks.size(); ++lun) {
+        DiskPlan& disk = plan.disks[lun];
+        if (!stream.chance(0.12))
+            continue;
+        if (stream.chance(0.5))
+            disk.first_lba = end - disk.sectors - stream.below(300);
+        else
+            disk.first_lba = stream.between(1, 16'000) * sectors_of_64_mb - disk.sectors / 2;
+    }
+}
+
 BootFault draw_boot_fault(Stream& stream)
 {
     constexpr BootFault::Kind kinds[] = {BootFault::Kind::allocation, BootFault::Kind::thread,
@@ -302,6 +331,13 @@ bool DiskPlan::wide() const
     return sectors >= wide_disk_min;
 }
 
+StoreError store_error_of(const Fault& fault, std::size_t disks)
+{
+    const auto drawn = static_cast<unsigned>(fault.strength * 3000);
+    const unsigned what = drawn % 3;
+    return {.lun = drawn / 3 % static_cast<unsigned>(disks), .reads = what != 0, .writes = what != 1};
+}
+
 bool Plan::boots_locally() const
 {
     return boot_mode == formats::boot_mode_local_image;
@@ -365,6 +401,11 @@ Plan draw_plan(std::uint64_t seed)
         plan.through_transport = false;
         plan.local = draw_local(local, plan.disks[0], plan.disks.size());
     }
+    Stream late(seed, "late"), odd_disk(seed, "odd local disk");
+    if (plan.through_transport && late.chance(0.4))
+        plan.transport_late_ms = late.between(1, 20'000);
+    plan.local.never_flushes = plan.boots_locally() && odd_disk.chance(0.08);
+    move_out(Stream(seed, "far out"), plan);
     plan.network = draw_network(network);
     plan.load = draw_load(load, wide);
     const unsigned starts = general.between(1, 3);
@@ -375,6 +416,7 @@ Plan draw_plan(std::uint64_t seed)
         draw_absence(absence, plan, plan.starts.back());
         Stream running_short(seed, "running short", i);
         draw_running_short(running_short, plan.starts.back());
+        draw_store_errors(Stream(seed, "store errors", i), plan.starts.back());
         draw_port_events(Stream(seed, "port driver's events", i), plan.starts.back());
         draw_shutdown_order(Stream(seed, "order of the shutdown", i), plan.disks.size(), plan.starts.back());
     }

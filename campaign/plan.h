@@ -16,7 +16,8 @@
 namespace campaign {
 
 struct DiskPlan : simulation::Disk {
-    bool zeros;  // parts of it hold zeros at the beginning
+    bool zeros;               // parts of it hold zeros at the beginning
+    std::uint32_t first_lba;  // of what is used; the disk ends behind it, and nothing lies before it
 
     bool ram_cache() const;  // the workstation keeps its writes in memory
     bool wide() const;       // it has more blocks there than all windows show at once
@@ -36,6 +37,7 @@ struct LocalPlan {
     std::uint32_t system_sectors, temporary_sectors;  // 0: no such partition
     machine::LocalDiskOptions options;
     bool synchronise;
+    bool never_flushes;  // every flush fails
 };
 
 struct LoadPlan {
@@ -63,6 +65,7 @@ enum class FaultKind {
     local_bad_sectors,
     pool_runs_out,    // some more allocations, and then none for a while
     windows_run_out,  // the same for mappings
+    store_error,      // a disk of the main server cannot be read, or written, or both
     kinds,
 };
 const char* name_of(FaultKind kind);
@@ -117,7 +120,8 @@ struct Plan {
     std::uint8_t boot_flags;
     std::uint32_t tag_key;
     std::uint16_t rack_level;
-    bool through_transport;  // the boot block comes from the transport, not from low memory
+    bool through_transport;          // the boot block comes from the transport, not from low memory
+    std::int64_t transport_late_ms;  // so long it looks for its servers
     bool reset_ports_work;
     machine::Feeding feeding;
     bool curious_class_driver;
@@ -140,6 +144,13 @@ struct Plan {
 };
 
 Plan draw_plan(std::uint64_t seed);
+// Which disk a store error is of, and what fails there.
+struct StoreError {
+    unsigned lun;
+    bool reads, writes;
+};
+StoreError store_error_of(const Fault& fault, std::size_t disks);
+
 
 // One line per draw.
 std::string to_text(const Plan& plan);

@@ -74,7 +74,8 @@ const char* name_of(FaultKind kind)
                                      "main partition",    "slave crash",   "slave partition",
                                      "retry limit",       "allocation",    "mapping",
                                      "local request",     "local error",   "local short",
-                                     "local bad sectors", "pool runs out", "windows run out"};
+                                     "local bad sectors", "pool runs out", "windows run out",
+                                     "store error"};
     static_assert(std::size(names) == static_cast<unsigned>(FaultKind::kinds));
     return names[static_cast<unsigned>(kind)];
 }
@@ -101,21 +102,27 @@ std::string to_text(const Plan& plan)
                     plan.pae ? ", long addresses" : "", plan.reset_ports_work ? "" : ", reset ports dead",
                     plan.feeding == machine::Feeding::held_back ? ", fed one at a time" : "",
                     plan.curious_class_driver ? ", curious class driver" : "");
+    if (plan.transport_late_ms != 0)
+        text += fmt::format("the transport finds its servers after {} ms\n", plan.transport_late_ms);
     text += fmt::format("port driver: {} transfers{}\n", plan.checks_transfers ? "checks" : "does not check",
                         plan.scan_stops_at_gap ? ", scans up to a gap" : "");
     text += fmt::format("processors: {}, clock tick {} ms{}\n", plan.processors == 1 ? "one" : "many",
                         ms(plan.clock_tick_100ns), plan.switch_at_atomics ? ", switches at atomics" : "");
     for (unsigned lun = 0; lun < plan.disks.size(); ++lun)
         text += text_of(plan, lun);
+    for (unsigned lun = 0; lun < plan.disks.size(); ++lun)
+        if (plan.disks[lun].first_lba != 0)
+            text += fmt::format("disk {} is used from LBA {:X} on\n", lun, plan.disks[lun].first_lba);
     for (const auto& [name, value] : plan.settings)
         text += fmt::format("setting {} = {}\n", name, value);
     text += text_of(plan.memory);
     if (plan.boots_locally())
         text += fmt::format(
-            "local disk: system {} sectors, temporary {}, latency {}-{} ms, volatile {} ms{}\n",
+            "local disk: system {} sectors, temporary {}, latency {}-{} ms, volatile {} ms{}{}\n",
             plan.local.system_sectors, plan.local.temporary_sectors, ms(plan.local.options.latency_min),
             ms(plan.local.options.latency_max), ms(plan.local.options.volatile_max),
-            plan.local.synchronise ? "" : ", no synchronisation");
+            plan.local.synchronise ? "" : ", no synchronisation",
+            plan.local.never_flushes ? ", never flushes" : "");
     text += fmt::format("network: delay {}-{} ms, loss {}\n", ms(plan.network.delay_min),
                         ms(plan.network.delay_max), plan.network.loss);
     text +=

@@ -113,7 +113,8 @@ bool may_lose_server(const StartPlan& start)
     for (const Fault& fault : start.faults) {
         if (fault.kind == FaultKind::retry_limit)
             return true;
-        if (fault.kind >= FaultKind::main_crash && fault.kind <= FaultKind::main_partition)
+        if ((fault.kind >= FaultKind::main_crash && fault.kind <= FaultKind::main_partition) ||
+            fault.kind == FaultKind::store_error)
             away_ms += fault.for_ms;
     }
     return start.end == End::shutdown || away_ms >= patience_ms;
@@ -146,6 +147,7 @@ void count_servers(World& world)
 
 }  // namespace
 
+            world.coverage.add("server: store errors", server->store(lun).errors());
 void run_seed(std::uint64_t seed, const Options& options)
 {
     Plan plan = draw_plan(seed);

@@ -109,7 +109,7 @@ void WireRules::check_place(const WireHeader& header, unsigned lun) const
     require(length <= packet_bytes(disk, header.Kind == formats::kind_write), header,
             "longer than the disk's packets");
     require(offset >= formats::sector_bytes &&
-                offset + length <= (std::uint64_t{disk.sectors} + 1) * formats::sector_bytes,
+                offset + length <= (std::uint64_t{disk.first_lba} + disk.sectors + 1) * formats::sector_bytes,
             header, "past the disk's end");
     const unsigned transfer_bytes = ((header.Tag.get() ^ plan_.tag_key) & 0x1FF) * 256;
     require(transfer_bytes >= length && transfer_bytes <= 65536, header, "longer than its transfer");

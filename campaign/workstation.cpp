@@ -3,6 +3,7 @@
 
 #include <bit>
 #include <cstring>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -53,8 +54,11 @@ Boot_Param boot_block(const Plan& plan)
                                                .flags = plan.boot_flags,
                                                .tag_key = plan.tag_key,
                                                .rack_level = plan.rack_level});
-    for (const DiskPlan& disk : plan.disks)
+    for (const DiskPlan& plan_disk : plan.disks) {
+        simulation::Disk disk = plan_disk;
+        disk.sectors += plan_disk.first_lba;
         simulation::add_disk(block, disk);
+    }
     if (plan.boots_locally()) {
         block.Local_Nums = 1;
         ++block.Disk_Nums;
@@ -99,6 +103,8 @@ Workstation::Workstation(World& owner, unsigned start, machine::DriverImage& dri
         server->join(machine.scheduler(), network, off_ms);
         if (!server->running())
             server->start();
+        for (unsigned lun = 0; lun < plan.disks.size(); ++lun)
+            server->store(lun).set_failing(false, false);
     }
     if (world.local)
         machine.add_local_disk(*world.local, static_cast<unsigned>(plan.disks.size()));
@@ -130,6 +136,13 @@ void Workstation::leave_boot_block()
 
 void Workstation::boot()
 {
+    if (world.plan.transport_late_ms != 0) {
+        formats::Boot_Param& block = machine.transport()->block();
+        const std::uint8_t disks = std::exchange(block.Disk_Nums, formats::disk_nums_searching);
+        machine.scheduler().call_at(machine.scheduler().now() +
+                                        world.plan.transport_late_ms * machine::ticks_per_ms,
+                                    [&block, disks] { block.Disk_Nums = disks; });
+    }
     const std::int32_t status = machine.boot(driver_);
     if (status != 0)
         fail(fmt::format("the driver does not load: {:08X}", static_cast<std::uint32_t>(status)));
