@@ -159,6 +159,8 @@ void expect_poll_totals(Workstation& station, Load& load)
             fail(fmt::format("LUN {} reports {} sectors read, which were {}", lun, disk.Rd_Secs.get(),
                              load.read_sectors(lun)));
         world.coverage.add("totals of the status poll compared");
+        world.coverage.add("uptime: sequence numbers past 16 bits",
+                           (disk.Rd_Seq.get() > 0xFFFF) + (disk.Wr_Seq.get() > 0xFFFF));
     }
 }
 

@@ -11,6 +11,7 @@ namespace {
 constexpr std::string_view line_mark = "met: ";
 constexpr std::string_view message_mark = "message: ";
 constexpr std::string_view stack_mark = "deepest stack of a start: ";  // and how deep it was
+constexpr std::string_view uptime_mark = "uptime: ";                   // only of workstations that stay on
 
 // Messages that tell of a decision or a failure, by how they begin.
 constexpr const char* messages[] = {
@@ -73,8 +74,8 @@ constexpr const char* events[] = {
     "fault: local bad sectors",
     "fault: pool runs out",
     "fault: windows run out",
-    "fault at boot: allocation",
     "fault: store error",
+    "fault at boot: allocation",
     "fault at boot: thread",
     "fault at boot: pages",
     "fault at boot: registry",
@@ -92,8 +93,8 @@ constexpr const char* events[] = {
     "network: packets corrupted",
     "network: packets partitioned",
     "server: writes lost in a crash",
-    "server: writes that came again",
     "server: store errors",
+    "server: writes that came again",
     "server: fragments missing reported",
     "server: answers of zeros",
     "server: status queries",
@@ -187,7 +188,7 @@ std::string Coverage::report() const
     for (const char* message : messages)
         tell(std::string(message_mark) + message);
     for (const auto& [name, count] : counts_)
-        if (name.starts_with(stack_mark))
+        if (name.starts_with(stack_mark) || name.starts_with(uptime_mark))
             text += fmt::format("{:>12}  {}\n", count, name);
     return text + (never.empty() ? "All of the list was met.\n" : "never met:\n" + never);
 }

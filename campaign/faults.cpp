@@ -85,9 +85,10 @@ std::int64_t FaultSchedule::next_event_ms() const
 
 void FaultSchedule::run_until(std::int64_t end_ms)
 {
-    const std::int64_t origin_ms = station_.now_ms();
+    if (origin_ms_ < 0)
+        origin_ms_ = station_.now_ms();
     for (;;) {
-        const std::int64_t now_ms = station_.now_ms() - origin_ms;
+        const std::int64_t now_ms = station_.now_ms() - origin_ms_;
         for (std::size_t i = 0; i < active_.size();) {
             if (active_[i].end_ms > now_ms) {
                 ++i;
@@ -134,12 +135,12 @@ void FaultSchedule::begin(const Fault& fault)
         for (unsigned lun = 0; lun < world.plan.disks.size() && world.main.running(); ++lun)
             world.main.protocol().send_retry_limit(lun);
         break;
-    case FaultKind::allocation:
     case FaultKind::store_error: {
         const StoreError error = store_error_of(fault, world.plan.disks.size());
         world.main.store(error.lun).set_failing(error.reads, error.writes);
         break;
     }
+    case FaultKind::allocation:
     case FaultKind::mapping:
     case FaultKind::pool_runs_out:
     case FaultKind::windows_run_out:
@@ -156,13 +157,13 @@ void FaultSchedule::remember(const Fault& fault)
     const std::int64_t begin_ms = station_.now_ms(), end_ms = begin_ms + fault.for_ms;
     if (fault.kind == FaultKind::retry_limit)
         main_lost();
-    if (fault.kind == FaultKind::network)
     if (fault.kind == FaultKind::store_error) {
         const unsigned lun = store_error_of(fault, station_.world.plan.disks.size()).lun;
         patience_.away(ServerName::main, begin_ms, end_ms, lun);
         if (lun == 0)
             main_lost();
     }
+    if (fault.kind == FaultKind::network)
         patience_.bad_network(begin_ms, end_ms);
     else if (fault.kind >= FaultKind::main_crash && fault.kind <= FaultKind::main_partition)
         patience_.away(ServerName::main, begin_ms, end_ms), main_lost();
@@ -237,10 +238,10 @@ void FaultSchedule::end(const Fault& fault)
     case FaultKind::slave_partition:
         station_.network.partition(world.slave.address(), false);
         break;
-    case FaultKind::allocation:
     case FaultKind::store_error:
         world.main.store(store_error_of(fault, world.plan.disks.size()).lun).set_failing(false, false);
         break;
+    case FaultKind::allocation:
     case FaultKind::pool_runs_out:
         faults.clear(Operation::pool_allocate);
         break;
@@ -304,9 +305,9 @@ void FaultSchedule::heal()
     next_ = station_.plan().faults.size();
     patience_.all_well(station_.now_ms());
     station_.machine.faults().clear();
-    machine::NetworkQuality quality = world.plan.network;
     if (world.plan.local.never_flushes)
         station_.machine.faults().fail(Operation::disk_flush, {}, 0, machine::Faults::until_cleared);
+    machine::NetworkQuality quality = world.plan.network;
     quality.loss = 0;
     station_.network.set_quality(quality);
     if (world.local)

@@ -59,6 +59,7 @@ private:
     std::int64_t next_event_ms() const;
 
     Workstation& station_;
+    std::int64_t origin_ms_ = -1;  // of the plan's times
     std::size_t next_ = 0;
     std::vector<Active> active_;
     Patience patience_;

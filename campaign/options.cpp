@@ -9,6 +9,8 @@
 #include <CLI/CLI.hpp>
 #pragma GCC diagnostic pop
 
+#include <fmt/format.h>
+
 #include "programs/version.h"
 
 namespace campaign {
@@ -56,6 +58,9 @@ std::optional<Options> parse_options(int argc, const char* const* argv)
                    "Write the packets of the one seed to this file, as they were sent,\n"
                    "for Wireshark (pcapng)")
         ->option_text("FILE");
+    app.add_option("--uptime-days", options.uptime_days,
+                   "Each seed is one workstation that stays on for so long, with ordinary faults")
+        ->check(CLI::Range(0.25, 400.0));
     app.add_flag("--plain-atomics", options.plain_atomics,
                  "No thread switches at atomic operations: a seed runs as with a qrndisk.sys");
     app.add_option("--canary", options.canary, "Plant a fault in the servers that must be found")
@@ -92,6 +97,8 @@ std::string replay_arguments(const Options& options)
     std::string text;
     if (options.driver != "builtin")
         text += " --driver " + options.driver;
+    if (options.uptime_days != 0)
+        text += fmt::format(" --uptime-days {}", options.uptime_days);
     if (options.plain_atomics)
         text += " --plain-atomics";
     for (const auto& [name, kind] : canaries)

@@ -23,6 +23,7 @@ struct Options {
     std::string expected_finding;   // alternatives with a '|' between; empty: no seed may fail
     std::uint64_t seeds_least = 0;  // that a limit of minutes must leave time for
     unsigned kinds_least = 0;       // of the coverage's list that must be met
+    double uptime_days = 0;         // 0: starts as the seed draws them
     bool plain_atomics = false;     // no thread switches at atomic operations, as with a driver file
     CanaryKind canary = CanaryKind::none;
 };

@@ -138,12 +138,12 @@ struct Plan {
     machine::NetworkQuality network;
     LoadPlan load;
     std::vector<StartPlan> starts;
+    unsigned uptime_hours;  // 0: starts as they were drawn
 
     bool boots_locally() const;
     bool mirrored() const;
 };
 
-Plan draw_plan(std::uint64_t seed);
 // Which disk a store error is of, and what fails there.
 struct StoreError {
     unsigned lun;
@@ -151,6 +151,7 @@ struct StoreError {
 };
 StoreError store_error_of(const Fault& fault, std::size_t disks);
 
+Plan draw_plan(std::uint64_t seed);
 
 // One line per draw.
 std::string to_text(const Plan& plan);

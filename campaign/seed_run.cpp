@@ -12,6 +12,7 @@
 #include "campaign/port_events.h"
 #include "campaign/settle.h"
 #include "campaign/streams.h"
+#include "campaign/uptime.h"
 
 namespace campaign {
 namespace {
@@ -62,8 +63,12 @@ void live(Workstation& station, Load& load, FaultSchedule& faults)
     fill_wide_caches(station, load);
     PortEvents port_events(station);
     port_events.start();
-    load.start(station.plan().safety_ms);
-    faults.run_until(station.plan().safety_ms);
+    if (station.world.plan.uptime_hours != 0) {
+        live_for_hours(station, load, faults);
+    } else {
+        load.start(station.plan().safety_ms);
+        faults.run_until(station.plan().safety_ms);
+    }
     if (station.plan().end == End::power_off)
         return;
     if (station.plan().end == End::shutdown)
@@ -142,17 +147,19 @@ void count_servers(World& world)
             world.coverage.add("server: answers of zeros", counters.zero_answers);
             world.coverage.add("server: status queries", counters.status_queries);
             world.coverage.add("server: parts of the image read", counters.sync_reads);
+            world.coverage.add("server: store errors", server->store(lun).errors());
         }
 }
 
 }  // namespace
 
-            world.coverage.add("server: store errors", server->store(lun).errors());
 void run_seed(std::uint64_t seed, const Options& options)
 {
     Plan plan = draw_plan(seed);
     if (options.plain_atomics)
         plan.switch_at_atomics = false;
+    if (options.uptime_days != 0)
+        shape_for_uptime(plan, static_cast<unsigned>(options.uptime_days * 24));
     World world(std::move(plan), options.canary);
     if (!options.capture.empty())
         world.capture = std::make_unique<machine::PacketCapture>(options.capture);
@@ -172,7 +179,10 @@ void run_seed(std::uint64_t seed, const Options& options)
                 on_main_lost = [&images] { images->allow_older(); };
         }
         // Servers rely on a restart taking longer than what they remember of writes.
-        const auto kept = run_start(world, number, *driver, pauses.between(6'000, 60'000), on_main_lost);
+        const std::int64_t off_ms = world.plan.uptime_hours != 0
+                                        ? off_before_uptime_ms(world.plan.uptime_hours)
+                                        : pauses.between(6'000, 60'000);
+        const auto kept = run_start(world, number, *driver, off_ms, on_main_lost);
         settle_servers(world, kept);
         if (images) {
             power_cut(world, number);

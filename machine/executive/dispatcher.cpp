@@ -3,15 +3,20 @@
 // a waiting thread is in the object's wait list with the wait block of its Thread.
 #include <nt.h>
 
+#include <algorithm>
 #include <string>
+#include <utility>
 
 #include "machine/executive/checks.h"
 #include "machine/executive/clock.h"
+#include "machine/executive/semaphore_counts.h"
 #include "machine/executive/threads.h"
 
 using namespace machine;
 
 namespace {
+
+LONG highest_semaphore_count = 0;  // guarded by the dispatcher lock
 
 enum ObjectType : UCHAR { notification_event = 0, synchronization_event = 1, semaphore = 5, thread = 6 };
 
@@ -117,6 +122,12 @@ void signal_thread_object(Thread& ended)
     satisfy_waits(ended.header);
 }
 
+std::int32_t take_highest_semaphore_count()
+{
+    DispatcherLock lock;
+    return std::exchange(highest_semaphore_count, 0);
+}
+
 }  // namespace machine
 
 extern "C" {
@@ -195,6 +206,7 @@ LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE object, KPRIORITY, LONG adjustment, B
         over = adjustment <= 0 || old > object->Limit - adjustment;
         if (!over) {
             object->Header.SignalState = old + adjustment;
+            highest_semaphore_count = std::max<LONG>(highest_semaphore_count, old + adjustment);
             satisfy_or_defer(caller, object->Header);
         }
     }
