@@ -27,6 +27,10 @@ struct Unserved {
 // As many as there can be unfinished writes; a workstation has at most eight packets in flight.
 constexpr std::size_t unserved_max = AssemblyTable::places;
 
+// A write that could not be stored is not heard again for so long: shorter than any workstation waits
+// before it sends one again of its own accord, longer than what a network holds of it is under way.
+constexpr std::uint64_t failed_write_rest_ms = 100;
+
 struct Disk {
     unsigned index;
     DiskOptions options;
@@ -36,6 +40,7 @@ struct Disk {
     AssemblyTable assemblies;
     CompletedWrites completed;
     bool unflushed = false;
+    std::uint64_t rest_until_ms = 0;  // after it no failed write rests
     std::array<Unserved, unserved_max> unserved;
     std::size_t unserved_count = 0;
     std::size_t unserved_next = 0;
@@ -91,6 +96,7 @@ struct Protocol::Parts {
 
     void write_fragment(const Peer& from, Disk& disk, const WireHeader& header,
                         std::span<const std::uint8_t> data);
+    bool rests(const Peer& from, Disk& disk, const WireHeader& header);
     void repeated_fragment(const Peer& from, Disk& disk, CompletedWrite& write, const WireHeader& header);
     void add_fragment(Assembly& assembly, const WireHeader& header, std::span<const std::uint8_t> data,
                       std::uint32_t content);

@@ -30,6 +30,8 @@ void Protocol::Parts::write_fragment(const Peer& from, Disk& disk, const WireHea
             return repeated_fragment(from, disk, *write, header);
         disk.completed.forget(*write);
     }
+    if (rests(from, disk, header))
+        return;
     if (header.Frag_Cnt.get() == 1) {
         const std::uint32_t contents[fragments_max] = {content};
         return complete_write(from, disk, header, key, data, contents);
@@ -44,6 +46,18 @@ void Protocol::Parts::write_fragment(const Peer& from, Disk& disk, const WireHea
     } else if (ends_a_send(header)) {
         acknowledge(from, disk, header, assembly->arrived);
     }
+}
+
+// The write failed just now, and this is a copy that the network held back. Taken for the beginning of
+// another attempt it would be answered with what is missing, and the workstation would send that at once:
+// as the store cannot end the write, every copy would bring forth the next one, and a network that
+// doubles packets would fill with them.
+bool Protocol::Parts::rests(const Peer& from, Disk& disk, const WireHeader& header)
+{
+    if (now_ms >= disk.rest_until_ms)
+        return false;
+    const Unserved* const failed = find_unserved(from, disk, header);
+    return failed && now_ms - failed->heard_ms < failed_write_rest_ms;
 }
 
 // A fragment of a write that is already done. The write counts as sent once more when all of it has
@@ -86,6 +100,7 @@ void Protocol::Parts::complete_write(const Peer& from, Disk& disk, const WireHea
 {
     if (!disk.store->write(store_offset(header), data)) {
         failed(disk, StoreFailure::Operation::write, &from);
+        disk.rest_until_ms = now_ms + failed_write_rest_ms;
         return note_unserved(from, disk, header);
     }
     disk.unflushed = true;

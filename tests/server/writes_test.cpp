@@ -183,19 +183,38 @@ TEST_F(Writes, More_unfinished_writes_than_there_is_room_for_cost_only_resends)
 
 TEST_F(Writes, A_failed_store_leaves_the_write_undone_until_it_is_sent_again)
 {
+    constexpr std::uint64_t a_time_out_ms = 1110;
+    std::uint64_t now_ms = 1;
     for (const unsigned length : {512u, 1536u}) {
         Packet packet = make_write(5, length, 1, length);
         store.fails = true;
         EXPECT_EQ(write(packet), "");
         EXPECT_EQ(answers(packet.request(true)), "") << "its data came, and could not be kept";
+        protocol.set_time_ms(now_ms += a_time_out_ms);
         EXPECT_EQ(write(packet), "");
         store.fails = false;
         EXPECT_EQ(answers(packet.request(true)), "");
+        protocol.set_time_ms(now_ms += a_time_out_ms);
         EXPECT_EQ(write(packet), "done");
         EXPECT_EQ(answers(packet.request(true)), "done");
         EXPECT_EQ(stored(5, length), packet.data);
     }
     EXPECT_EQ(counters().store_errors, 4u);
+}
+
+// Each answer to a late copy would make the workstation send again what is missing, without end.
+TEST_F(Writes, Late_copies_of_one_that_could_not_be_stored_are_not_answered)
+{
+    Packet packet = make_write(5, 1536 * 3, 1, 7);
+    store.fails = true;
+    EXPECT_EQ(write(packet), "");
+    const unsigned last = packet.header.Frag_Cnt.get();
+    for (unsigned copy = 0; copy < 3; ++copy)
+        EXPECT_EQ(answers(packet.fragment(last)), "");
+    EXPECT_EQ(write(packet), "");
+    EXPECT_EQ(counters().store_errors, 1u);
+    Packet other = make_write(5, 1536, 2, 8);
+    EXPECT_EQ(answers(other.fragment(2)), "ack 1") << "another write is heard at once";
 }
 
 TEST_F(Writes, However_many_writes_fail_none_is_said_to_have_never_come)
