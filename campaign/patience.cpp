@@ -16,7 +16,6 @@ constexpr std::int64_t stray_time_outs = 3;
 
 constexpr std::int64_t retries_per_minute = 60;
 constexpr std::int64_t default_hot_retries = 21;
-constexpr std::int64_t brief_time_outs = 9;    // with a local image, after which it need not be checked
 constexpr std::int64_t limited_time_outs = 4;  // that are left after the server's limit
 constexpr std::int64_t on_the_way_ms = 200;    // what a retry limit takes at most
 
@@ -108,11 +107,6 @@ bool Patience::may_fail(unsigned lun, bool write_waits, std::int64_t since_ms, s
     const std::int64_t from_ms = disk.ram_cache() ? 0 : since_ms;
     if (system_disk && plan_.boot_mode == formats::boot_mode_network && !write_waits && !disk.ram_cache())
         return false;
-    // An image that was not checked serves what it has, and lacks the rest.
-    if (system_disk && plan_.boots_locally() &&
-        time_outs(lun, ServerName::main, 0, now_ms) >= brief_time_outs &&
-        time_outs(lun, ServerName::main, from_ms, now_ms) > 0)
-        return true;
     if (limit_reached(lun, from_ms, now_ms))
         return true;
     if (disk.retry_mins == 0)

@@ -37,6 +37,7 @@ static void Query(RW_Entry* pEntry, PVOID pNotify, NegotiationReply& Reply)
     pEntry->pNotify = pNotify;
     pEntry->Spent = Local_Cache[pEntry->Lun].Spent;
     // What the local disk holds is not kept waiting for a server that may never come.
+    pEntry->Cut_Short = false;
     pEntry->Brief = Images_Take_Part();
     if (Net_Send_Wait(pEntry, sizeof Reply) <= 0)
         RtlZeroMemory(&Reply, sizeof Reply);

@@ -44,11 +44,13 @@ static LONG Route_Network(RW_Entry* pEntry, const RW_Req* pReq, LONG Bytes, LONG
     return Net_Send_Wait(pEntry, Bytes) > 0 ? Bytes : -Bytes;
 }
 
-// Each backend returns the bytes that it has done, or -m: the first m bytes go to the next one.
+// Each backend returns the bytes that it has done, or -m: the first m bytes go to the next one. A server that was
+// not waited for, since the image might serve in its stead, has its time after all when the image lacks the data.
 LONG Route_Piece(RW_Entry* pEntry, RW_Req* pReq, LONG Left)
 {
     bool Images = Images_Take_Part();
     pEntry->Server_Failed = false;
+    pEntry->Cut_Short = false;
     LONG Done = Images ? Img_Route(pEntry, pReq, Left) : -Left;
     if (Done > 0)
         return Done;
@@ -58,10 +60,14 @@ LONG Route_Piece(RW_Entry* pEntry, RW_Req* pReq, LONG Left)
         Done = Route_Cache(pEntry, pReq, -Done);
     if (Done < 0)
         Done = Route_Network(pEntry, pReq, -Done, Left);
+    if (Done < 0 && Images && !Let_Go(pEntry))
+        Done = Img_Server_Lost(pEntry, pReq, -Done);
+    if (Done < 0 && pEntry->Cut_Short) {
+        pEntry->Server_Failed = false;
+        Done = Route_Network(pEntry, pReq, -Done, Left);
+    }
     if (Let_Go(pEntry))
         return Done > 0 ? Done : Left;
-    if (Done < 0 && Images)
-        Done = Img_Server_Lost(pEntry, pReq, -Done);
     if (Done < 0) {
         pReq->Status = Req_Failed;
         return Left;

@@ -229,8 +229,10 @@ After_Time_Out Time_Out(RW_Entry* pEntry)
     Limit_Retries_At_Shutdown(pEntry);
     if (pEntry->Retry_Left == 0 && Gives_Up(pEntry))
         return After_Time_Out::Failed;
-    if (Is_System_Read(pEntry) && Reads_May_End())
+    if (Is_System_Read(pEntry) && !pEntry->Cut_Short && Reads_May_End()) {
+        pEntry->Cut_Short = true;
         return After_Time_Out::Failed;
+    }
     if (pEntry->Hold == Hold_Kind::Loose && Must_Let_Go(pEntry->Lun)) {
         Spend(pEntry, Budget < 0 ? 0 : Budget - pEntry->Retry_Left + 1);
         pEntry->Hold = Hold_Kind::Let_Go;

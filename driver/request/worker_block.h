@@ -56,6 +56,7 @@ struct RW_Entry {
                          // at the slave server below 0
     bool Has_Slot;       // the chunk in progress holds one of its disk's Free_Slots
     bool Server_Failed;  // the disk's server has failed the run in progress
+    bool Cut_Short;      // the server was not waited for to the end, as an image may have what is read
     bool Brief;          // patience of about 10 s, whatever the disk's
     PVOID pNotify;       // the Hw_Ext that time-outs of the request in progress are told to, or null
     Pkt_Setup Setup;

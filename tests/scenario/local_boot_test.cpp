@@ -253,6 +253,31 @@ TEST(LocalBoot, Image_serves_when_its_server_stays_silent)
     }
 }
 
+TEST(LocalBoot, What_an_image_that_was_not_checked_lacks_has_the_patience_of_its_disk)
+{
+    machine::LocalDisk disk(8000);
+    partition(disk);
+    LocalBoot start(disk, server_image(1, {1, 1, 0, 1}), {.retry_mins = 1});
+    start.run([&] {
+        start.main.stop();
+        ASSERT_TRUE(start.write(0, 1, pattern(1, 65536, 50)));
+        start.machine.sleep_ms(20'000);
+        Pending comes_back(start);
+        comes_back.read(0, 129, 4096);
+        start.machine.sleep_ms(5'000);
+        start.main.start();
+        comes_back.wait();
+        EXPECT_TRUE(comes_back.ok());
+        EXPECT_EQ(comes_back.data(), pattern(129, 4096, 9));
+        start.main.stop();
+        Pending stays_away(start);
+        stays_away.read(0, 385, 4096).wait();
+        EXPECT_FALSE(stays_away.ok());
+        EXPECT_GE(stays_away.took_ms(), 55'000);
+        EXPECT_LE(stays_away.took_ms(), 80'000);
+    });
+}
+
 TEST(LocalBoot, Server_image_that_is_replaced_during_the_run_fails_it)
 {
     const Bytes image = server_image(1, {1, 1, 0, 1}), other = server_image(1, {7, 7, 0, 7}, 4712);
