@@ -44,8 +44,9 @@ static LONG Route_Network(RW_Entry* pEntry, const RW_Req* pReq, LONG Bytes, LONG
     return Net_Send_Wait(pEntry, Bytes) > 0 ? Bytes : -Bytes;
 }
 
-// Each backend returns the bytes that it has done, or -m: the first m bytes go to the next one. A server that was
-// not waited for, since the image might serve in its stead, has its time after all when the image lacks the data.
+// Each backend returns the bytes that it has done, or -m: the first m bytes go to the next one. A server that
+// was not waited for, since the image might serve in its stead, has its time after all when the image lacks
+// the data.
 LONG Route_Piece(RW_Entry* pEntry, RW_Req* pReq, LONG Left)
 {
     bool Images = Images_Take_Part();

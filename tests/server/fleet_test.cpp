@@ -81,7 +81,7 @@ TEST(A_fleet, Refuses_the_second_writer_of_an_exclusive_disk_until_the_first_shu
     Pc first(room, 0), second(room, 1);
     first.boot(1), second.boot(1);
     ASSERT_TRUE(first.write(0, 512, 1));
-    Packet refused = second.addressed(make_write(0, 512, 1, 2));
+    Packet refused = second.addressed(make_write(0, 512, ++second.sequence, 2));
     for (const Bytes& bytes : refused.send())
         room.fleet->receive(second.at, bytes);
     room.pool.run_all();
